@@ -1,0 +1,41 @@
+// The sending end of the local channel: one message, one reply.
+#ifndef VELOCAST_IPCCLIENT_H
+#define VELOCAST_IPCCLIENT_H
+
+#include "IpcBasic.h"
+
+class CIpcWaits;
+
+// Made for one exchange.  The caller fills the request of GetDataInst, sends it, and reads the
+// reply.
+class CIpcClient : public CIpcBasic {
+public:
+    // With pWaits (borrowed, may be null) a stop of the service ends the exchange.
+    CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, CIpcWaits* pWaits = nullptr);
+
+    // Both buffers start as zeros.
+    IpcDataInst* GetDataInst() { return &m_IpcDataInst; }
+
+    // True when a reply came; waits for it without a limit.  pcError points to STATUS_SIZE bytes.
+    bool SendRequest(const char* pcChannel, char* pcError);
+    // Logs the error instead.
+    bool SendRequest(const char* pcChannel);
+
+    // The value of the reply, or false, 0, -1 and null when it is of another kind.
+    bool GetBoolReply() const;
+    long GetLongReply() const;
+    int GetIntReply() const;
+    const char* GetExptReply();
+    const char* GetMsgReply();
+
+private:
+    bool IsReply(IPC_REPLY_TYPE iType) const;
+    const char* GetTextReply(IPC_REPLY_TYPE iType);
+    // The exchange on an open socket.
+    bool Exchange(LogArgu* pLogArgu, int iSocket, const char* pcChannel, char* pcError);
+
+    CIpcWaits* m_pWaits;
+    IpcDataInst m_IpcDataInst{};
+};
+
+#endif

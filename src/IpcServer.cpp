@@ -1,0 +1,612 @@
+#include "IpcServer.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "NfsMain.h"
+#include "RuntimeParam.h"
+
+namespace {
+
+constexpr int BACKLOG = 5;
+constexpr int SOCKET_FILE_MODE = 0777;    // processes of other users may connect
+constexpr std::size_t MAX_WAITING = 256;  // silent connections; one more drops the oldest
+constexpr int PAUSE_MS = 100;
+
+constexpr int INTERRUPTED = -1;
+constexpr int FAILED = -2;
+
+// "Fail ... %s" with the system's text for an error number.
+bool Fail(char* pcError, const char* pcFmt, int iError) {
+    char cReason[STATUS_SIZE] = "";
+    CUtilities::GetLastErrorText(cReason, iError);
+    CUtilities::SetStatus(pcError, pcFmt, cReason);
+    return false;
+}
+
+}  // namespace
+
+CIpcServer::CIpcServer(CNfsMain* pNfsHandle)
+    : CIpcBasic(pNfsHandle->GetUtils(), pNfsHandle->GetRuntimeParam()), m_pNfsHandle(pNfsHandle) {
+    m_IpcServerInst.iSocket = -1;
+    if (pipe(m_iWake) == 0) {
+        for (const int fd : m_iWake) {
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+CIpcServer::~CIpcServer() {
+    Close();
+    for (const int fd : m_iWake) {
+        if (fd != -1) {
+            close(fd);
+        }
+    }
+}
+
+// =================================================================================================
+// Opening and closing
+// =================================================================================================
+
+bool CIpcServer::Open(const char* pcChannel) {
+    char cError[STATUS_SIZE] = "";
+    const bool bOk = Open(pcChannel, cError);
+    if (!bOk && m_pRuntimeParam->IsLogError()) {
+        LogError("[%s] %s", "IpcServer.Open", cError);
+    }
+    return bOk;
+}
+
+bool CIpcServer::Open(const char* pcChannel, char* pcError) {
+    LogArgu logArgu{"IpcServer.Open"};
+    if (pcChannel == nullptr) {
+        CUtilities::SetStatus(pcError, "Channel is not defined");
+        return false;
+    }
+    if (m_bOpened) {
+        CUtilities::SetStatus(pcError, "Channel already opened");
+        return false;
+    }
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
+    }
+    m_bOpened = true;
+    if (!OpenSocket(&logArgu, pcChannel, pcError)) {
+        Close();
+        return false;
+    }
+    return true;
+}
+
+bool CIpcServer::OpenSocket(LogArgu* pLogArgu, const char* pcChannel, char* pcError) {
+    IpcServerInst& inst = m_IpcServerInst;
+    inst.iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int iError = errno;
+    inst.socketAddr = {};
+    inst.socketAddr.sun_family = AF_UNIX;
+    if (!SetIpcText(inst.socketAddr.sun_path, pcChannel)) {
+        inst.socketAddr.sun_path[0] = '\0';  // a cut name would be somebody else's channel
+        return Fail(pcError, "Fail to bind ipc server socket. %s", ENAMETOOLONG);
+    }
+    std::remove(pcChannel);  // left by an earlier run
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfo("[%s] Bind ipc server socket", pLogArgu->pcName);
+    }
+    if (inst.iSocket == -1) {
+        return Fail(pcError, "Fail to bind ipc server socket. %s", iError);
+    }
+    if (bind(inst.iSocket, reinterpret_cast<const sockaddr*>(&inst.socketAddr),
+             sizeof(inst.socketAddr)) == -1) {
+        return Fail(pcError, "Fail to bind ipc server socket. %s", errno);
+    }
+    if (m_pUtilities->OS_SetFileMode(m_pRuntimeParam, pLogArgu, pcChannel, SOCKET_FILE_MODE,
+                                     pcError) == -1) {
+        return false;
+    }
+    if (listen(inst.iSocket, BACKLOG) == -1) {
+        return Fail(pcError, "Fail to listen ipc server socket. %s", errno);
+    }
+    return true;
+}
+
+bool CIpcServer::Close() {
+    char cError[STATUS_SIZE] = "";
+    const bool bOk = Close(cError);
+    if (!bOk && m_pRuntimeParam->IsLogError()) {
+        LogError("[%s] %s", "IpcServer.Close", cError);
+    }
+    return bOk;
+}
+
+bool CIpcServer::Close(char* /*pcError*/) {
+    LogArgu logArgu{"IpcServer.Close"};
+    if (!m_bOpened.exchange(false)) {
+        return true;
+    }
+    CloseWaiting();
+    IpcServerInst& inst = m_IpcServerInst;
+    if (inst.iSocket != -1) {
+        shutdown(inst.iSocket, SHUT_RDWR);
+        close(inst.iSocket);
+    }
+    const char* pcChannel = inst.socketAddr.sun_path;
+    if (*pcChannel != '\0') {
+        std::remove(pcChannel);
+        if (CUtilities::OS_IsFileExists(pcChannel)) {
+            m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
+        }
+    }
+    inst = {};
+    inst.iSocket = -1;
+    return true;
+}
+
+void CIpcServer::CloseWaiting() {
+    for (const int fd : m_vWaiting) {
+        close(fd);
+    }
+    m_vWaiting.clear();
+}
+
+void CIpcServer::Interrupt() {
+    m_bInterrupted = true;
+    const char c = 0;
+    [[maybe_unused]] const ssize_t iWritten = write(m_iWake[1], &c, 1);  // stays readable
+}
+
+// =================================================================================================
+// Serving a connection
+// =================================================================================================
+
+void CIpcServer::Pause() {
+    struct pollfd wake {
+        m_iWake[0], POLLIN, 0
+    };
+    poll(&wake, 1, PAUSE_MS);
+}
+
+bool CIpcServer::ReadRequest() {
+    // Its lines have always carried this name; logs are searched for it.
+    const LogArgu logArgu{"IpcServer.SendRequest"};
+    if (m_bAutoShutdownRequested) {
+        if (m_pRuntimeParam->IsLogIpcState()) {
+            LogInfo("[%s] Waiting to auto shutdown", logArgu.pcName);
+        }
+        Pause();
+        return false;
+    }
+    char cError[STATUS_SIZE] = "";
+    const bool bOk = ReadRequest(cError);
+    if (!bOk) {
+        if (m_pRuntimeParam->IsLogError()) {
+            LogError("[%s] %s", logArgu.pcName, cError);
+        }
+    }
+    if (m_bAutoShutdownRequested) {
+        m_pNfsHandle->RequestAutoShutdown();
+    }
+    return bOk;
+}
+
+bool CIpcServer::ReadRequest(char* pcError) {
+    LogArgu logArgu{"IpcServer.ReadRequest"};
+    const bool bLogState = m_pRuntimeParam->IsLogIpcState();
+    const auto log = [&](const char* pcFmt) {
+        if (bLogState) {
+            LogInfo(pcFmt, logArgu.pcName);
+        }
+    };
+    log("[%s] Start");
+    if (!m_bOpened) {
+        CUtilities::SetStatus(pcError, "Channel not yet opened.");
+        return false;
+    }
+    if (m_IpcServerInst.iSocket == -1) {
+        log("[%s] Socket closed");
+        return true;
+    }
+    log("[%s] Accept ipc request");
+    const int iConnection = WaitForMessage(pcError);
+    if (iConnection == INTERRUPTED) {
+        log("[%s] Socket closed");
+        return true;
+    }
+    if (iConnection == FAILED) {
+        Pause();  // a failure that lasts must not keep a core busy
+        return false;
+    }
+    log("[%s] Read ipc request");
+    const bool bOk = ServeConnection(&logArgu, iConnection, pcError);
+    close(iConnection);
+    return bOk;
+}
+
+int CIpcServer::WaitForMessage(char* pcError) {
+    for (;;) {
+        std::vector<struct pollfd> vPoll;
+        vPoll.push_back({m_iWake[0], POLLIN, 0});
+        vPoll.push_back({m_IpcServerInst.iSocket, POLLIN, 0});
+        for (const int fd : m_vWaiting) {
+            vPoll.push_back({fd, POLLIN, 0});
+        }
+        const int iReady = poll(vPoll.data(), vPoll.size(), -1);
+        const int iError = errno;
+        if (m_bInterrupted) {
+            return INTERRUPTED;
+        }
+        if (iReady == -1) {
+            if (iError == EINTR) {
+                continue;
+            }
+            Fail(pcError, "Fail to accept ipc request. %s", iError);
+            return FAILED;
+        }
+        const auto itReady = std::find_if(vPoll.begin() + 2, vPoll.end(),
+                                          [](const auto& entry) { return entry.revents != 0; });
+        if (itReady != vPoll.end()) {
+            m_vWaiting.erase(m_vWaiting.begin() + (itReady - vPoll.begin() - 2));
+            return itReady->fd;
+        }
+        if (vPoll[1].revents != 0) {
+            const int iConnection =
+                accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+            if (iConnection == -1) {
+                Fail(pcError, "Fail to accept ipc request. %s", errno);
+                return FAILED;
+            }
+            m_vWaiting.push_back(iConnection);
+            if (m_vWaiting.size() > MAX_WAITING) {
+                close(m_vWaiting.front());
+                m_vWaiting.pop_front();
+            }
+        }
+    }
+}
+
+bool CIpcServer::ServeConnection(LogArgu* pLogArgu, int iConnection, char* pcError) {
+    IpcDataInst& data = m_IpcServerInst.data;
+    const ssize_t iRead = recv(iConnection, data.request.cBuf, sizeof(data.request.cBuf), 0);
+    if (iRead == -1) {
+        return Fail(pcError, "Fail to read ipc request. %s", errno);
+    }
+    if (iRead == 0) {
+        return true;  // closed without a message: what an earlier one left is not executed again
+    }
+    data.request.lDataLen = static_cast<std::int32_t>(iRead);
+    ParseData(pLogArgu, &data);
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfo("[%s] Send ipc reply", pLogArgu->pcName);
+    }
+    const ssize_t iSent = send(iConnection, data.reply.cBuf,
+                               static_cast<std::size_t>(data.reply.lDataLen), MSG_NOSIGNAL);
+    if (iSent == -1) {
+        return Fail(pcError, "Fail to send ipc reply. %s", errno);
+    }
+    if (iSent != data.reply.lDataLen) {
+        LogError("Fail to send ipc complete reply. (Send = %d, Target = %ld)",
+                 static_cast<int>(iSent), static_cast<long>(data.reply.lDataLen));
+    }
+    return true;
+}
+
+// =================================================================================================
+// Executing a message
+// =================================================================================================
+
+void CIpcServer::ReplyBool(IpcDataInst* pData, bool bVal) {
+    InitialReplyData(&pData->reply, IPC_REPLY_TYPE_BOOL);
+    auto reply = pData->reply.Get<IpcReply_Int>();  // the whole word, so that its padding is zero
+    reply.iVal = bVal ? 1 : 0;
+    pData->reply.Put(reply);
+}
+
+void CIpcServer::ReplyInt(IpcDataInst* pData, int iVal) {
+    InitialReplyData(&pData->reply, IPC_REPLY_TYPE_INT);
+    auto reply = pData->reply.Get<IpcReply_Int>();
+    reply.iVal = iVal;
+    pData->reply.Put(reply);
+}
+
+void CIpcServer::ReplyText(IpcDataInst* pData, IPC_REPLY_TYPE iType) {
+    InitialReplyData(&pData->reply, iType);
+}
+
+void CIpcServer::ReplyResult(IpcDataInst* pData, bool bOk) {
+    if (bOk) {
+        ReplyBool(pData, true);
+    } else {
+        ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+    }
+}
+
+void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pData) {
+    PrintData(pLogArgu, &pData->request);
+    std::memset(pData->reply.cBuf, 0, sizeof(pData->reply.cBuf));
+    char* pcText = pData->reply.cBuf + offsetof(IpcReply_Message, cMsg);
+    const auto header = pData->request.Get<Ipc_Header>();
+    switch (header.iGroup) {
+        case IPC_GROUP_REQUEST:
+            ProcessRequest(pData, header.iType);
+            break;
+        case IPC_GROUP_CALLBACK:
+            ProcessCallback(pData, header.iType);
+            break;
+        case IPC_GROUP_REPLY:
+            CUtilities::SetStatus(pcText, "Reply action group is not support (%d)", header.iType);
+            ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+            break;
+        default:
+            CUtilities::SetStatus(pcText, "Unknown action group: %d (%d)", header.iGroup,
+                                  header.iType);
+            ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+            break;
+    }
+    PrintData(pLogArgu, &pData->reply);
+}
+
+void CIpcServer::ProcessRequest(IpcDataInst* pData, int iType) {
+    CNfsMain* pMain = m_pNfsHandle;
+    const IpcDataBuf& buf = pData->request;
+    char* pcText = pData->reply.cBuf + offsetof(IpcReply_Message, cMsg);
+    // The parameters of a listing: own identity, and the requester's channel for its lines.  In a
+    // controlling process the identity would ask the server for lines on this very channel, which
+    // takes none before this request is done: both processes would wait for ever.
+    const auto listingParam = [this](const std::string& sIpcID) {
+        const bool bForwarded = m_pNfsHandle->GetAccessMode() == ACCESS_MODE_IPC_CLIENT;
+        auto pParam = std::make_unique<CRuntimeParam>(bForwarded ? "" : m_pRuntimeParam->GetID(),
+                                                      m_pRuntimeParam->GetLogControl());
+        pParam->SetIpcID(sIpcID.c_str());
+        return pParam;
+    };
+    switch (iType) {
+        case IPC_REQUEST_TYPE_GET_VERSION:
+            pMain->GetVersion(pcText);
+            ReplyText(pData, IPC_REPLY_TYPE_MSG);
+            break;
+        case IPC_REQUEST_TYPE_GET_DESCRIPTION:
+            pMain->GetDescription(pcText);
+            ReplyText(pData, IPC_REPLY_TYPE_MSG);
+            break;
+        case IPC_REQUEST_TYPE_IS_SERVER_RUNNING:
+            ReplyBool(pData, pMain->IsServerRunning());
+            break;
+        case IPC_REQUEST_TYPE_START: {
+            const auto request = buf.Get<IpcRequest_Start>();
+            ReplyResult(pData, pMain->StartServer(
+                                   request.iMountPort, request.iNfsPort, request.iUId, request.iGId,
+                                   buf.GetBool(offsetof(IpcRequest_Start, bReadOnly)), pcText));
+            break;
+        }
+        case IPC_REQUEST_TYPE_ADD_MOUNT_POINT: {
+            const auto request = buf.Get<IpcRequest_AddMountPoint>();
+            ReplyResult(pData, pMain->AddMountPoint(GetIpcText(request.cLocalMountFolder).c_str(),
+                                                    GetIpcText(request.cExportName).c_str(),
+                                                    GetIpcText(request.cIpcID).c_str(), pcText));
+            break;
+        }
+        case IPC_REQUEST_TYPE_REMOVE_MOUNT_POINT: {
+            const auto request = buf.Get<IpcRequest_RemoveMountPoint>();
+            pMain->RemoveMountPoint(GetIpcText(request.cLocalMountFolder).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_ADD_SESSION: {
+            const auto request = buf.Get<IpcRequest_AddSession>();
+            pMain->AddSessionInfo(GetIpcText(request.cSessionID).c_str(),
+                                  GetIpcText(request.cLocalMountFolder).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_REMOVE_SESSION: {
+            const auto request = buf.Get<IpcRequest_RemoveSession>();
+            pMain->RemoveSessionInfo(GetIpcText(request.cSessionID).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_IS_SESSION_EXIST: {
+            const auto request = buf.Get<IpcRequest_IsSessionExists>();
+            ReplyBool(pData, pMain->IsSessionExists(GetIpcText(request.cSessionID).c_str()));
+            break;
+        }
+        case IPC_REQUEST_TYPE_OPEN_RD_FILE: {
+            const auto request = buf.Get<IpcRequest_OpenRedirectedFile>();
+            pMain->OpenRedirectedFile(
+                GetIpcText(request.cPath).c_str(), request.iSize,
+                buf.GetBool(offsetof(IpcRequest_OpenRedirectedFile, bCreateInfoFile)),
+                request.iInfoFileSegmentSizeMB, request.iInfoFileCheckPointSizeMB);
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_CLOSE_RD_FILE: {
+            const auto request = buf.Get<IpcRequest_CloseRedirectedFile>();
+            pMain->CloseRedirectedFile(GetIpcText(request.cPath).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_CLOSE_ALL_RD_FILE: {
+            const auto request = buf.Get<IpcRequest_CloseAllRedirectedFiles>();
+            pMain->CloseAllRedirectedFiles(GetIpcText(request.cPath).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_ADD_RD_FILE_SEG: {
+            const auto request = buf.Get<IpcRequest_AddRedirectedFileSegment>();
+            ReplyResult(pData,
+                        pMain->AddRedirectedFileSegment(
+                            GetIpcText(request.cPath).c_str(), GetIpcText(request.cSrcPath).c_str(),
+                            request.iSrcFileOffset, request.iOffset, request.iLength, pcText));
+            break;
+        }
+        case IPC_REQUEST_TYPE_EXPORT_RD_FILE: {
+            const auto request = buf.Get<IpcRequest_ExportRedirectedFile>();
+            pMain->ExportRedirectedFile(GetIpcText(request.cPath).c_str(),
+                                        GetIpcText(request.cExportPath).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_EXPORT_RD_FILE_INFO: {
+            const auto request = buf.Get<IpcRequest_ExportRedirectedFileInfo>();
+            pMain->ExportRedirectedFileInfo(
+                GetIpcText(request.cPath).c_str(), GetIpcText(request.cExportPath).c_str(),
+                buf.GetBool(offsetof(IpcRequest_ExportRedirectedFileInfo, bMergeRange)));
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_CLOSE_FILE: {
+            const auto request = buf.Get<IpcRequest_CloseOpenedFile>();
+            pMain->CloseCachedFileHandle(GetIpcText(request.cPath).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_CLOSE_ALL_FILE: {
+            const auto request = buf.Get<IpcRequest_CloseAllOpenedFiles>();
+            pMain->CloseAllCachedFileHandles(GetIpcText(request.cPath).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_SET_LOG_CTRL:
+            pMain->SetLogControl(buf.Get<IpcRequest_SetLogControl>().iLogControl);
+            ReplyBool(pData, true);
+            break;
+        case IPC_REQUEST_TYPE_GET_MOUNT_INFO: {
+            const auto request = buf.Get<IpcRequest_GetMountInfo>();
+            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            ReplyInt(pData, pMain->GetMountInfo(
+                                pParam.get(),
+                                buf.GetBool(offsetof(IpcRequest_GetMountInfo, bClientMountedOnly)),
+                                buf.GetBool(offsetof(IpcRequest_GetMountInfo, bPrintDetails))));
+            break;
+        }
+        case IPC_REQUEST_TYPE_GET_SESSION_INFO: {
+            const auto request = buf.Get<IpcRequest_GetSessionInfo>();
+            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            ReplyInt(pData, pMain->GetSessionInfo(
+                                pParam.get(),
+                                buf.GetBool(offsetof(IpcRequest_GetSessionInfo, bPrintDetails))));
+            break;
+        }
+        case IPC_REQUEST_TYPE_RUN_TEST_MODE: {
+            const auto request = buf.Get<IpcRequest_RunTestMode>();
+            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            pMain->RunTestMode(pParam.get(), GetIpcText(request.cDirPath).c_str(),
+                               request.iFileSize);
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_AUTO_SHUTDOWN: {
+            const bool bEnabled = pMain->IsAutoShutdownEnabled();
+            if (bEnabled) {
+                m_bAutoShutdownRequested = true;
+            }
+            ReplyBool(pData, bEnabled);
+            break;
+        }
+        case IPC_REQUEST_TYPE_GET_SERVER_STATUS:
+            ReplyInt(pData, pMain->GetServerStatus());
+            break;
+        case IPC_REQUEST_TYPE_SET_DEBUG_ACTION_ENABLED:
+            pMain->SetDebugActionEnabled(buf.GetBool(offsetof(IpcRequest_SetBoolean, bVal)));
+            ReplyBool(pData, true);
+            break;
+        case IPC_REQUEST_TYPE_GET_VSPHERE_INFO: {
+            const auto request = buf.Get<IpcRequest_GetVSphereInfo>();
+            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            ReplyInt(pData, pMain->GetVSphereInfo(
+                                pParam.get(),
+                                buf.GetBool(offsetof(IpcRequest_GetVSphereInfo, bPrintDetails))));
+            break;
+        }
+        case IPC_REQUEST_TYPE_ADD_VSPHERE_INFO: {
+            auto request = buf.Get<IpcRequest_AddVSphereInfo>();
+            std::string sPwd = GetIpcText(request.cPwd);
+            pMain->AddVSphereInfo(
+                GetIpcText(request.cDatastoreMoid).c_str(), GetIpcText(request.cHost).c_str(),
+                GetIpcText(request.cPort).c_str(), GetIpcText(request.cUser).c_str(), sPwd.c_str());
+            // The password stays in the table alone.
+            explicit_bzero(sPwd.data(), sPwd.size());
+            explicit_bzero(request.cPwd, sizeof(request.cPwd));
+            explicit_bzero(pData->request.cBuf + offsetof(IpcRequest_AddVSphereInfo, cPwd),
+                           sizeof(request.cPwd));
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO: {
+            const auto request = buf.Get<IpcRequest_RemoveVSphereInfo>();
+            pMain->RemoveVSphereInfo(GetIpcText(request.cDatastoreMoid).c_str());
+            ReplyBool(pData, true);
+            break;
+        }
+        default:
+            CUtilities::SetStatus(pcText, "Unknown request type (%d)", iType);
+            ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+            break;
+    }
+}
+
+void CIpcServer::ProcessCallback(IpcDataInst* pData, int iType) {
+    const IpcDataBuf& buf = pData->request;
+    switch (iType) {
+        case IPC_CALLBACK_TYPE_MESSAGE: {
+            const auto callback = buf.Get<IpcCb_LogMessage>();
+            const std::string sID = GetIpcText(callback.cID);
+            std::string sMessage = GetIpcText(callback.cMsg);
+            if (callback.iType == IPC_MESSAGE_TYPE_ERROR) {
+                m_pUtilities->LogError(sID.c_str(), sMessage.data());
+            } else if (callback.iType == IPC_MESSAGE_TYPE_RAW) {
+                m_pUtilities->LogRaw(sID.c_str(), sMessage.data());
+            } else {
+                m_pUtilities->LogInfo(sID.c_str(), sMessage.data());
+            }
+            ReplyBool(pData, true);
+            break;
+        }
+        case IPC_CALLBACK_TYPE_SET_RD_FILE_ATTR: {
+            using Callback = IpcCb_SetRedirectedFileAttributes;
+            const auto callback = buf.Get<Callback>();
+            ReplyInt(pData,
+                     m_pUtilities->LogUpdateRedirectedFileAttributes(
+                         GetIpcText(callback.cID).c_str(), GetIpcText(callback.cPath).c_str(),
+                         buf.GetBool(offsetof(Callback, bSize)), callback.iSize,
+                         buf.GetBool(offsetof(Callback, bAccessTime)), callback.lAccessTimeSec,
+                         buf.GetBool(offsetof(Callback, bLastModifiedTime)),
+                         callback.lLastModifiedTimeSec));
+            break;
+        }
+        case IPC_CALLBACK_TYPE_REMOVE_RD_FILE: {
+            const auto callback = buf.Get<IpcCb_RemoveRedirectedFile>();
+            ReplyInt(pData,
+                     m_pUtilities->LogRemoveRedirectedFile(GetIpcText(callback.cID).c_str(),
+                                                           GetIpcText(callback.cPath).c_str()));
+            break;
+        }
+        case IPC_CALLBACK_TYPE_RENAME_RD_FILE: {
+            const auto callback = buf.Get<IpcCb_RenameRedirectedFile>();
+            ReplyInt(pData,
+                     m_pUtilities->LogRenameRedirectedFile(GetIpcText(callback.cID).c_str(),
+                                                           GetIpcText(callback.cPathFm).c_str(),
+                                                           GetIpcText(callback.cPathTo).c_str()));
+            break;
+        }
+        case IPC_CALLBACK_TYPE_WRITE_RD_FILE: {
+            const auto callback = buf.Get<IpcCb_WriteRedirectedFile>();
+            ReplyInt(pData, m_pUtilities->LogWriteRedirectedFile(GetIpcText(callback.cID).c_str(),
+                                                                 GetIpcText(callback.cPath).c_str(),
+                                                                 callback.iSeek, callback.iSeekType,
+                                                                 callback.iLen));
+            break;
+        }
+        default:
+            CUtilities::SetStatus(pData->reply.cBuf + offsetof(IpcReply_Message, cMsg),
+                                  "Unknown callback type (%d)", iType);
+            ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+            break;
+    }
+}

@@ -1,0 +1,36 @@
+// The MOUNT program 100005 (RFC 1813, appendix I): export names become root file handles.
+#ifndef VELOCAST_MOUNTPROG_H
+#define VELOCAST_MOUNTPROG_H
+
+#include <string>
+
+#include "RpcProg.h"
+
+struct LogArgu;
+
+// The text of an XDR path or name argument.
+struct COpaquePath {
+    std::string sPath;
+};
+
+// Stateless: who has an export mounted is kept with the exports.  The version of a call is not
+// checked; version 1 gets its own reply to MNT.
+class CMountProg : public CRpcProg {
+public:
+    explicit CMountProg(CUtilities* pUtilities);
+
+    int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
+    std::uint32_t GetMaxSupportProc() override;
+
+    int ProcedureNULL(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureMNT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureUMNT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureNOIMP(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+
+    // Reads one XDR string.  False for a null target, and for a text of 4096 bytes or more, whose
+    // bytes are left unread.  Throws CDataTruncatedExpt.
+    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
+                  COpaquePath* pPath);
+};
+
+#endif

@@ -1,0 +1,1235 @@
+#include "Nfs3Prog.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "DataException.h"
+#include "InputStream.h"
+#include "OutputStream.h"
+#include "RuntimeParam.h"
+#include "Utilities.h"
+
+namespace {
+
+// FSINFO properties (RFC 1813, section 3.3.19).
+constexpr std::uint32_t FSF3_HOMOGENEOUS = 0x0008;
+constexpr std::uint32_t FSF3_CANSETTIME = 0x0010;
+
+// ACCESS bits that a read-only server takes from the grant: modify, extend, delete, execute.
+constexpr std::uint32_t ACCESS3_CHANGE = 0x04 | 0x08 | 0x10 | 0x20;
+
+constexpr std::uint32_t MAX_READ = 65536;   // bytes of one READ
+constexpr std::uint32_t MAX_WRITE = 16384;  // bytes of one WRITE
+constexpr std::uint32_t TRANSFER_MULTIPLE = 512;
+constexpr std::uint32_t PREFERRED_READDIR = 8192;
+constexpr std::uint32_t FILE_SYNC = 2;
+constexpr int MAX_ENTRIES = 10;  // of one listing reply, whatever size the client allows
+constexpr unsigned int DEFAULT_FOLDER_MODE = 0755;
+
+constexpr std::uint32_t CREATE_UNCHECKED = 0;
+constexpr std::uint32_t CREATE_GUARDED = 1;
+constexpr std::uint32_t CREATE_EXCLUSIVE = 2;
+
+constexpr std::uint32_t SET_TO_CLIENT_TIME = 2;
+
+using Procedure = int (CNfs3Prog::*)(CInputStream*, COutputStream*, ProcessParam*);
+
+constexpr Procedure PROCEDURES[] = {
+    &CNfs3Prog::ProcedureNULL,         // 0
+    &CNfs3Prog::ProcedureGETATTR,      // 1
+    &CNfs3Prog::ProcedureSETATTR,      // 2
+    &CNfs3Prog::ProcedureLOOKUP,       // 3
+    &CNfs3Prog::ProcedureACCESS,       // 4
+    &CNfs3Prog::ProcedureREADLINK,     // 5
+    &CNfs3Prog::ProcedureREAD,         // 6
+    &CNfs3Prog::ProcedureWRITE,        // 7
+    &CNfs3Prog::ProcedureCREATE,       // 8
+    &CNfs3Prog::ProcedureMKDIR,        // 9
+    &CNfs3Prog::ProcedureSYMLINK,      // 10
+    &CNfs3Prog::ProcedureMKNOD,        // 11
+    &CNfs3Prog::ProcedureREMOVE,       // 12
+    &CNfs3Prog::ProcedureRMDIR,        // 13
+    &CNfs3Prog::ProcedureRENAME,       // 14
+    &CNfs3Prog::ProcedureLINK,         // 15
+    &CNfs3Prog::ProcedureREADDIR,      // 16
+    &CNfs3Prog::ProcedureREADDIRPLUS,  // 17
+    &CNfs3Prog::ProcedureFSSTAT,       // 18
+    &CNfs3Prog::ProcedureFSINFO,       // 19
+    &CNfs3Prog::ProcedurePATHCONF,     // 20
+    &CNfs3Prog::ProcedureCOMMIT,       // 21
+};
+static_assert(std::size(PROCEDURES) == 22);
+
+// Passes over a handle argument that the procedure does not resolve.
+void SkipHandle(CInputStream* pIn) {
+    COpaquePath unused;
+    CNfs3Prog::Read(pIn, &unused, true);
+}
+
+void SkipDirArgs(CInputStream* pIn) {
+    SkipHandle(pIn);
+    COpaquePath unused;
+    CNfs3Prog::Read(pIn, &unused, true);
+}
+
+bool IsDotName(const char* pcName) {
+    return std::strcmp(pcName, ".") == 0 || std::strcmp(pcName, "..") == 0;
+}
+
+// The next entry that is neither "." nor "..", or null at the end.
+const dirent* NextEntry(DIR* pDir) {
+    const dirent* pEntry = readdir(pDir);
+    while (pEntry != nullptr && IsDotName(pEntry->d_name)) {
+        pEntry = readdir(pDir);
+    }
+    return pEntry;
+}
+
+std::uint32_t FileType(mode_t iMode) {
+    switch (iMode & S_IFMT) {
+        case S_IFIFO:
+            return NF3FIFO;
+        case S_IFCHR:
+            return NF3CHR;
+        case S_IFDIR:
+            return NF3DIR;
+        case S_IFBLK:
+            return NF3BLK;
+        case S_IFREG:
+            return NF3REG;
+        case S_IFLNK:
+            return NF3LNK;
+        case S_IFSOCK:
+            return NF3SOCK;
+        default:
+            return NF3NONE;
+    }
+}
+
+}  // namespace
+
+CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
+    : CRpcProg(pUtilities),
+      m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()),
+      m_iFSF3Properties(FSF3_HOMOGENEOUS | FSF3_CANSETTIME) {}
+
+std::uint32_t CNfs3Prog::GetVersion() { return 3; }
+
+std::uint32_t CNfs3Prog::GetMaxSupportProc() { return std::size(PROCEDURES); }
+
+void CNfs3Prog::SetUserID(unsigned int uid, unsigned int gid) {
+    m_iUId = uid;
+    m_iGId = gid;
+}
+
+void CNfs3Prog::SetReadOnly(bool bReadOnly) { m_bReadOnly = bReadOnly; }
+
+int CNfs3Prog::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    const LogArgu logArgu{"Nfs3Prog.Process"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    if (m_pUtilities == nullptr) {
+        return PROG_RESULT_NOIMP;
+    }
+    LogCall(pRuntimeParam, logArgu);
+    if (pParam->iProc >= std::size(PROCEDURES)) {
+        return ProcedureNOIMP(pIn, pOut, pParam);
+    }
+    try {
+        return (this->*PROCEDURES[pParam->iProc])(pIn, pOut, pParam);
+    } catch (const CDataTruncatedExpt& e) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, e.what());
+        }
+        return PROG_RESULT_TRUNCATED;
+    } catch (...) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
+        }
+        return PROG_RESULT_GARBAGE;
+    }
+}
+
+void CNfs3Prog::LogCall(CRuntimeParam* pRuntimeParam, const LogArgu& logArgu) {
+    if (pRuntimeParam->IsLogProcFuncName()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s]", logArgu.pcName);
+    }
+}
+
+int CNfs3Prog::End(CRuntimeParam* pRuntimeParam, const LogArgu& logArgu, nfsstat3 stat) {
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] End stat=%d", logArgu.pcName,
+                              static_cast<int>(stat));
+    }
+    return PROG_RESULT_DONE;
+}
+
+// =================================================================================================
+// Readers
+// =================================================================================================
+
+void CNfs3Prog::Read(CInputStream* pIn, bool* pValue) {
+    std::uint32_t iValue = 0;
+    pIn->Read(&iValue);
+    *pValue = iValue == 1;
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, std::uint32_t* pValue) { pIn->Read(pValue); }
+
+void CNfs3Prog::Read(CInputStream* pIn, std::uint64_t* pValue) { pIn->Read8(pValue); }
+
+void CNfs3Prog::Read(CInputStream* pIn, nfstime3* pTime) {
+    pIn->Read(&pTime->seconds);
+    pIn->Read(&pTime->nseconds);
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, opaque* pOpaque) {
+    std::uint32_t iLen = 0;
+    pIn->Read(&iLen);
+    pOpaque->pBuf = pIn->GetCurrentBuffer();
+    pIn->Skip(iLen);
+    pIn->SkipRemainOpaque(iLen);
+    pOpaque->iBufLen = iLen;
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, sattr3* pAttr, bool bSkip) {
+    *pAttr = {};
+    const auto readValue = [&](bool* pbSet, auto* pValue) {
+        Read(pIn, pbSet);
+        if (!*pbSet) {
+            return;
+        }
+        if (bSkip) {
+            pIn->Skip(sizeof(*pValue));
+            *pbSet = false;
+        } else {
+            Read(pIn, pValue);
+        }
+    };
+    const auto readTime = [&](std::uint32_t* pHow, nfstime3* pTime) {
+        Read(pIn, pHow);
+        if (*pHow != SET_TO_CLIENT_TIME) {
+            return;  // the server's time goes on as time 0
+        }
+        if (bSkip) {
+            pIn->Skip(sizeof(*pTime));
+            *pHow = 0;
+        } else {
+            Read(pIn, pTime);
+        }
+    };
+    readValue(&pAttr->mode.set_it, &pAttr->mode.mode);
+    readValue(&pAttr->uid.set_it, &pAttr->uid.uid);
+    readValue(&pAttr->gid.set_it, &pAttr->gid.gid);
+    readValue(&pAttr->size.set_it, &pAttr->size.size);
+    readTime(&pAttr->atime.set_it, &pAttr->atime.atime);
+    readTime(&pAttr->mtime.set_it, &pAttr->mtime.mtime);
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, sattrguard3* pGuard) {
+    *pGuard = {};
+    Read(pIn, &pGuard->check);
+    if (pGuard->check) {
+        Read(pIn, &pGuard->obj_ctime);
+    }
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip) {
+    std::uint32_t iLen = 0;
+    pIn->Read(&iLen);
+    if (bSkip) {
+        pIn->Skip(iLen);
+    } else if (iLen < PATH_SIZE) {
+        char cPath[PATH_SIZE];
+        pIn->Read(cPath, iLen);
+        cPath[iLen] = '\0';
+        pPath->sPath = cPath;
+    } else {
+        pIn->Skip(iLen);
+        pPath->sPath.clear();
+    }
+    pIn->SkipRemainOpaque(iLen);
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, createhow3* pHow) {
+    *pHow = {};
+    Read(pIn, &pHow->mode);
+    if (pHow->mode == CREATE_UNCHECKED || pHow->mode == CREATE_GUARDED) {
+        Read(pIn, &pHow->obj_attributes, false);
+    } else if (pHow->mode == CREATE_EXCLUSIVE) {
+        Read(pIn, &pHow->verf);
+    }
+}
+
+void CNfs3Prog::Read(CInputStream* pIn, mknoddata3* pData, bool bSkip) {
+    *pData = {};
+    Read(pIn, &pData->type);
+    if (pData->type == NF3BLK || pData->type == NF3CHR) {
+        Read(pIn, &pData->dev_attributes, bSkip);
+        if (bSkip) {
+            pIn->Skip(sizeof(pData->dev_spec));
+        } else {
+            Read(pIn, &pData->dev_spec.specdata1);
+            Read(pIn, &pData->dev_spec.specdata2);
+        }
+    } else if (pData->type == NF3SOCK || pData->type == NF3FIFO) {
+        Read(pIn, &pData->pipe_attributes, bSkip);
+    }
+}
+
+// =================================================================================================
+// Writers
+// =================================================================================================
+
+void CNfs3Prog::Write(COutputStream* pOut, bool bValue) { pOut->Write(bValue ? 1U : 0U); }
+
+void CNfs3Prog::Write(COutputStream* pOut, std::uint32_t iValue) { pOut->Write(iValue); }
+
+void CNfs3Prog::Write(COutputStream* pOut, std::uint64_t iValue) { pOut->Write8(iValue); }
+
+void CNfs3Prog::Write(COutputStream* pOut, const nfstime3& time) {
+    Write(pOut, time.seconds);
+    Write(pOut, time.nseconds);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const specdata3& spec) {
+    Write(pOut, spec.specdata1);
+    Write(pOut, spec.specdata2);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const fattr3& attr) {
+    Write(pOut, attr.type);
+    Write(pOut, attr.mode);
+    Write(pOut, attr.nlink);
+    Write(pOut, attr.uid);
+    Write(pOut, attr.gid);
+    Write(pOut, attr.size);
+    Write(pOut, attr.used);
+    Write(pOut, attr.rdev);
+    Write(pOut, attr.fsid);
+    Write(pOut, attr.fileid);
+    Write(pOut, attr.atime);
+    Write(pOut, attr.mtime);
+    Write(pOut, attr.ctime);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const opaque& data, bool bLengthOnly) {
+    Write(pOut, data.iBufLen);
+    if (!bLengthOnly) {
+        pOut->Write(data.pBuf, data.iBufLen);
+        pOut->WriteRemainOpaque(data.iBufLen);
+    }
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const COpaquePath& path, bool bLengthOnly) {
+    const auto iLen = static_cast<std::uint32_t>(path.sPath.size());
+    Write(pOut, opaque{reinterpret_cast<const unsigned char*>(path.sPath.data()), iLen},
+          bLengthOnly);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const nfs_fh3& handle, bool bLengthOnly) {
+    Write(pOut, opaque{handle.cHandle, sizeof(handle.cHandle)}, bLengthOnly);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const post_op_attr& attr) {
+    Write(pOut, attr.attributes_follow);
+    if (attr.attributes_follow) {
+        Write(pOut, attr.attributes);
+    }
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const wcc_attr& attr) {
+    Write(pOut, attr.size);
+    Write(pOut, attr.mtime);
+    Write(pOut, attr.ctime);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const pre_op_attr& attr) {
+    Write(pOut, attr.attributes_follow);
+    if (attr.attributes_follow) {
+        Write(pOut, attr.attributes);
+    }
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const wcc_data& wcc) {
+    Write(pOut, wcc.before);
+    Write(pOut, wcc.after);
+}
+
+void CNfs3Prog::Write(COutputStream* pOut, const post_op_fh3& handle) {
+    Write(pOut, handle.handle_follows);
+    if (handle.handle_follows) {
+        Write(pOut, handle.handle, false);
+    }
+}
+
+// =================================================================================================
+// Paths and attributes
+// =================================================================================================
+
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
+                         COpaquePath* pPath) {
+    opaque handle;
+    Read(pIn, &handle);
+    char cPath[PATH_SIZE];
+    // A handle too short for a file ID belongs to nothing.
+    if (handle.iBufLen < 4 || !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, cPath,
+                                                         static_cast<int>(sizeof(cPath)))) {
+        return false;
+    }
+    pPath->sPath = cPath;
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, cPath);
+    }
+    return true;
+}
+
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
+                         diropargs3* pDirArgs, COpaquePath* pPath) {
+    if (!ReadPath(pRuntimeParam, pLogArgu, pIn, &pDirArgs->dir)) {
+        return false;
+    }
+    Read(pIn, &pDirArgs->name, false);
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path=%s, name=%s", pLogArgu->pcName,
+                              pDirArgs->dir.sPath.c_str(), pDirArgs->name.sPath.c_str());
+    }
+    char cJoined[PATH_SIZE];
+    char cPath[PATH_SIZE];
+    AppendFilePath(pDirArgs->dir.sPath.c_str(), pDirArgs->name.sPath.c_str(), cJoined);
+    m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, cJoined);
+    pPath->sPath = cPath;
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, cPath);
+    }
+    return true;
+}
+
+nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath) {
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    MountInfo mountInfo;
+    if (pcPath == nullptr ||
+        !m_pUtilities->GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, &mountInfo)) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
+        }
+        return NFS3ERR_IO;
+    }
+    pRuntimeParam->SetID(mountInfo.sExportName.c_str());
+    pRuntimeParam->SetIpcID(mountInfo.sIcpID.c_str());
+    return NFS3_OK;
+}
+
+nfsstat3 CNfs3Prog::CheckPath(const char* pcPath, bool bMustExist) {
+    if (pcPath == nullptr) {
+        return NFS3ERR_STALE;
+    }
+    return bMustExist && !CUtilities::OS_IsFileExists(pcPath) ? NFS3ERR_IO : NFS3_OK;
+}
+
+nfsstat3 CNfs3Prog::Check(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+                          bool bMustExist) {
+    const nfsstat3 stat = CheckProcessParam(pParam, pLogArgu, pcPath);
+    return stat == NFS3_OK ? CheckPath(pcPath, bMustExist) : stat;
+}
+
+nfsstat3 CNfs3Prog::CheckChange(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath) {
+    const nfsstat3 stat = Check(pParam, pLogArgu, pcPath, true);
+    if (stat == NFS3ERR_IO) {
+        return NFS3ERR_NOENT;
+    }
+    return m_bReadOnly ? NFS3ERR_ACCES : stat;
+}
+
+bool CNfs3Prog::GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                 const char* pcPath, nfs_fh3* pHandle) {
+    return pHandle != nullptr &&
+           m_pUtilities->GetFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle->cHandle,
+                                       static_cast<int>(sizeof(pHandle->cHandle)));
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                     const char* pcPath, fattr3* pAttr) {
+    struct stat data {};
+    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &data, nullptr) == -1) {
+        return false;
+    }
+    pAttr->type = FileType(data.st_mode);
+    const bool bDevice = pAttr->type == NF3CHR || pAttr->type == NF3BLK;
+    const auto iDevice = static_cast<std::uint32_t>(bDevice ? data.st_rdev : data.st_dev);
+    pAttr->rdev.specdata1 = iDevice >> 8 & 0xFF;
+    pAttr->rdev.specdata2 = iDevice & ~0xFF00U;
+    pAttr->mode = ConvertFileModeToNfsFileMode(data.st_mode);
+    pAttr->nlink = static_cast<std::uint32_t>(data.st_nlink);
+    pAttr->uid = data.st_uid;
+    pAttr->gid = data.st_gid;
+    pAttr->fsid = static_cast<std::uint32_t>(CUtilities::GetFileSystemID(pcPath));
+    pAttr->size = static_cast<std::uint64_t>(data.st_size);
+    if (pAttr->type == NF3REG) {
+        pAttr->size = static_cast<std::uint64_t>(
+            m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, data.st_size));
+    }
+    pAttr->used = pAttr->size;
+    // The inode number, not the file ID that listings report.
+    pAttr->fileid = static_cast<std::uint32_t>(data.st_ino);
+    pAttr->atime = {static_cast<std::uint32_t>(data.st_atime), 0};
+    pAttr->mtime = {static_cast<std::uint32_t>(data.st_mtime), 0};
+    pAttr->ctime = {static_cast<std::uint32_t>(data.st_ctime), 0};
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(
+            pRuntimeParam,
+            "[%s] Path=%s, type=%u, mode=%x, nlink=%u, uid=%u, gid=%u, size=%lld, used=%lld, "
+            "rdev.1=%u, rdev.2=%u, fsid=%llu, atime.s=%u, atime.ns=%u, mtime.s=%u, mtime.ns=%u, "
+            "ctime.s=%u, ctime.ns=%u",
+            pLogArgu->pcName, pcPath, pAttr->type, pAttr->mode, pAttr->nlink, pAttr->uid,
+            pAttr->gid, static_cast<long long>(pAttr->size), static_cast<long long>(pAttr->used),
+            pAttr->rdev.specdata1, pAttr->rdev.specdata2,
+            static_cast<unsigned long long>(pAttr->fsid), pAttr->atime.seconds,
+            pAttr->atime.nseconds, pAttr->mtime.seconds, pAttr->mtime.nseconds,
+            pAttr->ctime.seconds, pAttr->ctime.nseconds);
+    }
+    return true;
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttr*/) { return false; }
+
+post_op_attr CNfs3Prog::GetPostOpAttr(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                      const char* pcPath) {
+    post_op_attr attr;
+    attr.attributes_follow =
+        GetNfsFileAttributes(pRuntimeParam, pLogArgu, pcPath, &attr.attributes);
+    return attr;
+}
+
+unsigned int CNfs3Prog::ConvertNfsFileModeToFileMode(unsigned int iMode) {
+    return iMode & (0x800U | 0x400U | 0x1FFU);
+}
+
+unsigned int CNfs3Prog::ConvertFileModeToNfsFileMode(unsigned int iMode) {
+    return iMode & (0x800U | 0x400U | 0x1FFU);
+}
+
+bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcOut) {
+    if (pcDir == nullptr || pcName == nullptr || pcOut == nullptr) {
+        return false;
+    }
+    const int iLen = std::snprintf(pcOut, PATH_SIZE, "%s%c%s", pcDir, '/', pcName);
+    if (iLen < 0 || static_cast<std::size_t>(iLen) >= PATH_SIZE) {
+        *pcOut = '\0';  // a cut path would be another file's
+        return false;
+    }
+    return true;
+}
+
+bool CNfs3Prog::IsInVaildDirName(const char* pcName) {
+    return pcName == nullptr || IsDotName(pcName);
+}
+
+bool CNfs3Prog::Update(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+                       const sattr3& attr) {
+    return m_pUtilities->UpdateFileAttributes(
+        pParam->pRuntimeParam, pLogArgu, pcPath, attr.mode.set_it, attr.mode.mode, attr.uid.set_it,
+        attr.uid.uid, attr.gid.set_it, attr.gid.gid, attr.size.set_it, attr.size.size,
+        attr.atime.set_it != 0, attr.atime.atime.seconds, attr.atime.atime.nseconds,
+        attr.mtime.set_it != 0, attr.mtime.mtime.seconds, attr.mtime.mtime.nseconds);
+}
+
+// =================================================================================================
+// Attributes and data
+// =================================================================================================
+
+// void NULL(void)
+int CNfs3Prog::ProcedureNULL(CInputStream* /*pIn*/, COutputStream* /*pOut*/, ProcessParam* pParam) {
+    LogCall(pParam->pRuntimeParam, {"Nfs3Prog.ProcedureNULL"});
+    return PROG_RESULT_DONE;
+}
+
+int CNfs3Prog::ProcedureNOIMP(CInputStream* /*pIn*/, COutputStream* /*pOut*/,
+                              ProcessParam* pParam) {
+    LogCall(pParam->pRuntimeParam, {"Nfs3Prog.ProcedureNOIMP"});
+    return PROG_RESULT_NOIMP;
+}
+
+// GETATTR(object) -> attributes
+int CNfs3Prog::ProcedureGETATTR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureGETATTR"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    fattr3 attr;
+    if (stat == NFS3_OK && !GetNfsFileAttributes(pRuntimeParam, &logArgu, pcPath, &attr)) {
+        stat = NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        Write(pOut, attr);
+    }
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// SETATTR(object, new_attributes, guard) -> obj_wcc.  Not refused by a read-only server.  The guard
+// is held against a before-image that is never filled: it passes only for a ctime of 0 seconds.
+int CNfs3Prog::ProcedureSETATTR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureSETATTR"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    sattr3 attr;
+    sattrguard3 guard;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    Read(pIn, &attr, false);
+    Read(pIn, &guard);
+    const char* pcPath = path.sPath.c_str();
+    const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
+    if (bLog) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Guard check: %d, time: %lld", logArgu.pcName,
+                              guard.check, static_cast<long long>(guard.obj_ctime.seconds));
+    }
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    wcc_attr before;
+    GetNfsFileAttributes(pcPath, &before);
+    if (stat == NFS3_OK && guard.check && guard.obj_ctime.seconds != before.ctime.seconds) {
+        stat = NFS3ERR_NOT_SYNC;
+        if (bLog) {
+            m_pUtilities->LogInfo(pRuntimeParam,
+                                  "[%s] Guard check fail, client: %lld, server: %lld",
+                                  logArgu.pcName, static_cast<long long>(guard.obj_ctime.seconds),
+                                  static_cast<long long>(before.ctime.seconds));
+        }
+    }
+    if (stat == NFS3_OK && (m_iFSF3Properties & FSF3_CANSETTIME) == 0 &&
+        (attr.atime.set_it != 0 || attr.mtime.set_it != 0)) {
+        stat = NFS3ERR_INVAL;
+        if (bLog) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Server don't allow settime", logArgu.pcName);
+        }
+    }
+    if (stat == NFS3_OK && !Update(pParam, &logArgu, pcPath, attr)) {
+        stat = NFS3ERR_INVAL;
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Update file attribute to %s fail",
+                                   logArgu.pcName, pcPath);
+        }
+    }
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// LOOKUP(dir, name) -> object, obj_attributes, dir_attributes.  "." and ".." are resolved as in any
+// path.  What does not exist, or lies outside every export, is "no such entry".
+int CNfs3Prog::ProcedureLOOKUP(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureLOOKUP"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 dirArgs;
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &dirArgs, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    if (stat == NFS3ERR_IO) {
+        stat = NFS3ERR_NOENT;
+    }
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        nfs_fh3 handle{};
+        GetNfsFileHandle(pRuntimeParam, &logArgu, pcPath, &handle);
+        Write(pOut, handle, false);
+        Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
+    }
+    Write(pOut, post_op_attr{});
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// ACCESS(object, access) -> obj_attributes, access.  Every requested right is granted, except those
+// to change (and to execute) on a read-only server.
+int CNfs3Prog::ProcedureACCESS(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureACCESS"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    std::uint32_t iAccess = 0;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    Read(pIn, &iAccess);
+    const char* pcPath = path.sPath.c_str();
+
+    const nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Readonly: %d, access: %x", logArgu.pcName,
+                              m_bReadOnly, iAccess);
+    }
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
+        Write(pOut, m_bReadOnly ? iAccess & ~ACCESS3_CHANGE : iAccess);
+    } else {
+        Write(pOut, post_op_attr{});
+    }
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// READLINK(symlink) -> symlink_attributes, data.  Not served: the handle is not resolved, so that
+// the empty path is outside every export.
+int CNfs3Prog::ProcedureREADLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureREADLINK"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    SkipHandle(pIn);
+    const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        Write(pOut, opaque{}, false);
+    }
+    Write(pOut, post_op_attr{});
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// READ(file, offset, count) -> file_attributes, count, eof, data.  The file is read straight into
+// the reply behind placeholders, which are rewritten once the count is known.
+int CNfs3Prog::ProcedureREAD(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureREAD"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    std::uint64_t iOffset = 0;
+    std::uint32_t iCount = 0;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    Read(pIn, &iOffset);
+    Read(pIn, &iCount);
+    const char* pcPath = path.sPath.c_str();
+    const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
+    const auto iLogOffset = static_cast<unsigned long long>(iOffset);
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    std::uint32_t iRead = 0;
+    bool bEof = true;
+    const auto writeBody = [&] {
+        Write(pOut, post_op_attr{});
+        Write(pOut, iRead);
+        Write(pOut, bEof);
+        Write(pOut, iRead);  // length of the data
+    };
+
+    const std::uint32_t iStatus = pOut->GetBufferIndex();
+    Write(pOut, stat);
+    const std::uint32_t iBody = pOut->GetBufferIndex();
+    if (stat == NFS3_OK) {
+        if (bLog) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u", logArgu.pcName,
+                                  iLogOffset, iCount);
+        }
+        writeBody();
+        if (pOut->GetFreeBufferSize() < iCount) {
+            stat = NFS3ERR_INVAL;
+            m_pUtilities->LogError(
+                pRuntimeParam,
+                "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
+                logArgu.pcName, pcPath, iLogOffset, iCount);
+        } else if (iCount > 0) {
+            const int iResult =
+                m_pUtilities->ReadFile(pRuntimeParam, &logArgu, pcPath, iOffset, SEEK_SET,
+                                       pOut->GetCurrentBuffer(), std::min(iCount, MAX_READ), &bEof);
+            if (iResult < 0) {
+                stat = NFS3ERR_INVAL;
+                m_pUtilities->LogError(pRuntimeParam,
+                                       "[%s] Read return -1 (path=%s, offset=%llu length=%u)",
+                                       logArgu.pcName, pcPath, iLogOffset, iCount);
+            } else {
+                iRead = static_cast<std::uint32_t>(iResult);
+            }
+        }
+        if (stat != NFS3_OK) {
+            // A host that cannot read its disk is told of in every log, whatever its control.
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Read fail", logArgu.pcName);
+            pOut->Seek(iStatus, 0);
+            Write(pOut, stat);
+        }
+    }
+    if (stat != NFS3_OK) {
+        Write(pOut, post_op_attr{});
+        return End(pRuntimeParam, logArgu, stat);
+    }
+    if (bLog) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read=%u (eof=%s)", logArgu.pcName, iRead,
+                              bEof ? "T" : "F");
+    }
+    pOut->Write(nullptr, iRead);  // already in place
+    pOut->WriteRemainOpaque(iRead);
+    const std::uint32_t iEnd = pOut->GetBufferIndex();
+    pOut->Seek(iBody, 0);
+    writeBody();
+    pOut->Seek(iEnd, 0);
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// WRITE(file, offset, count, stable, data) -> file_wcc, count, committed, verf.  Answers the bytes
+// really written, at most MAX_WRITE: clients send the rest again.
+int CNfs3Prog::ProcedureWRITE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureWRITE"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    std::uint64_t iOffset = 0;
+    std::uint32_t iCount = 0;
+    std::uint32_t iStable = 0;
+    opaque data;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    Read(pIn, &iOffset);
+    Read(pIn, &iCount);
+    Read(pIn, &iStable);
+    Read(pIn, &data);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    if (m_bReadOnly) {
+        stat = NFS3ERR_ACCES;
+    }
+    std::uint32_t iWritten = 0;
+    if (stat == NFS3_OK) {
+        if (pRuntimeParam->IsLogProcFuncArgu()) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u, count=%u",
+                                  logArgu.pcName, static_cast<unsigned long long>(iOffset),
+                                  data.iBufLen, iCount);
+        }
+        const std::uint64_t iMaxSize = CUtilities::GetMaxFileSize(pcPath);
+        if (iOffset > iMaxSize || iCount > iMaxSize - iOffset) {
+            stat = NFS3ERR_FBIG;
+        } else if (iCount > 0) {
+            // The count decides, but never beyond the bytes that came.
+            const std::uint32_t iLen = std::min({iCount, MAX_WRITE, data.iBufLen});
+            const int iResult = m_pUtilities->WriteFile(pRuntimeParam, &logArgu, pcPath, iOffset,
+                                                        SEEK_SET, data.pBuf, iLen);
+            if (iResult < 0) {
+                stat = NFS3ERR_INVAL;
+            } else {
+                iWritten = static_cast<std::uint32_t>(iResult);
+            }
+        }
+    }
+    if (stat != NFS3_OK) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Write fail", logArgu.pcName);
+        }
+    } else if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Write=%u", logArgu.pcName, iWritten);
+    }
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    if (stat == NFS3_OK) {
+        Write(pOut, iWritten);
+        Write(pOut, FILE_SYNC);
+        Write(pOut, m_iSysUpTime);
+    }
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// FSSTAT(fsroot) -> obj_attributes, tbytes, fbytes, abytes, tfiles, ffiles, afiles, invarsec
+int CNfs3Prog::ProcedureFSSTAT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureFSSTAT"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    post_op_attr attr;
+    if (stat == NFS3_OK) {
+        attr = GetPostOpAttr(pRuntimeParam, &logArgu, pcPath);
+        stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, attr);
+    if (stat == NFS3_OK) {
+        pOut->Write8(CUtilities::GetTotalDiskSpace(pcPath));
+        pOut->Write8(CUtilities::GetFreeDiskSpace(pcPath));
+        pOut->Write8(CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath));
+        pOut->Write8(CUtilities::GetTotalFileSlots(pcPath));
+        pOut->Write8(CUtilities::GetFreeFileSlots(pcPath));
+        pOut->Write8(CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath));
+        pOut->Write(0U);  // invarsec
+    }
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// FSINFO(fsroot) -> obj_attributes, the sizes of transfers, maxfilesize, time_delta, properties
+int CNfs3Prog::ProcedureFSINFO(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureFSINFO"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
+    post_op_attr attr;
+    if (stat == NFS3_OK) {
+        attr = GetPostOpAttr(pRuntimeParam, &logArgu, pcPath);
+        stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, attr);
+    if (stat == NFS3_OK) {
+        Write(pOut, MAX_READ);           // rtmax
+        Write(pOut, MAX_READ);           // rtpref
+        Write(pOut, TRANSFER_MULTIPLE);  // rtmult
+        Write(pOut, MAX_WRITE);          // wtmax
+        Write(pOut, MAX_WRITE);          // wtpref
+        Write(pOut, TRANSFER_MULTIPLE);  // wtmult
+        Write(pOut, PREFERRED_READDIR);  // dtpref
+        pOut->Write8(CUtilities::GetMaxFileSize(pcPath));
+        Write(pOut, nfstime3{1, 0});  // time_delta
+        Write(pOut, m_iFSF3Properties);
+    }
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// PATHCONF(object) -> obj_attributes, limits.  Not served, as READLINK.
+int CNfs3Prog::ProcedurePATHCONF(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedurePATHCONF"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    SkipHandle(pIn);
+    const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
+    Write(pOut, stat);
+    Write(pOut, post_op_attr{});
+    if (stat == NFS3_OK) {
+        Write(pOut, 0U);     // linkmax
+        Write(pOut, 255U);   // name_max
+        Write(pOut, false);  // no_trunc
+        Write(pOut, true);   // chown_restricted
+        Write(pOut, true);   // case_insensitive
+        Write(pOut, true);   // case_preserving
+    }
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// COMMIT(file, offset, count) -> file_wcc, verf.  Not served, as READLINK: every WRITE is already
+// FILE_SYNC.
+int CNfs3Prog::ProcedureCOMMIT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureCOMMIT"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    SkipHandle(pIn);
+    pIn->Skip(8);  // offset
+    pIn->Skip(4);  // count
+    const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    if (stat == NFS3_OK) {
+        pOut->Write8(0);
+    }
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// =================================================================================================
+// Directories and names
+// =================================================================================================
+
+// The results of CREATE and MKDIR: obj, obj_attributes, dir_wcc.
+void CNfs3Prog::WriteNewObject(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, COutputStream* pOut,
+                               nfsstat3 stat, const char* pcPath) {
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        post_op_fh3 handle;
+        handle.handle_follows = GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, &handle.handle);
+        Write(pOut, handle);
+        Write(pOut, GetPostOpAttr(pRuntimeParam, pLogArgu, pcPath));
+    }
+    Write(pOut, wcc_data{});
+}
+
+// CREATE(where, how) -> obj, obj_attributes, dir_wcc.  The verifier of an exclusive create is read
+// and not kept.
+int CNfs3Prog::ProcedureCREATE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureCREATE"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 where;
+    COpaquePath path;
+    createhow3 how;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &where, &path);
+    Read(pIn, &how);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, false);
+    if (m_bReadOnly) {
+        stat = NFS3ERR_ACCES;
+    }
+    if (stat == NFS3_OK) {
+        const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
+        const bool bExists = CUtilities::OS_IsFileExists(pcPath);
+        if (bLog) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mode: %d, Is file exist before create: %d",
+                                  logArgu.pcName, static_cast<int>(how.mode), bExists);
+        }
+        if (how.mode > CREATE_EXCLUSIVE) {
+            stat = NFS3ERR_IO;
+        } else if (how.mode == CREATE_GUARDED && bExists) {
+            stat = NFS3ERR_EXIST;
+        } else if (!m_pUtilities->NewFile(pRuntimeParam, &logArgu, pcPath) ||
+                   !Update(pParam, &logArgu, pcPath, how.obj_attributes)) {
+            stat = NFS3ERR_IO;
+        }
+        if (bLog) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Is file exist after create: %d",
+                                  logArgu.pcName, CUtilities::OS_IsFileExists(pcPath));
+        }
+    }
+    WriteNewObject(pRuntimeParam, &logArgu, pOut, stat, pcPath);
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// MKDIR(where, attributes) -> obj, obj_attributes, dir_wcc.  Of the attributes only the mode
+// counts.
+int CNfs3Prog::ProcedureMKDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureMKDIR"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 where;
+    COpaquePath path;
+    sattr3 attr;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &where, &path);
+    Read(pIn, &attr, false);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = Check(pParam, &logArgu, pcPath, false);
+    if (m_bReadOnly) {
+        stat = NFS3ERR_ACCES;
+    }
+    if (stat == NFS3_OK) {
+        const unsigned int iMode = attr.mode.set_it ? attr.mode.mode : DEFAULT_FOLDER_MODE;
+        if (m_pUtilities->OS_FolderCreate(pRuntimeParam, &logArgu, pcPath, static_cast<int>(iMode),
+                                          nullptr) == -1) {
+            stat = NFS3ERR_IO;
+        }
+    }
+    WriteNewObject(pRuntimeParam, &logArgu, pOut, stat, pcPath);
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// SYMLINK(where, symlink) -> obj, obj_attributes, dir_wcc.  Not served, as READLINK.
+int CNfs3Prog::ProcedureSYMLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureSYMLINK"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    sattr3 attr;
+    opaque target;
+    SkipDirArgs(pIn);
+    Read(pIn, &attr, true);
+    Read(pIn, &target);
+    const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
+    Write(pOut, stat);
+    if (stat == NFS3_OK) {
+        Write(pOut, post_op_fh3{});
+        Write(pOut, post_op_attr{});
+    }
+    Write(pOut, wcc_data{});
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// MKNOD(where, what) -> obj, obj_attributes, dir_wcc.  Not served; the status tells which types
+// could be served elsewhere.
+int CNfs3Prog::ProcedureMKNOD(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureMKNOD"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    mknoddata3 what;
+    SkipDirArgs(pIn);
+    Read(pIn, &what, true);
+    CheckProcessParam(pParam, &logArgu, "");
+    const bool bNode =
+        what.type == NF3BLK || what.type == NF3CHR || what.type == NF3SOCK || what.type == NF3FIFO;
+    const nfsstat3 stat = bNode ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// REMOVE(object) -> dir_wcc
+int CNfs3Prog::ProcedureREMOVE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureREMOVE"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 object;
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &object, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = CheckChange(pParam, &logArgu, pcPath);
+    if (stat == NFS3_OK && !m_pUtilities->RemoveFile(pRuntimeParam, &logArgu, pcPath)) {
+        stat = NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// RMDIR(object) -> dir_wcc.  Whether it is an empty directory is the file system's question.
+int CNfs3Prog::ProcedureRMDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureRMDIR"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 object;
+    COpaquePath path;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &object, &path);
+    const char* pcPath = path.sPath.c_str();
+
+    nfsstat3 stat = CheckChange(pParam, &logArgu, pcPath);
+    if (stat == NFS3_OK &&
+        m_pUtilities->OS_FolderRemove(pRuntimeParam, &logArgu, pcPath, nullptr) == -1) {
+        stat = NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// RENAME(from, to) -> fromdir_wcc, todir_wcc.  The target is not held against the exports.
+int CNfs3Prog::ProcedureRENAME(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureRENAME"};
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, logArgu);
+    diropargs3 from;
+    diropargs3 to;
+    COpaquePath pathFrom;
+    COpaquePath pathTo;
+    ReadPath(pRuntimeParam, &logArgu, pIn, &from, &pathFrom);
+    ReadPath(pRuntimeParam, &logArgu, pIn, &to, &pathTo);
+
+    nfsstat3 stat = CheckChange(pParam, &logArgu, pathFrom.sPath.c_str());
+    if (stat == NFS3_OK) {
+        stat = CheckPath(pathTo.sPath.c_str(), false);
+    }
+    if (stat == NFS3_OK &&
+        !m_pUtilities->RenameFile(pRuntimeParam, &logArgu, pathFrom.sPath.c_str(),
+                                  pathTo.sPath.c_str())) {
+        stat = NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, wcc_data{});
+    Write(pOut, wcc_data{});
+    return End(pRuntimeParam, logArgu, stat);
+}
+
+// LINK(file, link) -> file_attributes, linkdir_wcc.  Not served, as READLINK.
+int CNfs3Prog::ProcedureLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureLINK"};
+    LogCall(pParam->pRuntimeParam, logArgu);
+    SkipHandle(pIn);
+    SkipDirArgs(pIn);
+    const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
+    Write(pOut, stat);
+    Write(pOut, post_op_attr{});
+    Write(pOut, wcc_data{});
+    return End(pParam->pRuntimeParam, logArgu, stat);
+}
+
+// READDIR(dir, cookie, cookieverf, count) -> dir_attributes, cookieverf, entries, eof.  The size
+// hint bounds nothing; the verifier is echoed and never tested.
+int CNfs3Prog::ProcedureREADDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureREADDIR"};
+    return ReadDirectory(pIn, pOut, pParam, &logArgu, false);
+}
+
+// READDIRPLUS(dir, cookie, cookieverf, dircount, maxcount) -> as READDIR, with name_attributes and
+// name_handle behind each entry.
+int CNfs3Prog::ProcedureREADDIRPLUS(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
+    LogArgu logArgu{"Nfs3Prog.ProcedureREADDIRPLUS"};
+    return ReadDirectory(pIn, pOut, pParam, &logArgu, true);
+}
+
+int CNfs3Prog::ReadDirectory(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam,
+                             LogArgu* pLogArgu, bool bPlus) {
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    LogCall(pRuntimeParam, *pLogArgu);
+    COpaquePath path;
+    std::uint64_t iCookie = 0;
+    std::uint64_t iCookieVerf = 0;
+    std::uint32_t iCount = 0;
+    std::uint32_t iMaxCount = 0;
+    ReadPath(pRuntimeParam, pLogArgu, pIn, &path);
+    Read(pIn, &iCookie);
+    Read(pIn, &iCookieVerf);
+    Read(pIn, &iCount);
+    if (bPlus) {
+        Read(pIn, &iMaxCount);
+    }
+    const char* pcPath = path.sPath.c_str();
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        const auto iLogCookie = static_cast<unsigned long long>(iCookie);
+        const auto iLogVerf = static_cast<unsigned long long>(iCookieVerf);
+        if (bPlus) {
+            m_pUtilities->LogInfo(pRuntimeParam,
+                                  "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u",
+                                  pLogArgu->pcName, iLogCookie, iLogVerf, iCount, iMaxCount);
+        } else {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cookie=%llu, cookieverf=%llu, count=%u",
+                                  pLogArgu->pcName, iLogCookie, iLogVerf, iCount);
+        }
+    }
+
+    nfsstat3 stat = Check(pParam, pLogArgu, pcPath, true);
+    post_op_attr attr;
+    if (stat == NFS3_OK) {
+        attr = GetPostOpAttr(pRuntimeParam, pLogArgu, pcPath);
+        stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
+    }
+    Write(pOut, stat);
+    Write(pOut, attr);
+    if (stat == NFS3_OK) {
+        Write(pOut, iCookieVerf);
+        const bool bEof = WriteEntries(pRuntimeParam, pLogArgu, pOut, pcPath, iCookie, bPlus);
+        Write(pOut, false);  // no entry follows
+        Write(pOut, bEof);
+    }
+    return End(pRuntimeParam, *pLogArgu, stat);
+}
+
+bool CNfs3Prog::WriteEntries(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, COutputStream* pOut,
+                             const char* pcDir, std::uint64_t iCookie, bool bPlus) {
+    struct CloseDir {
+        void operator()(DIR* pDir) const { closedir(pDir); }
+    };
+    const std::unique_ptr<DIR, CloseDir> pDir(opendir(pcDir));
+    if (pDir == nullptr) {
+        return true;
+    }
+    // The cookie is the number of entries already returned, of which the low 32 bits count.
+    for (auto n = static_cast<std::int32_t>(iCookie); n >= 1; --n) {
+        if (NextEntry(pDir.get()) == nullptr) {
+            return true;
+        }
+    }
+    for (int i = 0; i < MAX_ENTRIES; ++i) {
+        const dirent* pEntry = NextEntry(pDir.get());
+        if (pEntry == nullptr) {
+            return true;
+        }
+        char cPath[PATH_SIZE];
+        AppendFilePath(pcDir, pEntry->d_name, cPath);
+        Write(pOut, true);
+        Write(pOut, std::uint64_t{m_pUtilities->GetFileID(pRuntimeParam, pLogArgu, cPath)});
+        Write(pOut, COpaquePath{pEntry->d_name}, false);
+        ++iCookie;
+        Write(pOut, iCookie);
+        if (pRuntimeParam->IsLogProcFuncArgu()) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cookie=%llu, name=%s", pLogArgu->pcName,
+                                  static_cast<unsigned long long>(iCookie), pEntry->d_name);
+        }
+        if (bPlus) {
+            Write(pOut, GetPostOpAttr(pRuntimeParam, pLogArgu, cPath));
+            post_op_fh3 handle;
+            handle.handle_follows =
+                GetNfsFileHandle(pRuntimeParam, pLogArgu, cPath, &handle.handle);
+            Write(pOut, handle);
+        }
+    }
+    return false;
+}

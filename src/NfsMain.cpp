@@ -1,0 +1,466 @@
+#include "NfsMain.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "DatagramSocket.h"
+#include "MountProg.h"
+#include "NfsProg.h"
+#include "Portmap.h"
+#include "PortmapProg.h"
+#include "RpcServer.h"
+#include "RuntimeParam.h"
+#include "ServerSocket.h"
+#include "Utilities.h"
+
+namespace {
+
+constexpr int PORTMAP_PROGRAM = 100000;
+constexpr int NFS_PROGRAM = 100003;
+constexpr int MOUNT_PROGRAM = 100005;
+constexpr long REGISTERED_VERSION = 3;
+
+constexpr int PORTMAP_PORT = 111;
+constexpr int NFS_PORT = 2049;
+constexpr int MOUNT_PORT = 1058;
+
+constexpr int PORTMAP_SLOTS = 3;
+constexpr int NFS_SLOTS = 10;
+constexpr int MOUNT_SLOTS = 3;
+
+constexpr std::size_t PORTMAP_SOCKETS = 0;
+constexpr std::size_t NFS_SOCKETS = 1;
+constexpr std::size_t MOUNT_SOCKETS = 2;
+
+}  // namespace
+
+CNfsMain::CNfsMain() = default;
+
+CNfsMain::CNfsMain(const char* pcID, int iLogControl) {
+    CNfsMain::InitMemberVaribles(pcID, iLogControl);
+}
+
+CNfsMain::~CNfsMain() { CloseSockets(); }
+
+void CNfsMain::InitMemberVaribles(const char* pcID, int iLogControl) {
+    m_pRuntimeParam = std::make_unique<CRuntimeParam>(pcID, iLogControl);
+    m_pUtilities = CreateUtilities();
+}
+
+std::unique_ptr<CUtilities> CNfsMain::CreateUtilities() { return std::make_unique<CUtilities>(); }
+
+void CNfsMain::SetFileLogger(CFileLogger* pFileLogger) { m_pUtilities->SetFileLogger(pFileLogger); }
+
+bool CNfsMain::SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue) {
+    return m_pUtilities->SetCallback(std::move(pCallback), bQueue);
+}
+
+void CNfsMain::UnsetCallback(const CCallback* pCallback) { m_pUtilities->UnsetCallback(pCallback); }
+
+std::shared_ptr<CCallback> CNfsMain::GetCallback() { return m_pUtilities->GetCallback(); }
+
+void CNfsMain::LogToFile(const char* pcMessage) {
+    if (m_pUtilities->GetFileLogger() != nullptr) {
+        m_pUtilities->LogInfo(m_pRuntimeParam.get(), "%s", pcMessage);
+    }
+}
+
+// =================================================================================================
+// Life
+// =================================================================================================
+
+bool CNfsMain::Initial(char* pcStatus) {
+    LogToFile("Initial NFS");
+    if (*m_pRuntimeParam->GetID() == '\0') {
+        CUtilities::SetStatus(pcStatus, "ID is not defined");
+        return false;
+    }
+    return InitialNetwork(pcStatus);
+}
+
+void CNfsMain::Terminate() {
+    LogToFile("Terminate NFS");
+    TerminateNetwork();
+}
+
+bool CNfsMain::InitialNetwork(char* /*pcStatus*/) {
+    m_bNetworkInitialized = true;
+    return true;
+}
+
+void CNfsMain::TerminateNetwork() { m_bNetworkInitialized = false; }
+
+bool CNfsMain::StartRemoteController(char* /*pcStatus*/) {
+    LogToFile("Start Remote Controller");
+    if (m_pRuntimeParam->IsLogGeneralInfo()) {
+        m_pUtilities->LogInfo(
+            m_pRuntimeParam.get(),
+            "[%s] No remote controller to start. It is NOT support in internal server mode.",
+            "NfsMain.StartRemoteController");
+    }
+    return true;
+}
+
+void CNfsMain::StopRemoteController() {
+    LogToFile("Stop Remote Controller");
+    if (m_pRuntimeParam->IsLogGeneralInfo()) {
+        m_pUtilities->LogInfo(
+            m_pRuntimeParam.get(),
+            "[%s] No remote controller to stop. It is NOT support in internal server mode.",
+            "NfsMain.StopRemoteController");
+    }
+}
+
+// =================================================================================================
+// Starting and stopping the services
+// =================================================================================================
+
+bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId,
+                           bool bReadOnly, char* pcStatus) {
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
+    if (m_bServerRunning) {
+        CUtilities::SetStatus(pcStatus, "NFS already running");
+        return false;
+    }
+    CUtilities* pUtilities = m_pUtilities.get();
+    m_pMountProg = std::make_unique<CMountProg>(pUtilities);
+    m_pPortmap = std::make_unique<CPortmap>(pUtilities, m_pRuntimeParam.get());
+    const bool bExternal = m_pPortmap->IsRunning();
+    if (!bExternal) {
+        m_pPortmapProg = std::make_unique<CPortmapProg>(pUtilities);
+    }
+    m_pNfsProg = std::make_unique<CNfsProg>(pUtilities);
+    {
+        const std::lock_guard<std::mutex> lockRpc(m_hMutexRpcServer);
+        m_pRpcServer = std::make_unique<CRpcServer>(pUtilities, m_pRuntimeParam.get());
+    }
+    SetLogControl(m_pRuntimeParam->GetLogControl());
+
+    const int iShift = bExternal ? 1 : 0;
+    if (iMountPort < 1) {
+        iMountPort = MOUNT_PORT + iShift;
+    }
+    if (iNfsPort < 1) {
+        iNfsPort = NFS_PORT + iShift;
+    }
+    if (pUtilities->GetFileLogger() != nullptr) {
+        if (bExternal) {
+            pUtilities->LogInfo(m_pRuntimeParam.get(),
+                                "Start NFS with external portmapper: MountPort = %d, NfsPort = %d",
+                                iMountPort, iNfsPort);
+        } else {
+            pUtilities->LogInfo(m_pRuntimeParam.get(),
+                                "Start NFS with internal portmapper: MountPort = %d, NfsPort = %d",
+                                iMountPort, iNfsPort);
+        }
+    }
+    if (m_pPortmapProg != nullptr) {
+        m_pPortmapProg->Set(MOUNT_PROGRAM, static_cast<unsigned long>(iMountPort));
+        m_pPortmapProg->Set(NFS_PROGRAM, static_cast<unsigned long>(iNfsPort));
+    }
+    m_pNfsProg->SetUserID(iUId, iGId);
+    m_pNfsProg->SetReadOnly(bReadOnly);
+    if (m_pPortmapProg != nullptr) {
+        m_pRpcServer->Set(PORTMAP_PROGRAM, m_pPortmapProg.get());
+    }
+    m_pRpcServer->Set(NFS_PROGRAM, m_pNfsProg.get());
+    m_pRpcServer->Set(MOUNT_PROGRAM, m_pMountProg.get());
+    for (SocketHandle& handle : m_Sockets) {
+        handle.pServerSocket = std::make_unique<CServerSocket>();
+        handle.pServerSocket->SetListener(m_pRpcServer.get());
+        handle.pDatagramSocket = std::make_unique<CDatagramSocket>();
+        handle.pDatagramSocket->SetListener(m_pRpcServer.get());
+    }
+
+    m_bServerRunning =
+        OpenServices(iMountPort, iNfsPort, pcStatus) && (!bExternal || RegisterServices(pcStatus));
+    if (!m_bServerRunning) {
+        StopServer();
+        return false;
+    }
+    return true;
+}
+
+bool CNfsMain::OpenSockets(std::size_t iIndex, int iProgram, int iPort, int iSlots,
+                           char* pcReason) {
+    const auto lProgram = static_cast<unsigned long>(iProgram);
+    SocketHandle& handle = m_Sockets[iIndex];
+    return handle.pServerSocket->Open(lProgram, iPort, iSlots, m_pUtilities.get(), pcReason) &&
+           handle.pDatagramSocket->Open(lProgram, iPort, m_pUtilities.get(), pcReason);
+}
+
+bool CNfsMain::OpenServices(int iMountPort, int iNfsPort, char* pcStatus) {
+    const LogArgu logArgu{"NfsMain.StartServer"};
+    CUtilities* pUtilities = m_pUtilities.get();
+    CRuntimeParam* pParam = m_pRuntimeParam.get();
+    const bool bFile = pUtilities->GetFileLogger() != nullptr;
+    char cReason[STATUS_SIZE] = "";
+    if (m_pPortmapProg != nullptr &&
+        !OpenSockets(PORTMAP_SOCKETS, PORTMAP_PROGRAM, PORTMAP_PORT, PORTMAP_SLOTS, cReason)) {
+        if (pParam->IsLogError()) {
+            pUtilities->LogError(pParam, "Fail to start PortMap daemon. Reason=%s", cReason);
+        }
+        if (bFile) {
+            pUtilities->LogError(pParam, "Fail to start PortMap daemon on port %d. Reason=%s",
+                                 PORTMAP_PORT, cReason);
+        }
+        CUtilities::SetStatus(pcStatus, "PortMap daemon failed to open port %d", PORTMAP_PORT);
+        return false;
+    }
+    if (!OpenSockets(NFS_SOCKETS, NFS_PROGRAM, iNfsPort, NFS_SLOTS, cReason)) {
+        if (pParam->IsLogError()) {
+            pUtilities->LogError(pParam, "[%s] Fail to start NFS daemon. Reason=%s", logArgu.pcName,
+                                 cReason);
+        }
+        if (bFile) {
+            pUtilities->LogError(pParam, "Fail to start NFS daemon on port %d. Reason=%s", iNfsPort,
+                                 cReason);
+        }
+        CUtilities::SetStatus(pcStatus, "NFS daemon failed to open port %d", iNfsPort);
+        return false;
+    }
+    if (!OpenSockets(MOUNT_SOCKETS, MOUNT_PROGRAM, iMountPort, MOUNT_SLOTS, cReason)) {
+        if (pParam->IsLogError()) {
+            pUtilities->LogError(pParam, "[%s] Fail to start Mount daemon. Reason=%s",
+                                 logArgu.pcName, cReason);
+        }
+        if (bFile) {
+            pUtilities->LogError(pParam, "Fail to start Mount daemon on port %d. Reason=%s",
+                                 iMountPort, cReason);
+        }
+        CUtilities::SetStatus(pcStatus, "Mount daemon failed to open port %d", iMountPort);
+        return false;
+    }
+    return true;
+}
+
+bool CNfsMain::RegisterServices(char* pcStatus) {
+    CUtilities* pUtilities = m_pUtilities.get();
+    CRuntimeParam* pParam = m_pRuntimeParam.get();
+    const bool bFile = pUtilities->GetFileLogger() != nullptr;
+    char cReason[STATUS_SIZE] = "";
+    bool bOk = true;
+    if (!m_pPortmap->Register(NFS_PROGRAM, REGISTERED_VERSION,
+                              m_Sockets[NFS_SOCKETS].pServerSocket.get(), cReason)) {
+        if (bFile) {
+            pUtilities->LogError(
+                pParam, "Fail to register NFS daemon to external portmapper. Reason=%s", cReason);
+        }
+        CUtilities::SetStatus(
+            pcStatus, "Fail to register NFS daemon to external portmapper. Reason=%s", cReason);
+        bOk = false;
+    }
+    // Attempted also after the first failed, so that the log tells of both.
+    if (!m_pPortmap->Register(MOUNT_PROGRAM, REGISTERED_VERSION,
+                              m_Sockets[MOUNT_SOCKETS].pServerSocket.get(), cReason)) {
+        if (bFile) {
+            pUtilities->LogError(
+                pParam, "Fail to register Mount daemon to external portmapper. Reason=%s", cReason);
+        }
+        if (bOk) {
+            CUtilities::SetStatus(pcStatus,
+                                  "Fail to register Mount daemon to external portmapper. Reason=%s",
+                                  cReason);
+        }
+        bOk = false;
+    }
+    return bOk;
+}
+
+void CNfsMain::CloseSockets() {
+    for (SocketHandle& handle : m_Sockets) {
+        if (handle.pServerSocket != nullptr) {
+            handle.pServerSocket->Interrupt();
+        }
+    }
+    for (SocketHandle& handle : m_Sockets) {
+        handle.pServerSocket.reset();
+        handle.pDatagramSocket.reset();
+    }
+}
+
+void CNfsMain::StopServer() {
+    LogArgu logArgu{"NfsMain.StopServer"};
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
+    if (m_bServerRunning) {
+        LogToFile("Stop NFS");
+    }
+    // Before the exports go, the hosts let go of the datastores that they are.
+    m_pUtilities->RemoveAllVSphereInfoWithWebCtrl(m_pRuntimeParam.get());
+    m_bServerRunning = false;
+    m_pUtilities->RefuseWaits();
+    CloseSockets();
+    m_pUtilities->AllowWaits();
+    m_pMountProg.reset();
+    m_pPortmapProg.reset();
+    if (m_pPortmap != nullptr && m_pPortmap->IsRunning()) {
+        m_pPortmap->Unregister(NFS_PROGRAM, REGISTERED_VERSION, nullptr);
+        m_pPortmap->Unregister(MOUNT_PROGRAM, REGISTERED_VERSION, nullptr);
+    }
+    m_pPortmap.reset();
+    m_pNfsProg.reset();
+    {
+        const std::lock_guard<std::mutex> lockRpc(m_hMutexRpcServer);
+        m_pRpcServer.reset();
+    }
+    m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
+}
+
+// =================================================================================================
+// What the server is
+// =================================================================================================
+
+int CNfsMain::GetAccessMode() { return ACCESS_MODE_INTERNAL; }
+
+void CNfsMain::GetVersion(char* pcVersion) { std::snprintf(pcVersion, VERSION_SIZE, "1.2"); }
+
+void CNfsMain::GetDescription(char* pcDescription) {
+    std::snprintf(pcDescription, VERSION_SIZE, "Internal NFS Server");
+}
+
+bool CNfsMain::IsServerRunning() { return m_bServerRunning; }
+
+int CNfsMain::GetServerStatus() {
+    return SERVER_STATUS_ACCESSIBLE | (m_bServerRunning ? SERVER_STATUS_RUNNING : 0) |
+           (m_bDebugActionEnabled ? SERVER_STATUS_DEBUG_ACTION : 0);
+}
+
+bool CNfsMain::SetDebugActionEnabled(bool bEnable) {
+    m_bDebugActionEnabled = bEnable;
+    return true;
+}
+
+void CNfsMain::EnableAutoShutdown(bool bEnable) { m_bAutoShutdownEnabled = bEnable; }
+
+bool CNfsMain::RequestAutoShutdown() {
+    if (!m_bAutoShutdownEnabled) {
+        return false;
+    }
+    m_bAutoShutdownRequested = true;
+    return true;
+}
+
+void CNfsMain::SetLogControl(int iLogControl) {
+    m_pRuntimeParam->SetLogControl(iLogControl);
+    const std::lock_guard<std::mutex> lock(m_hMutexRpcServer);
+    if (m_pRpcServer != nullptr) {
+        m_pRpcServer->SetLogControl(iLogControl);
+    }
+}
+
+// =================================================================================================
+// Tables
+// =================================================================================================
+
+bool CNfsMain::AddMountPoint(const char* pcPath, const char* pcExportName, char* pcStatus) {
+    return AddMountPoint(pcPath, pcExportName, "", pcStatus);
+}
+
+bool CNfsMain::AddMountPoint(const char* pcPath, const char* pcExportName, const char* pcIpcID,
+                             char* pcStatus) {
+    LogArgu logArgu{"NfsMain.AddMountPoint"};
+    return m_pUtilities->AddMountInfo(m_pRuntimeParam.get(), &logArgu, pcPath, pcExportName,
+                                      pcIpcID, pcStatus);
+}
+
+void CNfsMain::RemoveMountPoint(const char* pcPath) {
+    LogArgu logArgu{"NfsMain.RemoveMountPoint"};
+    m_pUtilities->RemoveMountInfoByLocalMountPath(m_pRuntimeParam.get(), &logArgu, pcPath);
+}
+
+void CNfsMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
+    m_pUtilities->AddSessionInfo(pcSessionID, pcLocalMountPath);
+}
+
+void CNfsMain::RemoveSessionInfo(const char* pcSessionID) {
+    m_pUtilities->RemoveSessionInfo(pcSessionID);
+}
+
+bool CNfsMain::IsSessionExists(const char* pcSessionID) {
+    return IsLocalSessionExists(pcSessionID);
+}
+
+bool CNfsMain::IsLocalSessionExists(const char* pcSessionID) {
+    return m_pUtilities->IsSessionExists(pcSessionID);
+}
+
+void CNfsMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
+                                  int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB) {
+    m_pUtilities->OpenRedirectedFile(m_pRuntimeParam.get(), pcPath, iSize, bCreateInfoFile,
+                                     iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB);
+}
+
+void CNfsMain::CloseRedirectedFile(const char* pcPath) {
+    m_pUtilities->CloseRedirectedFile(m_pRuntimeParam.get(), pcPath);
+}
+
+void CNfsMain::CloseAllRedirectedFiles(const char* pcPath) {
+    m_pUtilities->CloseAllRedirectedFiles(m_pRuntimeParam.get(), pcPath);
+}
+
+bool CNfsMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSourcePath,
+                                        long long iSrcFileOffset, long long iOffset,
+                                        long long iLength, char* pcStatus) {
+    return m_pUtilities->AddRedirectedFileSegment(m_pRuntimeParam.get(), pcPath, pcSourcePath,
+                                                  iSrcFileOffset, iOffset, iLength, pcStatus);
+}
+
+void CNfsMain::ExportRedirectedFile(const char* pcPath, const char* pcExportPath) {
+    m_pUtilities->ExportRedirectedFile(m_pRuntimeParam.get(), pcPath, pcExportPath);
+}
+
+void CNfsMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcExportPath,
+                                        bool bMergeRange) {
+    m_pUtilities->ExportRedirectedFileInfo(m_pRuntimeParam.get(), pcPath, pcExportPath,
+                                           bMergeRange);
+}
+
+void CNfsMain::CloseCachedFileHandle(const char* pcPath) {
+    LogArgu logArgu{"NfsMain.CloseCachedFileHandle"};
+    m_pUtilities->CloseCachedFileHandle(m_pRuntimeParam.get(), &logArgu, pcPath);
+}
+
+void CNfsMain::CloseAllCachedFileHandles(const char* pcPath) {
+    LogArgu logArgu{"NfsMain.CloseAllCachedFileHandles"};
+    m_pUtilities->CloseAllCachedFileHandles(m_pRuntimeParam.get(), &logArgu, pcPath);
+}
+
+int CNfsMain::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
+                           bool bPrintDetails) {
+    return m_pUtilities->GetMountInfo(pRuntimeParam, bClientMountedOnly, bPrintDetails);
+}
+
+int CNfsMain::GetMountInfo(bool bClientMountedOnly, bool bPrintDetails) {
+    return GetMountInfo(m_pRuntimeParam.get(), bClientMountedOnly, bPrintDetails);
+}
+
+int CNfsMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    return m_pUtilities->GetSessionInfo(pRuntimeParam, bPrintDetails);
+}
+
+int CNfsMain::GetSessionInfo(bool bPrintDetails) {
+    return GetSessionInfo(m_pRuntimeParam.get(), bPrintDetails);
+}
+
+void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iSize) {
+    m_pUtilities->RunTestMode(pRuntimeParam, pcPath, iSize);
+}
+
+void CNfsMain::RunTestMode(const char* pcPath, long long iSize) {
+    RunTestMode(m_pRuntimeParam.get(), pcPath, iSize);
+}
+
+int CNfsMain::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    return m_pUtilities->GetVSphereInfo(pRuntimeParam, bPrintDetails);
+}
+
+int CNfsMain::GetVSphereInfo(bool bPrintDetails) {
+    return GetVSphereInfo(m_pRuntimeParam.get(), bPrintDetails);
+}
+
+void CNfsMain::AddVSphereInfo(const char* pcMoid, const char* pcHost, const char* pcPort,
+                              const char* pcUser, const char* pcPwd) {
+    m_pUtilities->AddVSphereInfo(pcMoid, pcHost, pcPort, pcUser, pcPwd);
+}
+
+void CNfsMain::RemoveVSphereInfo(const char* pcMoid) { m_pUtilities->RemoveVSphereInfo(pcMoid); }

@@ -1,0 +1,57 @@
+// A listening TCP port with its accept thread and its fixed pool of connection slots.
+#ifndef VELOCAST_SERVERSOCKET_H
+#define VELOCAST_SERVERSOCKET_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "Socket.h"
+
+class CUtilities;
+
+// Thread safety: used by one owner thread; the slots are handed out by the accept thread.
+class CServerSocket {
+public:
+    CServerSocket() = default;
+    ~CServerSocket();
+    CServerSocket(const CServerSocket&) = delete;
+    CServerSocket& operator=(const CServerSocket&) = delete;
+
+    // Before Open; borrowed.
+    void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
+
+    // Listens on the wildcard address and nPort for program nProgId with nMaxNum slots.  On failure
+    // false, nothing stays open, and pcStatus (2048 bytes, or null) holds the reason.
+    bool Open(unsigned long nProgId, int nPort, int nMaxNum, CUtilities* pUtilities,
+              char* pcStatus);
+    // Ends the accept thread and wakes every connection's thread, without waiting for those: a
+    // thread may wait for another port's, which is sending to a peer that does not read.
+    void Interrupt();
+    // Ends the accept thread and every connection.
+    void Close();
+
+    // The port given to Open.
+    int GetPort() const { return m_nPort; }
+    // The listening descriptor, -1 when closed.
+    int GetSocket() const { return m_ServerSocket; }
+
+private:
+    static void* ThreadMain(void* pvServerSocket);
+    void Run();
+    // Reports the system's last error as the reason and closes the listening descriptor.
+    bool Fail(const char* pcFmt, char* pcStatus);
+
+    int m_nPort = 0;
+    int m_nMaxNum = 0;
+    std::atomic<int> m_ServerSocket{-1};
+    std::atomic<bool> m_bClosed{true};
+    ISocketListener* m_pListener = nullptr;
+    pthread_t m_hThread{};
+    int m_iThreadCreated = -1;  // 0: m_hThread is to be joined
+    std::vector<std::unique_ptr<CSocket>> m_pSockets;
+};
+
+#endif

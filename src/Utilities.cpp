@@ -1,0 +1,1737 @@
+#include "Utilities.h"
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <sys/time.h>
+#include <unistd.h>
+#if defined(__linux__)
+#include <sys/vfs.h>
+#else
+#include <sys/mount.h>
+#include <sys/param.h>
+#endif
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <type_traits>
+
+#include "Callback.h"
+#include "FileLogger.h"
+#include "RedirectedFile.h"
+#include "VSphereWebController.h"
+
+namespace {
+
+// A null text counts as an empty one.
+const char* Text(const char* pc) { return pc != nullptr ? pc : ""; }
+
+// Copies a text into a buffer of PATH_SIZE bytes, cut to fit.
+void CopyPath(char* pcDst, const char* pcSrc) {
+    const std::size_t iLen = std::min(std::strlen(pcSrc), PATH_SIZE - 1);
+    std::memcpy(pcDst, pcSrc, iLen);
+    pcDst[iLen] = '\0';
+}
+
+bool StartsWith(const char* pcText, const char* pcPrefix) {
+    return std::strncmp(pcText, pcPrefix, std::strlen(pcPrefix)) == 0;
+}
+
+// A system call that a signal interrupted is made again.
+template <typename Call>
+auto Retry(Call call) {
+    decltype(call()) iResult;
+    do {
+        iResult = call();
+    } while (iResult == -1 && errno == EINTR);
+    return iResult;
+}
+
+// The reason why a system call failed, taken from errno at once; no text when it worked.  A call
+// on the descriptor -1 was never made and has its own reason.
+struct OsError {
+    explicit OsError(bool bOk, int iFile = 0) : iError(errno) {
+        if (bOk) {
+            return;
+        }
+        cText[0] = '\0';
+        pcText = cText;
+        if (iFile == -1) {
+            std::snprintf(cText, sizeof(cText), "Bad file descriptor");
+        } else {
+            CUtilities::GetLastErrorText(cText, iError);
+        }
+    }
+    OsError(const OsError&) = delete;
+    OsError& operator=(const OsError&) = delete;
+
+    int iError;
+    const char* pcText = nullptr;
+    char cText[STATUS_SIZE];  // filled only on failure: every system call makes one of these
+};
+
+}  // namespace
+
+// =================================================================================================
+// Object and reset
+// =================================================================================================
+
+CUtilities::CUtilities() : m_pFileTable(std::make_unique<CFileTable>()) {}
+
+CUtilities::~CUtilities() = default;
+
+void CUtilities::RefuseWaits() {}
+
+void CUtilities::AllowWaits() {}
+
+void CUtilities::Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    RemoveAllMountInfo();
+    RemoveAllSessionInfo();
+    CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);
+    CloseAllRedirectedFiles(pRuntimeParam);
+}
+
+void CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcDst,
+                                  const char* pcSrc) {
+    static_assert(PATH_SIZE >= 4096);  // what realpath(3) may write
+    if (realpath(pcSrc, pcDst) != nullptr) {
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName,
+                    pcDst);
+        }
+        return;
+    }
+    CopyPath(pcDst, pcSrc);
+    if (pRuntimeParam->IsLogGeneralInfo()) {
+        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s",
+                pLogArgu->pcName, pcSrc);
+    }
+}
+
+void CUtilities::SetPathToCompare(char* pcPath) {
+    const std::size_t iLen = std::strlen(pcPath);
+    if (iLen > 0 && pcPath[iLen - 1] != '/' && iLen + 1 < PATH_SIZE) {
+        pcPath[iLen] = '/';
+        pcPath[iLen + 1] = '\0';
+    }
+}
+
+void CUtilities::SplitIntoVector(const char* pcStr, char cDelimiter,
+                                 std::vector<std::string>* pvOutput) {
+    const std::string_view text(Text(pcStr));
+    for (std::size_t iBegin = 0; iBegin < text.size();) {
+        const std::size_t iEnd = std::min(text.find(cDelimiter, iBegin), text.size());
+        pvOutput->emplace_back(text.substr(iBegin, iEnd - iBegin));
+        iBegin = iEnd + 1;
+    }
+}
+
+// =================================================================================================
+// Exports
+// =================================================================================================
+
+bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                              const char* pcLocalMountPath, const char* pcExportName,
+                              const char* pcIpcID, char* pcStatus) {
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcLocalMountPath));
+    const std::string sExportName = Text(pcExportName);
+    if (IsMountInfoExists(pRuntimeParam, pLogArgu, cPath, sExportName.c_str(), pcStatus)) {
+        return false;
+    }
+    const std::size_t iInvalid = sExportName.find_first_of("/ ");
+    if (iInvalid != std::string::npos) {
+        SetStatus(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    m_MountInfos[sExportName] = MountInfo{cPath, sExportName, Text(pcIpcID), ""};
+    return true;
+}
+
+bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                   const char* pcLocalMountPath, const char* pcExportName,
+                                   char* pcStatus) {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    if (pcExportName != nullptr && m_MountInfos.count(pcExportName) != 0) {
+        SetStatus(pcStatus, "Export name \"%s\" already defined", pcExportName);
+        return true;
+    }
+    if (pcLocalMountPath == nullptr) {
+        return false;
+    }
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalMountPath);
+    const bool bExists =
+        std::any_of(m_MountInfos.begin(), m_MountInfos.end(),
+                    [&](const auto& entry) { return entry.second.sLocalMountPath == cPath; });
+    if (bExists) {
+        SetStatus(pcStatus, "Local mount path \"%s\" already defined", cPath);
+    }
+    return bExists;
+}
+
+bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName,
+                                                     const char* pcRemoteAddr,
+                                                     MountInfo* pMountInfo, char* pcStatus) {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    const auto it = m_MountInfos.find(Text(pcExportName));
+    if (it == m_MountInfos.end()) {
+        SetStatus(pcStatus, "Undefined export name \"%s\"", Text(pcExportName));
+        return false;
+    }
+    MountInfo& info = it->second;
+    if (pcRemoteAddr != nullptr && !info.sRemoteIpAddr.empty()) {
+        SetStatus(pcStatus, "This mount point \"%s\" already mounted by %s", pcExportName,
+                  info.sRemoteIpAddr.c_str());
+        return false;
+    }
+    info.sRemoteIpAddr = Text(pcRemoteAddr);
+    if (pMountInfo != nullptr) {
+        *pMountInfo = info;
+    }
+    return true;
+}
+
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath, MountInfo* pMountInfo) {
+    char cTarget[PATH_SIZE];
+    CopyPath(cTarget, Text(pcPath));
+    SetPathToCompare(cTarget);
+
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    for (const auto& [sName, info] : m_MountInfos) {
+        const char* pcLocal = info.sLocalMountPath.c_str();
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, cTarget,
+                    pcLocal);
+        }
+        if (!StartsWith(cTarget, pcLocal)) {
+            continue;
+        }
+        char cExport[PATH_SIZE];
+        CopyPath(cExport, pcLocal);
+        SetPathToCompare(cExport);
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, cTarget,
+                    cExport);
+        }
+        if (!StartsWith(cTarget, cExport)) {
+            continue;
+        }
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
+        }
+        if (pMountInfo != nullptr) {
+            *pMountInfo = info;
+        }
+        return true;
+    }
+    return false;
+}
+
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                                 const char* pcLocalMountPath) {
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcLocalMountPath));
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    const auto it = std::find_if(m_MountInfos.begin(), m_MountInfos.end(), [&](const auto& entry) {
+        return entry.second.sLocalMountPath == cPath;
+    });
+    if (it != m_MountInfos.end()) {
+        m_MountInfos.erase(it);
+    }
+    if (m_MountInfos.empty()) {
+        ResetFileTable();
+    }
+}
+
+void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    m_MountInfos.erase(Text(pcExportName));
+    if (m_MountInfos.empty()) {
+        ResetFileTable();
+    }
+}
+
+void CUtilities::RemoveAllMountInfo() {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    m_MountInfos.clear();
+    ResetFileTable();
+}
+
+bool CUtilities::IsRemoteAddrExists(const char* pcRemoteAddr) {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    return std::any_of(m_MountInfos.begin(), m_MountInfos.end(), [&](const auto& entry) {
+        return entry.second.sRemoteIpAddr == Text(pcRemoteAddr);
+    });
+}
+
+int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
+                             bool bPrintDetails) {
+    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    int iCount = 0;
+    for (const auto& [sName, info] : m_MountInfos) {
+        if (bClientMountedOnly && info.sRemoteIpAddr.empty()) {
+            continue;
+        }
+        ++iCount;
+        if (bPrintDetails) {
+            LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", iCount,
+                   info.sLocalMountPath.c_str(), info.sExportName.c_str(),
+                   info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
+        }
+    }
+    return iCount;
+}
+
+// =================================================================================================
+// Sessions
+// =================================================================================================
+
+void CUtilities::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    m_SessionInfos[Text(pcSessionID)] = SessionInfo{Text(pcSessionID), Text(pcLocalMountPath)};
+}
+
+void CUtilities::RemoveSessionInfo(const char* pcSessionID) {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    m_SessionInfos.erase(Text(pcSessionID));
+}
+
+void CUtilities::RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    std::erase_if(m_SessionInfos, [&](const auto& entry) {
+        return entry.second.sLocalMountPath == Text(pcLocalMountPath);
+    });
+}
+
+void CUtilities::RemoveAllSessionInfo() {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    m_SessionInfos.clear();
+}
+
+bool CUtilities::IsSessionExists(const char* pcSessionID) {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    return m_SessionInfos.count(Text(pcSessionID)) != 0;
+}
+
+int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    int iCount = 0;
+    for (const auto& [sID, info] : m_SessionInfos) {
+        ++iCount;
+        if (bPrintDetails) {
+            LogRaw(pRuntimeParam, " session%d - %s : %s", iCount, info.sSessionID.c_str(),
+                   info.sLocalMountPath.c_str());
+        }
+    }
+    return iCount;
+}
+
+// =================================================================================================
+// File table
+// =================================================================================================
+
+std::uint32_t CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath) {
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcPath));
+    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    return m_pFileTable != nullptr ? m_pFileTable->GetIDByPath(cPath) : FILE_ID_NONE;
+}
+
+bool CUtilities::GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               unsigned char* pcHandle, int iBufSize) {
+    if (pcHandle == nullptr) {
+        return false;
+    }
+    if (iBufSize > 0) {
+        std::memset(pcHandle, 0, static_cast<std::size_t>(iBufSize));
+    }
+    if (iBufSize <= 4) {
+        return false;
+    }
+    const std::uint32_t iID = GetFileID(pRuntimeParam, pLogArgu, pcPath);
+    for (unsigned i = 0; i < 4; ++i) {
+        pcHandle[i] = static_cast<unsigned char>(iID >> (8 * i));
+    }
+    return iID != FILE_ID_NONE;
+}
+
+bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const unsigned char* pcHandle,
+                             char* pcPath, int iBufSize) {
+    if (pcHandle == nullptr) {
+        return false;
+    }
+    std::uint32_t iID = 0;
+    for (unsigned i = 0; i < 4; ++i) {
+        iID |= static_cast<std::uint32_t>(pcHandle[i]) << (8 * i);
+    }
+    if (iID == FILE_ID_NONE) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    return m_pFileTable != nullptr && m_pFileTable->GetPathByID(iID, pcPath, iBufSize);
+}
+
+void CUtilities::ResetFileTable() {
+    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (m_pFileTable != nullptr) {
+        m_pFileTable->Clear();
+    }
+}
+
+// =================================================================================================
+// File access by path
+// =================================================================================================
+
+long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                  const char* pcPath, long long iSize) {
+    if (const auto pRedirected = GetRedirectedFile(pcPath)) {
+        return pRedirected->GetFileSize();
+    }
+    const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
+    std::unique_lock<std::mutex> lock;
+    if (file.pUse != nullptr) {
+        lock = std::unique_lock<std::mutex>(file.pUse->m_hMutex);
+    }
+    const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, 0, SEEK_END, nullptr);
+    return iEnd >= 0 ? iEnd : iSize;
+}
+
+bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    const int iFile = OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    if (iFile == -1) {
+        return false;
+    }
+    OS_FileClose(pRuntimeParam, pLogArgu, pcPath, iFile, nullptr);
+    return true;
+}
+
+bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                      const char* pcPath, bool bMode, unsigned int iMode, bool bUid,
+                                      unsigned int iUid, bool bGid, unsigned int iGid, bool bSize,
+                                      unsigned long long lSize, bool bAccessTime,
+                                      std::uint32_t lAccessTimeSec,
+                                      std::uint32_t lAccessTimeNanoSec, bool bLastModifiedTime,
+                                      std::uint32_t lLastModifiedTimeSec,
+                                      std::uint32_t lLastModifiedTimeNanoSec) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam,
+                "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, "
+                "set_gid=%d, gid=%u, set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, "
+                "atime.nsec=%u, set_mtime=%d, mtime.sec=%u, mtime.nsec=%u",
+                pLogArgu->pcName, pcPath, bMode, iMode, bUid, iUid, bGid, iGid, bSize, lSize,
+                bAccessTime, lAccessTimeSec, lAccessTimeNanoSec, bLastModifiedTime,
+                lLastModifiedTimeSec, lLastModifiedTimeNanoSec);
+    }
+    if (!(bMode || bUid || bGid || bSize || bAccessTime || bLastModifiedTime)) {
+        return true;
+    }
+    if (GetRedirectedFile(pcPath) != nullptr) {
+        LogUpdateRedirectedFileAttributes(pRuntimeParam, pcPath, bSize, lSize, bAccessTime,
+                                          lAccessTimeSec, bLastModifiedTime, lLastModifiedTimeSec);
+        return true;  // the content has no place where an attribute could fail to be set
+    }
+    if (bMode || bSize) {
+        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    }
+    if (bMode &&
+        OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, static_cast<int>(iMode), nullptr) == -1) {
+        return false;
+    }
+    return !bSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, lSize, nullptr);
+}
+
+bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pathFrom,
+                            const char* pathTo) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Rename file, pathFrom=%s, pathTo=%s", pLogArgu->pcName,
+                pathFrom, pathTo);
+    }
+    if (std::strcmp(pathFrom, pathTo) == 0) {
+        return true;  // removing the target first would destroy the file
+    }
+    if (OS_IsFileExists(pathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pathTo)) {
+        return false;
+    }
+    if (OS_IsFileExists(pathFrom)) {
+        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pathFrom);
+        if (OS_FileRename(pRuntimeParam, pLogArgu, pathFrom, pathTo, nullptr) == -1) {
+            return false;
+        }
+    }
+    if (GetRedirectedFile(pathFrom) != nullptr) {
+        RenameRedirectedFile(pRuntimeParam, pathFrom, pathTo);
+        if (LogRenameRedirectedFile(pRuntimeParam, pathFrom, pathTo) != 0) {
+            return false;
+        }
+    }
+    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    return m_pFileTable == nullptr || m_pFileTable->UpdateItemPath(pathFrom, pathTo);
+}
+
+bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
+    }
+    CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    if (OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == -1) {
+        return false;
+    }
+    if (GetRedirectedFile(pcPath) == nullptr) {
+        return true;
+    }
+    CloseRedirectedFile(pRuntimeParam, pcPath);
+    return LogRemoveRedirectedFile(pRuntimeParam, pcPath) == 0;
+}
+
+int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                         unsigned long long iSeek, int iSeekType, void* pvBuf, unsigned int iLen,
+                         bool* pbEof) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
+                pLogArgu->pcName, pcPath, iSeek, iSeekType, iLen);
+    }
+    *pbEof = true;
+    if (const RedirectedFileUse redirected = UseRedirectedFile(pcPath); redirected.pFile) {
+        return redirected.pFile->Read(pRuntimeParam, iSeek, pvBuf, iLen, pbEof);
+    }
+    const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
+    if (file.iFile == -1) {
+        return -1;
+    }
+    const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+    if (OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, iSeek, iSeekType, nullptr) == -1) {
+        return -1;  // the bytes at any other place would be the wrong ones
+    }
+    const int iRead = OS_FileRead(pRuntimeParam, pLogArgu, file.iFile, pvBuf, iLen, nullptr);
+    const long long iPos = OS_FileTell(pRuntimeParam, pLogArgu, file.iFile, nullptr);
+    const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, 0, SEEK_END, nullptr);
+    *pbEof = iPos >= iEnd;
+    return iRead;
+}
+
+int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                          unsigned long long iSeek, int iSeekType, const void* pvBuf,
+                          unsigned int iLen) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
+                pLogArgu->pcName, pcPath, iSeek, iSeekType, iLen);
+    }
+    if (GetRedirectedFile(pcPath) != nullptr) {
+        return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
+    }
+    const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
+    if (file.iFile == -1) {
+        return -1;
+    }
+    const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+    if (OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, iSeek, iSeekType, nullptr) == -1) {
+        return -1;
+    }
+    return OS_FileWrite(pRuntimeParam, pLogArgu, file.iFile, pvBuf, iLen, nullptr);
+}
+
+// =================================================================================================
+// System calls with uniform reporting
+// =================================================================================================
+
+template <typename... Args>
+void CUtilities::ReportOs(CRuntimeParam* pRuntimeParam, const char* pcError, char* pcStatus,
+                          const char* pcInfoFmt, const char* pcErrorFmt, Args... args) {
+    if (pcError == nullptr) {
+        if (pRuntimeParam->IsLogFileAccess()) {
+            LogInfo(pRuntimeParam, pcInfoFmt, args...);
+        }
+        return;
+    }
+    SetStatus(pcStatus, "%s", pcError);
+    if (pRuntimeParam->IsLogError()) {
+        LogError(pRuntimeParam, pcErrorFmt, args..., pcError);
+    }
+}
+
+int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                              char* pcStatus) {
+    const int iFile = Retry([&] { return open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666); });
+    const OsError error(iFile != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS create file \"%s\"",
+             "[%s] OS create file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iFile;
+}
+
+int CUtilities::OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                              char* pcStatus) {
+    const int iResult = remove(pcPath);
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS remove file \"%s\"",
+             "[%s] OS remove file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iResult;
+}
+
+int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                              const char* pcPathFrom, const char* pcPathTo, char* pcStatus) {
+    const int iResult = rename(pcPathFrom, pcPathTo);
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS rename file from \"%s\" to \"%s\"",
+             "[%s] OS rename file from \"%s\" to \"%s\". Error=%s", pLogArgu->pcName, pcPathFrom,
+             pcPathTo);
+    return iResult;
+}
+
+int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                            int iMode, bool bCloseExceededCachedFileHandle, char* pcStatus) {
+    const int iFile = Retry([&] { return open(pcPath, iMode | O_CLOEXEC); });
+    const OsError error(iFile != -1);
+    if (iFile == -1 && error.iError == EMFILE && bCloseExceededCachedFileHandle) {
+        CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+        return OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, iMode, false, pcStatus);
+    }
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS open file \"%s\"",
+             "[%s] OS open file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iFile;
+}
+
+int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                             int iFile, char* pcStatus) {
+    // Not retried: after an interrupted close the number may already be somebody else's.
+    const int iResult = iFile != -1 ? close(iFile) : -1;
+    const OsError error(iResult != -1, iFile);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS close file \"%s\"",
+             "[%s] OS close file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iResult;
+}
+
+int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuf,
+                            unsigned int iLen, char* pcStatus) {
+    const ssize_t iRead =
+        iFile != -1 ? Retry([&] { return read(iFile, pvBuf, iLen); }) : ssize_t{-1};
+    const OsError error(iRead != -1, iFile);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS read file (%d)",
+             "[%s] OS read file (%d). Error=%s", pLogArgu->pcName, iFile);
+    return static_cast<int>(iRead);
+}
+
+int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                             const void* pvBuf, unsigned int iLen, char* pcStatus) {
+    const ssize_t iWritten =
+        iFile != -1 ? Retry([&] { return write(iFile, pvBuf, iLen); }) : ssize_t{-1};
+    const OsError error(iWritten != -1, iFile);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS write file (%d)",
+             "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile);
+    return static_cast<int>(iWritten);
+}
+
+long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                                  unsigned long long iSeek, int iSeekType, char* pcStatus) {
+    static_assert(sizeof(off_t) == 8);
+    const off_t iPos = iFile != -1 ? lseek(iFile, static_cast<off_t>(iSeek), iSeekType) : off_t{-1};
+    const OsError error(iPos != -1, iFile);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS seek file (%d)",
+             "[%s] OS seek file (%d). Error=%s", pLogArgu->pcName, iFile);
+    return iPos;
+}
+
+long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                                  char* pcStatus) {
+    const off_t iPos = iFile != -1 ? lseek(iFile, 0, SEEK_CUR) : off_t{-1};
+    const OsError error(iPos != -1, iFile);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS tell file (%d)",
+             "[%s] OS tell file (%d). Error=%s", pLogArgu->pcName, iFile);
+    return iPos;
+}
+
+int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                int iMode, char* pcStatus) {
+    const int iResult = mkdir(pcPath, static_cast<mode_t>(iMode));
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS create folder \"%s\" (mode = %d)",
+             "[%s] OS create folder \"%s\" (mode = %d). Error=%s", pLogArgu->pcName, pcPath, iMode);
+    return iResult;
+}
+
+int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                char* pcStatus) {
+    const int iResult = rmdir(pcPath);
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS remove folder \"%s\"",
+             "[%s] OS remove folder \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iResult;
+}
+
+int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               int iMode, char* pcStatus) {
+    const int iResult = chmod(pcPath, static_cast<mode_t>(iMode));
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS set file mode \"%s\" (mode = %d)",
+             "[%s] OS set file mode \"%s\" (mode = %d). Error=%s", pLogArgu->pcName, pcPath, iMode);
+    return iResult;
+}
+
+int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               struct stat* pData, char* pcStatus) {
+    const int iResult = lstat(pcPath, pData);
+    const OsError error(iResult != -1);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS get file stat \"%s\"",
+             "[%s] OS get file stat \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return iResult;
+}
+
+bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                unsigned long long iSize, char* pcStatus) {
+    const int iFile = Retry([&] { return open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0755); });
+    bool bOk = false;
+    bool bChanged = true;
+    int iError = errno;
+    if (iFile != -1) {
+        struct stat data {};
+        if (fstat(iFile, &data) != -1) {
+            bChanged = static_cast<unsigned long long>(data.st_size) != iSize;
+            bOk = !bChanged || ftruncate(iFile, static_cast<off_t>(iSize)) != -1;
+        }
+        iError = errno;
+        close(iFile);
+    }
+    if (bOk && !bChanged) {
+        return true;
+    }
+    errno = iError;
+    const OsError error(bOk);
+    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS set file file \"%s\"",
+             "[%s] OS set file file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
+    return bOk;
+}
+
+int CUtilities::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                 const char* pcPath, char* pcStatus) {
+    std::vector<std::string> vPieces;
+    SplitIntoVector(pcPath, '/', &vPieces);
+    const bool bLog = pRuntimeParam->IsLogFileAccess();
+    if (bLog) {
+        LogInfo(pRuntimeParam, "[%s] OS splited path \"%s\" into %d elements", pLogArgu->pcName,
+                pcPath, static_cast<int>(vPieces.size()));
+    }
+    // The first piece is empty (an absolute path) or a folder of the working directory that must
+    // be there.
+    std::string sFolder = vPieces.empty() ? "" : vPieces.front();
+    for (std::size_t i = 1; i + 1 < vPieces.size(); ++i) {
+        sFolder += '/' + vPieces[i];
+        if (bLog) {
+            LogInfo(pRuntimeParam, "[%s] Check folder \"%s\" exists", pLogArgu->pcName,
+                    sFolder.c_str());
+        }
+        if (OS_IsFileExists(sFolder.c_str())) {
+            continue;
+        }
+        if (bLog) {
+            LogInfo(pRuntimeParam, "[%s] Create folder \"%s\"", pLogArgu->pcName, sFolder.c_str());
+        }
+        if (OS_FolderCreate(pRuntimeParam, pLogArgu, sFolder.c_str(), 0755, pcStatus) == -1) {
+            return -1;
+        }
+    }
+    if (OS_IsFileExists(pcPath)) {
+        return OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_APPEND, true, pcStatus);
+    }
+    return OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, pcStatus);
+}
+
+bool CUtilities::OS_IsFileExists(const char* pcPath) {
+    struct stat data {};
+    return stat(pcPath, &data) == 0;
+}
+
+// =================================================================================================
+// File-system queries
+// =================================================================================================
+
+namespace {
+
+constexpr unsigned long long ALL_ONES = ~0ULL;
+
+// A value of statvfs(3), or all ones.
+template <typename Value>
+unsigned long long QueryFileSystem(const char* pcPath, Value value) {
+    struct statvfs data {};
+    return statvfs(pcPath, &data) == 0 ? static_cast<unsigned long long>(value(data)) : ALL_ONES;
+}
+
+// Types of file systems whose largest file differs from the usual one.
+constexpr unsigned long FS_TYPE_MSDOS = 0x4D44;
+constexpr unsigned long FS_TYPE_REISER = 0x52654973;
+
+}  // namespace
+
+unsigned long long CUtilities::GetTotalDiskSpace(const char* pcPath) {
+    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_blocks * d.f_frsize; });
+}
+
+unsigned long long CUtilities::GetFreeDiskSpace(const char* pcPath) {
+    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_bfree * d.f_frsize; });
+}
+
+unsigned long long CUtilities::GetFreeDiskSpaceAvailableToCaller(const char* pcPath) {
+    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_bavail * d.f_frsize; });
+}
+
+unsigned long long CUtilities::GetTotalFileSlots(const char* pcPath) {
+    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_files; });
+}
+
+unsigned long long CUtilities::GetFreeFileSlots(const char* pcPath) {
+    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_ffree; });
+}
+
+unsigned long long CUtilities::GetFreeFileSlotsAvailableToCaller(const char* pcPath) {
+    // The server creates files with the rights that see every free slot.
+    return GetFreeFileSlots(pcPath);
+}
+
+unsigned long long CUtilities::GetFileSystemID(const char* pcPath) {
+    struct statvfs data {};
+    return statvfs(pcPath, &data) == 0 ? static_cast<unsigned long long>(data.f_fsid) : 4;
+}
+
+unsigned long long CUtilities::GetMaxFileSize(const char* pcPath) {
+    struct statfs data {};
+    if (statfs(pcPath, &data) == 0) {
+        const auto lType = static_cast<unsigned long>(data.f_type);
+        if (lType == FS_TYPE_MSDOS) {
+            return 1ULL << 32;
+        }
+        if (lType == FS_TYPE_REISER) {
+            return 1ULL << 43;
+        }
+    }
+    return 1ULL << 41;
+}
+
+unsigned long long CUtilities::GetCurrentSystemTimeInMilliseconds() {
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
+           static_cast<unsigned long long>(now.tv_usec) / 1000;
+}
+
+void CUtilities::GetPrintableFileSize(unsigned long long iValue, char* pcPrintSize) {
+    static constexpr const char* FORMATS[] = {"%.1fB",  "%.1fKB", "%.1fMB", "%.1fGB",
+                                              "%.1fTB", "%.1fPB", "%.1fEB"};
+    double d = static_cast<double>(iValue) / 1024;
+    std::size_t iUnit = 0;
+    while (d >= 1.0 && iUnit < 6) {
+        d /= 1024;
+        ++iUnit;
+    }
+    std::snprintf(pcPrintSize, 32, FORMATS[iUnit], d * 1024);
+}
+
+// =================================================================================================
+// Descriptor cache
+// =================================================================================================
+
+namespace {
+
+constexpr std::size_t MAX_CACHED_FILES = 1023;  // more than that sheds the oldest tenth
+
+// Orders the entries by last access, in seconds; within one second the descriptor's digits decide.
+std::string MakeTimeKey(int iFile) {
+    char cKey[48];
+    std::snprintf(cKey, sizeof(cKey), "%016llu%d",
+                  static_cast<unsigned long long>(std::time(nullptr)), iFile);
+    return cKey;
+}
+
+}  // namespace
+
+CDescriptorUse::~CDescriptorUse() {
+    if (m_iCloseLater != -1) {
+        close(m_iCloseLater);
+    }
+}
+
+int CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath, bool bAlwaysReadWrite) {
+    return UseCachedFile(pRuntimeParam, pLogArgu, pcPath, bAlwaysReadWrite).iFile;
+}
+
+CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                     const char* pcPath, bool bAlwaysReadWrite) {
+    if (pcPath == nullptr || *pcPath == '\0') {
+        return {};
+    }
+    const std::string sPath(pcPath);
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    OpenedFileInfo info;
+    const auto it = m_OpenedFileHandles.find(sPath);
+    if (it != m_OpenedFileHandles.end()) {
+        info = it->second;
+    }
+    if (info.iFile == -1) {
+        if (m_OpenedFileHandles.size() > MAX_CACHED_FILES) {
+            CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+        }
+        const bool bReadWrite =
+            bAlwaysReadWrite || GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
+        if (pRuntimeParam->IsLogFileAccess()) {
+            LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName,
+                    bReadWrite ? "read/write" : "read only", pcPath);
+        }
+        info.iFile = OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, bReadWrite ? O_RDWR : O_RDONLY,
+                                 true, nullptr);
+        info.sPath = sPath;
+        if (info.iFile != -1) {
+            info.pUse = std::make_shared<CDescriptorUse>();
+        }
+    }
+    // A failed open is entered too: the next request tries again, and eviction forgets it.
+    m_OpenedFileLastAccessList.erase(info.sTimeKey);
+    info.sTimeKey = MakeTimeKey(info.iFile);
+    m_OpenedFileLastAccessList[info.sTimeKey] = sPath;
+    m_OpenedFileHandles[sPath] = info;
+    return {info.iFile, info.pUse};
+}
+
+void CUtilities::CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                 OpenedFileInfo* pInfo) {
+    if (pInfo->pUse != nullptr && pInfo->pUse.use_count() > 1) {
+        // A request on another thread still reads or writes: the descriptor must not become
+        // another file's under its hands.
+        pInfo->pUse->m_iCloseLater = pInfo->iFile;
+        pInfo->pUse.reset();
+        ReportOs(pRuntimeParam, nullptr, nullptr, "[%s] OS close file \"%s\"", "", pLogArgu->pcName,
+                 pInfo->sPath.c_str());
+        return;
+    }
+    std::unique_lock<std::mutex> lock;
+    if (pInfo->pUse != nullptr) {
+        // Nobody holds it any more; taking it orders the last user's transfer before the close.
+        lock = std::unique_lock<std::mutex>(pInfo->pUse->m_hMutex, std::try_to_lock);
+    }
+    OS_FileClose(pRuntimeParam, pLogArgu, pInfo->sPath.c_str(), pInfo->iFile, nullptr);
+}
+
+void CUtilities::CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    for (auto& [sPath, info] : m_OpenedFileHandles) {
+        CloseOpenedFile(pRuntimeParam, pLogArgu, &info);
+    }
+    m_OpenedFileHandles.clear();
+    m_OpenedFileLastAccessList.clear();
+}
+
+void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                       const char* pcPath) {
+    if (pcPath == nullptr || *pcPath == '\0') {
+        return;
+    }
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    const auto it = m_OpenedFileHandles.find(pcPath);
+    if (it == m_OpenedFileHandles.end()) {
+        return;
+    }
+    m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
+    CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
+    m_OpenedFileHandles.erase(it);
+}
+
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                           const char* pcPath) {
+    if (pcPath == nullptr || *pcPath == '\0') {
+        return;
+    }
+    char cFolder[PATH_SIZE];
+    CopyPath(cFolder, pcPath);
+    SetPathToCompare(cFolder);
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    for (auto it = m_OpenedFileHandles.begin(); it != m_OpenedFileHandles.end();) {
+        char cEntry[PATH_SIZE];
+        CopyPath(cEntry, it->first.c_str());
+        SetPathToCompare(cEntry);
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"",
+                    cFolder, cEntry);
+        }
+        if (!StartsWith(cEntry, cFolder)) {
+            ++it;
+            continue;
+        }
+        m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
+        CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
+        m_OpenedFileHandles.erase(it);
+        it = m_OpenedFileHandles.begin();  // every walk is logged from the first entry
+    }
+}
+
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
+}
+
+void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    std::size_t n = m_OpenedFileHandles.size() / 10;
+    if (n == 0) {
+        if (pRuntimeParam->IsLogFileAccess()) {
+            LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: ALL", pLogArgu->pcName);
+        }
+        CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
+        return;
+    }
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: %d", pLogArgu->pcName,
+                static_cast<int>(n));
+    }
+    while (n >= 1 && !m_OpenedFileLastAccessList.empty()) {
+        const auto itOldest = m_OpenedFileLastAccessList.begin();
+        const auto it = m_OpenedFileHandles.find(itOldest->second);
+        if (it != m_OpenedFileHandles.end()) {
+            CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
+            m_OpenedFileHandles.erase(it);
+            --n;
+        }
+        m_OpenedFileLastAccessList.erase(itOldest);
+    }
+}
+
+// =================================================================================================
+// Redirected files
+// =================================================================================================
+
+CUtilities::RedirectedFileMap::iterator CUtilities::EraseRedirectedFile(
+    CRuntimeParam* pRuntimeParam, RedirectedFileMap::iterator it) {
+    {
+        // Waits for a reader; one that comes later finds the file closed and looks it up again.
+        const std::lock_guard<std::mutex> lock(it->second->GetMutex());
+        it->second->Close(pRuntimeParam);
+    }
+    return m_mRedirectedFiles.erase(it);
+}
+
+std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* pRuntimeParam,
+                                                                const char* pcPath, long long iSize,
+                                                                bool bCreateInfoFile,
+                                                                int iInfoFileSegmentSizeMB,
+                                                                int iInfoFileCheckPointSizeMB) {
+    CloseRedirectedFile(pRuntimeParam, pcPath);
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto pFile = std::make_shared<CRedirectedFile>(this);
+    pFile->Open(pRuntimeParam, iSize, static_cast<int>(m_mRedirectedFiles.size()),
+                bCreateInfoFile ? Text(pcPath) : nullptr, iInfoFileSegmentSizeMB,
+                iInfoFileCheckPointSizeMB);
+    m_mRedirectedFiles[Text(pcPath)] = pFile;
+    return pFile;
+}
+
+void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pcPath));
+    if (it != m_mRedirectedFiles.end()) {
+        EraseRedirectedFile(pRuntimeParam, it);
+    }
+}
+
+void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    if (m_mRedirectedFiles.empty()) {
+        return;
+    }
+    char cFolder[PATH_SIZE];
+    CopyPath(cFolder, Text(pcPath));
+    SetPathToCompare(cFolder);
+    for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
+        char cEntry[PATH_SIZE];
+        CopyPath(cEntry, it->first.c_str());
+        SetPathToCompare(cEntry);
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"",
+                    cFolder, cEntry);
+        }
+        if (!StartsWith(cEntry, cFolder)) {
+            ++it;
+            continue;
+        }
+        EraseRedirectedFile(pRuntimeParam, it);
+        it = m_mRedirectedFiles.begin();  // every walk is logged from the first entry
+    }
+}
+
+void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
+        it = EraseRedirectedFile(pRuntimeParam, it);
+    }
+}
+
+bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                          const char* pcSourcePath, long long iSrcFileOffset,
+                                          long long iOffset, long long iLength, char* pcStatus) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pcPath));
+    if (it == m_mRedirectedFiles.end()) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lockFile(it->second->GetMutex());
+    return it->second->AddSegment(pRuntimeParam, pcSourcePath, iSrcFileOffset, iOffset, iLength,
+                                  pcStatus);
+}
+
+void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                      const char* pcExportPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pcPath));
+    if (it != m_mRedirectedFiles.end()) {
+        const std::lock_guard<std::mutex> lockFile(it->second->GetMutex());
+        it->second->Export(pRuntimeParam, pcExportPath);
+    }
+}
+
+void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                          const char* pcExportPath, bool bMergeRange) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pcPath));
+    if (it != m_mRedirectedFiles.end()) {
+        const std::lock_guard<std::mutex> lockFile(it->second->GetMutex());
+        it->second->ExportInfo(pRuntimeParam, pcExportPath, bMergeRange);
+    }
+}
+
+void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
+                                      const char* pathTo) {
+    CloseRedirectedFile(pRuntimeParam, pathTo);
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto node = m_mRedirectedFiles.extract(Text(pathFrom));
+    if (!node.empty()) {
+        node.key() = Text(pathTo);
+        m_mRedirectedFiles.insert(std::move(node));
+    }
+}
+
+std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
+    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pcPath));
+    return it != m_mRedirectedFiles.end() ? it->second : nullptr;
+}
+
+RedirectedFileUse CUtilities::UseRedirectedFile(const char* pcPath) {
+    for (;;) {
+        RedirectedFileUse use;
+        use.pFile = GetRedirectedFile(pcPath);
+        if (use.pFile == nullptr) {
+            return use;
+        }
+        use.lock = std::unique_lock<std::mutex>(use.pFile->GetMutex());
+        if (!use.pFile->IsClosed()) {
+            return use;
+        }
+    }
+}
+
+// =================================================================================================
+// Datastores
+// =================================================================================================
+
+VSphereInfo::~VSphereInfo() { WipePassword(); }
+
+void VSphereInfo::WipePassword() { explicit_bzero(sPwd.data(), sPwd.size()); }
+
+void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+                                const char* pcUser, const char* pcPwd) {
+    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    // Filled in place: a record that is moved in would leave the password behind.
+    VSphereInfo& info = m_VSphereInfos[Text(pcDatastoreMoid)];
+    info.sDatastoreMoid = Text(pcDatastoreMoid);
+    info.sHost = Text(pcHost);
+    info.sPort = Text(pcPort);
+    info.sUser = Text(pcUser);
+    info.WipePassword();
+    info.sPwd = Text(pcPwd);
+}
+
+void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
+    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    m_VSphereInfos.erase(Text(pcDatastoreMoid));
+}
+
+int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    int iCount = 0;
+    for (const auto& [sMoid, info] : m_VSphereInfos) {
+        ++iCount;
+        if (bPrintDetails) {
+            LogRaw(pRuntimeParam, " NFS datastore%d - %s (%s:%s)", iCount,
+                   info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+        }
+    }
+    return iCount;
+}
+
+void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
+    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    if (m_VSphereInfos.empty()) {
+        return;
+    }
+    CVSphereWebController controller(this, pRuntimeParam);
+    LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores");
+    for (auto it = m_VSphereInfos.begin(); it != m_VSphereInfos.end();) {
+        VSphereInfo& info = it->second;
+        LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
+                info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+        controller.RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(),
+                                 info.sPort.c_str(), info.sUser.c_str(), info.sPwd.c_str());
+        it = m_VSphereInfos.erase(it);
+    }
+}
+
+// =================================================================================================
+// Platform test
+// =================================================================================================
+
+namespace {
+
+// One step of the platform test: its description and the reason why it failed, if it did.
+class TestStep {
+public:
+    TestStep(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
+        : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {}
+
+    void Describe(const char* pcFmt, ...) VELOCAST_PRINTF(2, 3) {
+        va_list vaArgs;
+        va_start(vaArgs, pcFmt);
+        std::vsnprintf(m_cText, sizeof(m_cText), pcFmt, vaArgs);
+        va_end(vaArgs);
+        m_cStatus[0] = '\0';
+    }
+    // The buffer for the reason of the operation that is tested.
+    char* Status() { return m_cStatus; }
+
+    // Each reports the step; Ok returns true, the failures false.
+    bool Ok() {
+        m_pUtilities->LogInfo(m_pRuntimeParam, "%s%s.", "[ OK ] ", m_cText);
+        return true;
+    }
+    bool Fail() { return Fail("%s%s. Error=%s", m_cStatus); }
+    // With a reason of its own, which the format holds.
+    template <typename... Args>
+    bool Fail(const char* pcFmt, Args... args) {
+        m_pUtilities->LogInfo(m_pRuntimeParam, pcFmt, "[FAIL] ", m_cText, args...);
+        return false;
+    }
+
+private:
+    CUtilities* m_pUtilities;
+    CRuntimeParam* m_pRuntimeParam;
+    char m_cText[STATUS_SIZE] = "";
+    char m_cStatus[STATUS_SIZE] = "";
+};
+
+constexpr long long TEST_DATA_SIZE = 2048;             // bytes
+constexpr unsigned int TEST_READ_ONLY_MODE = 0100444;  // a regular file, readable by all
+
+}  // namespace
+
+void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath,
+                             long long iFileSize) {
+    if (pRuntimeParam == nullptr) {
+        return;
+    }
+    LogArgu logArgu{"Utilities.RunTestMode"};
+    if (pcDirPath == nullptr) {
+        LogInfo(pRuntimeParam, "Cannot start platrorm test. Error=Target directory is NULL");
+        return;
+    }
+    if (iFileSize <= 0) {
+        LogInfo(pRuntimeParam, "Cannot start platrorm test. Error=File size is ZERO");
+        return;
+    }
+    char cDir[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, &logArgu, cDir, pcDirPath);
+    if (!OS_IsFileExists(cDir)) {
+        LogInfo(pRuntimeParam,
+                "Cannot start platrorm test. Error=Target directory \"%s\" not exist", cDir);
+        return;
+    }
+    std::string sTestDir(cDir);
+    if (sTestDir.back() != '/') {
+        sTestDir += '/';
+    }
+    sTestDir += "_test";
+    const std::string sTestFile = sTestDir + '/' + "test" + ".bak";
+    const std::string sSecondFile = sTestFile + "2";
+    const char* pcTestDir = sTestDir.c_str();
+    const char* pcTestFile = sTestFile.c_str();
+    const char* pcSecondFile = sSecondFile.c_str();
+    if (OS_IsFileExists(pcTestDir)) {
+        LogInfo(pRuntimeParam,
+                "Cannot start platrorm test. Error=Test directory \"%s\" already exist", pcTestDir);
+        return;
+    }
+
+    LogInfo(pRuntimeParam, "%s",
+            "=============================== START TEST ===============================");
+    LogInfo(pRuntimeParam, " >> Directory : \"%s\"", pcTestDir);
+    LogInfo(pRuntimeParam, " >> File      : \"%s\"", pcTestFile);
+    LogInfo(pRuntimeParam, "%s", "");
+    LogInfo(pRuntimeParam, "%s",
+            "------------------------ ATTRIBUTES of file system -----------------------");
+    LogInfo(pRuntimeParam, "%-40s: %llu", "Current time (in milliseconds)",
+            GetCurrentSystemTimeInMilliseconds());
+    const auto printSize = [&](const char* pcName, unsigned long long iSize) {
+        char cSize[32];
+        GetPrintableFileSize(iSize, cSize);
+        LogInfo(pRuntimeParam, "%-40s: %s", pcName, cSize);
+    };
+    printSize("Maximum File Size", GetMaxFileSize(cDir));
+    printSize("Total Disk Space", GetTotalDiskSpace(cDir));
+    printSize("Free Disk Space", GetFreeDiskSpace(cDir));
+    printSize("Free Disk Space To Caller", GetFreeDiskSpaceAvailableToCaller(cDir));
+    const auto printSlots = [&](const char* pcName, unsigned long long iSlots) {
+        LogInfo(pRuntimeParam, "%-40s: %llu(%llX)", pcName, iSlots, iSlots);
+    };
+    printSlots("Total File Slots", GetTotalFileSlots(cDir));
+    printSlots("Free File Slots", GetFreeFileSlots(cDir));
+    printSlots("Free File Slots To Caller", GetFreeFileSlotsAvailableToCaller(cDir));
+    LogInfo(pRuntimeParam, "%s", "");
+    LogInfo(pRuntimeParam, "%s",
+            "-------------------------------- FILE IO ---------------------------------");
+
+    TestStep step(this, pRuntimeParam);
+    step.Describe("Create directory \"%s\"", pcTestDir);
+    if (OS_FolderCreate(pRuntimeParam, &logArgu, pcTestDir, 0755, step.Status()) == -1) {
+        step.Fail();
+    } else if (!OS_IsFileExists(pcTestDir)) {
+        step.Fail("%s%s. Error=Directory not exist");
+    } else {
+        step.Ok();
+    }
+
+    step.Describe("Create file \"%s\"", pcTestFile);
+    int iFile = OS_FileCreate(pRuntimeParam, &logArgu, pcTestFile, step.Status());
+    if (iFile == -1) {
+        step.Fail();
+    } else if (!OS_IsFileExists(pcTestFile)) {
+        step.Fail("%s%s. Error=File not exist");
+    } else {
+        step.Ok();
+    }
+
+    const auto closeFile = [&] {
+        step.Describe("Close file \"%s\"", pcTestFile);
+        return OS_FileClose(pRuntimeParam, &logArgu, pcTestFile, iFile, step.Status()) == -1
+                   ? step.Fail()
+                   : step.Ok();
+    };
+    closeFile();
+
+    // Beyond the largest size this wraps round, and the step fails on the file system's word.
+    const auto iLargeSize =
+        static_cast<long long>(static_cast<unsigned long long>(iFileSize) + 1024);
+    RunTestUpdateFileSize(pRuntimeParam, &logArgu, pcTestFile, iLargeSize, "Enlarge file");
+    RunTestUpdateFileSize(pRuntimeParam, &logArgu, pcTestFile, iFileSize, "Shrink file");
+
+    step.Describe("Open file \"%s\"", pcTestFile);
+    iFile = OS_FileOpen(pRuntimeParam, &logArgu, pcTestFile, O_RDWR, false, step.Status());
+    if (iFile == -1) {
+        step.Fail();
+    } else {
+        step.Ok();
+    }
+    RunTestReadWriteFile(pRuntimeParam, &logArgu, iFile, 0, iFileSize);
+    RunTestReadWriteFile(pRuntimeParam, &logArgu, iFile, iFileSize, iFileSize);
+
+    step.Describe("Get file stat from file \"%s\"", pcTestFile);
+    struct stat data {};
+    if (OS_GetFileStat(pRuntimeParam, &logArgu, pcTestFile, &data, step.Status()) == -1) {
+        data.st_mode = 0;
+        step.Fail();
+    } else {
+        step.Ok();
+    }
+    RunTestUpdateFileAttribute(pRuntimeParam, &logArgu, pcTestFile, TEST_READ_ONLY_MODE);
+    RunTestUpdateFileAttribute(pRuntimeParam, &logArgu, pcTestFile, data.st_mode);
+    closeFile();
+
+    step.Describe("Rename file from \"%s\" to \"%s\"", pcTestFile, pcSecondFile);
+    if (OS_FileRename(pRuntimeParam, &logArgu, pcTestFile, pcSecondFile, step.Status()) == -1) {
+        step.Fail();
+    } else {
+        step.Ok();
+    }
+    step.Describe("Remove file \"%s\"", pcSecondFile);
+    if (OS_FileRemove(pRuntimeParam, &logArgu, pcSecondFile, step.Status()) == -1) {
+        step.Fail();
+    } else {
+        step.Ok();
+    }
+    step.Describe("Remove directory \"%s\"", pcTestDir);
+    if (OS_FolderRemove(pRuntimeParam, &logArgu, pcTestDir, step.Status()) == -1) {
+        step.Fail();
+    } else if (OS_IsFileExists(pcTestDir)) {
+        step.Fail("%s%s. Error=Directory still exist");
+    } else {
+        step.Ok();
+    }
+
+    for (const char* pcFile : {pcTestFile, pcSecondFile}) {
+        if (OS_IsFileExists(pcFile)) {
+            OS_FileRemove(pRuntimeParam, &logArgu, pcFile, nullptr);
+        }
+    }
+    if (OS_IsFileExists(pcTestDir)) {
+        OS_FolderRemove(pRuntimeParam, &logArgu, pcTestDir, nullptr);
+    }
+    LogInfo(pRuntimeParam, "%s",
+            "================================ END TEST ================================");
+}
+
+void CUtilities::RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                       const char* pcFile, long long iFileSize,
+                                       const char* pcPrefix) {
+    TestStep step(this, pRuntimeParam);
+    step.Describe("%s \"%s\" size to %lld", pcPrefix, pcFile, iFileSize);
+    const bool bSet = OS_SetFileSize(pRuntimeParam, pLogArgu, pcFile,
+                                     static_cast<unsigned long long>(iFileSize), step.Status())
+                          ? step.Ok()
+                          : step.Fail();
+
+    step.Describe("Open file \"%s\"", pcFile);
+    int iFile = -1;
+    if (!bSet) {
+        step.Fail("%s%s. Error=Set file size failed");
+    } else {
+        iFile = OS_FileOpen(pRuntimeParam, pLogArgu, pcFile, O_RDWR, false, step.Status());
+        if (iFile == -1) {
+            step.Fail();
+        } else {
+            step.Ok();
+        }
+    }
+
+    step.Describe("Verify file size");
+    if (iFile == -1) {
+        step.Fail("%s%s. Error=Open file failed");
+    } else {
+        const long long iSize =
+            OS_FileSeek(pRuntimeParam, pLogArgu, iFile, 0, SEEK_END, step.Status());
+        if (iSize == -1) {
+            step.Fail();
+        } else if (iSize != iFileSize) {
+            step.Fail("%s%s. Error=Size not match (current size = %llu)",
+                      static_cast<unsigned long long>(iSize));
+        } else {
+            step.Ok();
+        }
+    }
+
+    step.Describe("Close file \"%s\"", pcFile);
+    if (iFile == -1) {
+        step.Fail("%s%s. Error=Open file failed");
+    } else if (OS_FileClose(pRuntimeParam, pLogArgu, pcFile, iFile, step.Status()) == -1) {
+        step.Fail();
+    } else {
+        step.Ok();
+    }
+}
+
+void CUtilities::RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                                      long long iPos, long long iFileSize) {
+    // Every byte of the pattern has the value 1.
+    const std::string sData(TEST_DATA_SIZE, '\x01');
+    long long iLen = TEST_DATA_SIZE;
+    if (iPos <= 0) {
+        iPos = 0;
+        if (iLen >= iFileSize) {
+            iLen = iFileSize - 1;
+        }
+    } else if (iPos >= iFileSize) {
+        if (iLen > iFileSize) {
+            iPos = 0;
+            iLen = iFileSize - 1;
+        } else {
+            iPos = iFileSize - iLen;
+        }
+    } else if (iPos + iLen >= iFileSize) {
+        iLen = iFileSize - iPos - 1;
+    }
+    const auto iPosition = static_cast<unsigned long long>(iPos);
+    const auto iDataLen = static_cast<unsigned int>(iLen);
+    const int iPrintLen = static_cast<int>(iLen);
+
+    TestStep step(this, pRuntimeParam);
+    const auto seek = [&] {
+        const long long iNow =
+            OS_FileSeek(pRuntimeParam, pLogArgu, iFile, iPosition, SEEK_SET, step.Status());
+        if (iNow == -1) {
+            return step.Fail();
+        }
+        return iNow == iPos ? step.Ok()
+                            : step.Fail("%s%s. Error=Position not match (current pos = %llu)",
+                                        static_cast<unsigned long long>(iNow));
+    };
+
+    step.Describe("File seek to position %llu", iPosition);
+    bool bOk = seek();
+
+    step.Describe("Write data with length %d", iPrintLen);
+    if (!bOk) {
+        step.Fail("%s%s. Error=File seek failed");
+    } else {
+        const int iWritten =
+            OS_FileWrite(pRuntimeParam, pLogArgu, iFile, sData.data(), iDataLen, step.Status());
+        if (iWritten == -1) {
+            bOk = step.Fail();
+        } else if (iWritten != iPrintLen) {
+            bOk = step.Fail("%s%s. Error=Data lenght not match (write length = %d)", iWritten);
+        } else {
+            step.Ok();
+        }
+    }
+
+    step.Describe("Move pointer to position %llu", iPosition);
+    bOk = bOk ? seek() : step.Fail("%s%s. Error=File write failed");
+
+    step.Describe("Read data with length %d", iPrintLen);
+    char cRead[TEST_DATA_SIZE] = {};
+    if (!bOk) {
+        step.Fail("%s%s. Error=File seek failed");
+    } else {
+        const int iRead =
+            OS_FileRead(pRuntimeParam, pLogArgu, iFile, cRead, iDataLen, step.Status());
+        if (iRead == -1) {
+            bOk = step.Fail();
+        } else if (iRead != iPrintLen) {
+            bOk = step.Fail("%s%s. Error=Data lenght not match (read length = %d)", iRead);
+        } else {
+            step.Ok();
+        }
+    }
+
+    step.Describe("Verify data with size %d", iPrintLen);
+    if (!bOk) {
+        step.Fail("%s%s. Error=File read failed");
+    } else if (std::memcmp(cRead, sData.data(), iDataLen) != 0) {
+        step.Fail("%s%s. Error=Data content not match");
+    } else {
+        step.Ok();
+    }
+}
+
+void CUtilities::RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                            const char* pcFile, unsigned int iMode) {
+    TestStep step(this, pRuntimeParam);
+    step.Describe("Set file mode %X to file \"%s\"", iMode, pcFile);
+    bool bOk = OS_SetFileMode(pRuntimeParam, pLogArgu, pcFile, static_cast<int>(iMode),
+                              step.Status()) == -1
+                   ? step.Fail()
+                   : step.Ok();
+
+    step.Describe("Get file mode from file \"%s\"", pcFile);
+    struct stat data {};
+    if (!bOk) {
+        step.Fail("%s%s. Error=Set file mode failed");
+    } else {
+        bOk = OS_GetFileStat(pRuntimeParam, pLogArgu, pcFile, &data, step.Status()) == -1
+                  ? step.Fail()
+                  : step.Ok();
+    }
+
+    step.Describe("Verify file mode %X from file \"%s\"", iMode, pcFile);
+    if (!bOk) {
+        step.Fail("%s%s. Error=Get file mode failed");
+    } else if (data.st_mode != iMode) {
+        step.Fail("%s%s. Error=File mode not match (current file mode = %X)", data.st_mode);
+    } else {
+        step.Ok();
+    }
+}
+
+// =================================================================================================
+// Logging
+// =================================================================================================
+
+void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage) {
+    LogInfo(pRuntimeParam->GetID(), pcMessage);
+}
+
+void CUtilities::LogError(CRuntimeParam* pRuntimeParam, char* pcMessage) {
+    LogError(pRuntimeParam->GetID(), pcMessage);
+}
+
+void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage) {
+    LogRaw(pRuntimeParam->GetID(), pcMessage);
+}
+
+int CUtilities::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                                  bool bSize, unsigned long long iSize,
+                                                  bool bAccessTime, unsigned long lAccessTimeSec,
+                                                  bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec) {
+    return LogUpdateRedirectedFileAttributes(pRuntimeParam->GetID(), pcPath, bSize, iSize,
+                                             bAccessTime, lAccessTimeSec, bLastModifiedTime,
+                                             lLastModifiedTimeSec);
+}
+
+int CUtilities::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    return LogRemoveRedirectedFile(pRuntimeParam->GetID(), pcPath);
+}
+
+int CUtilities::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFm,
+                                        const char* pcPathTo) {
+    return LogRenameRedirectedFile(pRuntimeParam->GetID(), pcPathFm, pcPathTo);
+}
+
+int CUtilities::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                       unsigned long long iSeek, int iSeekType, unsigned int iLen) {
+    return LogWriteRedirectedFile(pRuntimeParam->GetID(), pcPath, iSeek, iSeekType, iLen);
+}
+
+void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
+    char cMessage[STATUS_SIZE];
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
+    va_end(vaArgs);
+    LogInfo(pRuntimeParam, cMessage);
+}
+
+void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
+    char cMessage[STATUS_SIZE];
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
+    va_end(vaArgs);
+    LogError(pRuntimeParam, cMessage);
+}
+
+void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
+    char cMessage[STATUS_SIZE];
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
+    va_end(vaArgs);
+    LogRaw(pRuntimeParam, cMessage);
+}
+
+void CUtilities::LogInfo(const char* pcID, char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback != nullptr && pCallback->LogInfo(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = m_pFileLogger;
+    if (pFileLogger != nullptr && pFileLogger->LogInfo(pcMessage)) {
+        return;
+    }
+    std::printf("[info] (%s) %s\n", pcID, pcMessage);
+    std::fflush(stdout);
+}
+
+void CUtilities::LogError(const char* pcID, char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback != nullptr && pCallback->LogError(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = m_pFileLogger;
+    if (pFileLogger != nullptr && pFileLogger->LogError(pcMessage)) {
+        return;
+    }
+    std::printf("[erro] (%s) %s\n", pcID, pcMessage);
+    std::fflush(stdout);
+}
+
+void CUtilities::LogRaw(const char* pcID, char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback != nullptr && pCallback->LogRaw(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = m_pFileLogger;
+    if (pFileLogger != nullptr && pFileLogger->LogRaw(pcMessage)) {
+        return;
+    }
+    std::printf("%s\n", pcMessage);
+    std::fflush(stdout);
+}
+
+int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec,
+                                                  bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec) {
+    const auto pCallback = GetCallback();
+    return pCallback != nullptr ? pCallback->UpdateRedirectedFileAttributes(
+                                      pcID, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                      bLastModifiedTime, lLastModifiedTimeSec)
+                                : -1;
+}
+
+int CUtilities::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
+    const auto pCallback = GetCallback();
+    return pCallback != nullptr ? pCallback->RemoveRedirectedFile(pcID, pcPath) : -1;
+}
+
+int CUtilities::LogRenameRedirectedFile(const char* pcID, const char* pcPathFm,
+                                        const char* pcPathTo) {
+    const auto pCallback = GetCallback();
+    return pCallback != nullptr ? pCallback->RenameRedirectedFile(pcID, pcPathFm, pcPathTo) : -1;
+}
+
+int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath,
+                                       unsigned long long iSeek, int iSeekType, unsigned int iLen) {
+    const auto pCallback = GetCallback();
+    return pCallback != nullptr
+               ? pCallback->WriteRedirectedFile(pcID, pcPath, iSeek, iSeekType, iLen)
+               : -1;
+}
+
+bool CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue) {
+    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
+    if (!m_vCallbacks.empty() && !bQueue) {
+        return false;
+    }
+    m_vCallbacks.push_back(std::move(pCallback));
+    return true;
+}
+
+void CUtilities::UnsetCallback(const CCallback* pCallback) {
+    std::shared_ptr<CCallback>
+        pUnset;  // its end, which may be the object's, comes after the lock's
+    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
+    const auto it = std::find_if(m_vCallbacks.begin(), m_vCallbacks.end(),
+                                 [&](const auto& p) { return p.get() == pCallback; });
+    if (it != m_vCallbacks.end()) {
+        pUnset = std::move(*it);
+        m_vCallbacks.erase(it);
+    }
+}
+
+std::shared_ptr<CCallback> CUtilities::GetCallback() {
+    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
+    return m_vCallbacks.empty() ? nullptr : m_vCallbacks.front();
+}
+
+void CUtilities::SetStatus(char* pcStatus, const char* pcFmt, ...) {
+    if (pcStatus == nullptr) {
+        return;
+    }
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(pcStatus, STATUS_SIZE, pcFmt, vaArgs);
+    va_end(vaArgs);
+}
+
+void CUtilities::GetLastErrorText(char* pcBuf, int iError) {
+    // strerror_r(3) comes in two forms: one returns the text, one fills the buffer.
+    char cText[256] = "";
+    const auto result = strerror_r(iError, cText, sizeof(cText));
+    const char* pcText = cText;
+    if constexpr (std::is_pointer_v<decltype(result)>) {
+        pcText = result;
+    }
+    if (pcText != nullptr && *pcText != '\0') {
+        std::snprintf(pcBuf, STATUS_SIZE, "%s (%d)", pcText, iError);
+    }
+}

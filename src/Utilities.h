@@ -1,0 +1,432 @@
+// The one shared service object of a server: every table that the protocol programs and the
+// control front ends share, the file access layer, and the routing of log lines.
+#ifndef VELOCAST_UTILITIES_H
+#define VELOCAST_UTILITIES_H
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "FileTable.h"
+#include "RuntimeParam.h"
+
+class CCallback;
+class CFileLogger;
+class CRedirectedFile;
+
+// Bytes of a path buffer, its NUL included.
+inline constexpr std::size_t PATH_SIZE = 4096;
+// Bytes of a buffer for a reason or a finished log message, its NUL included.  Every pcStatus and
+// every error text argument points to this many bytes, or is null where null is allowed.
+inline constexpr std::size_t STATUS_SIZE = 2048;
+
+#if defined(__GNUC__)
+#define VELOCAST_PRINTF(iFormat, iFirst) __attribute__((format(printf, iFormat, iFirst)))
+#else
+#define VELOCAST_PRINTF(iFormat, iFirst)
+#endif
+
+// One export.
+struct MountInfo {
+    std::string sLocalMountPath;  // canonical local directory
+    std::string sExportName;      // what clients mount; the table's key
+    std::string sIcpID;           // IPC ID of the controller that added it; empty: added locally
+    std::string sRemoteIpAddr;    // client that has it mounted; empty: nobody
+};
+
+// One session of a controller.
+struct SessionInfo {
+    std::string sSessionID;       // the table's key
+    std::string sLocalMountPath;  // as given, not canonical
+};
+
+// One datastore that a host has mounted from this server.
+struct VSphereInfo {
+    VSphereInfo() = default;
+    ~VSphereInfo();
+    VSphereInfo(const VSphereInfo&) = delete;
+    VSphereInfo& operator=(const VSphereInfo&) = delete;
+
+    // Overwrites the password, whose memory is given back or used again; also done at the end.
+    void WipePassword();
+
+    std::string sDatastoreMoid;  // managed object identifier; the table's key
+    std::string sHost;
+    std::string sPort;
+    std::string sUser;
+    std::string sPwd;  // never logged
+};
+
+// The users of one cached descriptor.  The mutex makes a positioning and the transfer after it one
+// step.  A descriptor that leaves the cache while it is in use is closed by its last user.
+class CDescriptorUse {
+public:
+    CDescriptorUse() = default;
+    ~CDescriptorUse();
+    CDescriptorUse(const CDescriptorUse&) = delete;
+    CDescriptorUse& operator=(const CDescriptorUse&) = delete;
+
+    std::mutex m_hMutex;
+    int m_iCloseLater = -1;  // written under the cache lock by who gives up the cache's share
+};
+
+// One cached descriptor.
+struct OpenedFileInfo {
+    int iFile = -1;                        // -1: the open failed
+    std::string sTimeKey;                  // last access; empty before the first use
+    std::string sPath;                     // as given by the caller
+    std::shared_ptr<CDescriptorUse> pUse;  // null when iFile is -1
+};
+
+// A cached descriptor in use: stays open while this lives.  Lock *pUse->m_hMutex around a
+// positioning and its transfer.
+struct CachedFile {
+    int iFile = -1;
+    std::shared_ptr<CDescriptorUse> pUse;
+};
+
+// A redirected file in use: nobody else uses or closes it while this lives.
+struct RedirectedFileUse {
+    std::shared_ptr<CRedirectedFile> pFile;  // null: the path is not redirected
+    std::unique_lock<std::mutex> lock;       // of the file's own mutex
+};
+
+// Thread safety: every operation may be called from any thread; each table has its own mutex.
+//
+// Nesting order of the mutexes (take left before right):
+//
+//     m_hMutexRedirectedFiles  ->  a redirected file's own  ->  m_hMutexOpenedFileHandles
+//     m_hMutexOpenedFileHandles  ->  m_hMutexMountInfos  ->  m_hMutexFileTable
+//     a redirected file's own  ->  a cached descriptor's (CDescriptorUse), which is a leaf
+//
+// Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
+// and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
+class CUtilities {
+public:
+    // === Object and reset ===
+
+    CUtilities();
+    // Closes nothing: the owner calls Reset first.
+    virtual ~CUtilities();
+    CUtilities(const CUtilities&) = delete;
+    CUtilities& operator=(const CUtilities&) = delete;
+
+    // === Logging: the operations that a variant replaces ===
+
+    virtual void LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage);
+    virtual void LogError(CRuntimeParam* pRuntimeParam, char* pcMessage);
+    virtual void LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage);
+    // Tell the controller of a change that a client asked for; its answer, or -1 when there is
+    // none. 0 is success; of a write, the answer is the number of bytes that the client is told. No
+    // lock is held while the answer is awaited.
+    virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                                  bool bSize, unsigned long long iSize,
+                                                  bool bAccessTime, unsigned long lAccessTimeSec,
+                                                  bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec);
+    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFm,
+                                        const char* pcPathTo);
+    virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                       unsigned long long iSeek, int iSeekType, unsigned int iLen);
+
+    // While the service stops, no request waits for a controller's answer.  Here nothing ever
+    // waits.
+    virtual void RefuseWaits();
+    virtual void AllowWaits();
+
+    // Forgets everything that belongs to one run of the service: exports, sessions, cached
+    // descriptors and redirected files, in this order.
+    void Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    // The resolved path of pcSrc in pcDst (PATH_SIZE bytes), or pcSrc itself, cut to fit, when it
+    // cannot be resolved (a path that does not exist).
+    void GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcDst,
+                          const char* pcSrc);
+    // Appends '/' to a non-empty path that lacks it, so that a prefix test respects directory
+    // boundaries.  pcPath points to PATH_SIZE bytes.
+    static void SetPathToCompare(char* pcPath);
+    // Appends the pieces between the delimiters; a trailing delimiter gives no empty last piece.
+    static void SplitIntoVector(const char* pcStr, char cDelimiter,
+                                std::vector<std::string>* pvOutput);
+
+    // === Exports (m_hMutexMountInfos, held for each whole operation, logging included) ===
+
+    bool AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                      const char* pcExportName, const char* pcIpcID, char* pcStatus);
+    // Removing the last export also resets the file table.
+    void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                         const char* pcLocalMountPath);
+    void RemoveMountInfoByExportName(const char* pcExportName);
+    void RemoveAllMountInfo();
+    // Mounts for pcRemoteAddr, or unmounts when that is null; pMountInfo (may be null) receives the
+    // updated record.  One client at a time: a mounted export is refused, also to its own client.
+    bool UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcRemoteAddr,
+                                             MountInfo* pMountInfo, char* pcStatus);
+    // The first export, in name order, whose directory is pcPath or lies above it.
+    bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                            MountInfo* pMountInfo);
+    // Either name may be null and is then not looked for.
+    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                           const char* pcLocalMountPath, const char* pcExportName, char* pcStatus);
+    bool IsRemoteAddrExists(const char* pcRemoteAddr);
+    // The number of exports (of those that a client has mounted); prints one raw line each.
+    int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
+
+    // === Sessions (m_hMutexSessionInfos) ===
+
+    void AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath);
+    void RemoveSessionInfo(const char* pcSessionID);
+    void RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath);
+    void RemoveAllSessionInfo();
+    bool IsSessionExists(const char* pcSessionID);
+    int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+
+    // === File table (m_hMutexFileTable) ===
+
+    // FILE_ID_NONE when the path can have none.
+    std::uint32_t GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    // Fills iBufSize (more than 4) bytes: the file ID, least significant byte first, then zeros.
+    bool GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                       unsigned char* pcHandle, int iBufSize);
+    // The path of a handle of at least 4 bytes, whose further bytes do not matter.
+    bool GetFilePath(CRuntimeParam* pRuntimeParam, const unsigned char* pcHandle, char* pcPath,
+                     int iBufSize);
+    void ResetFileTable();
+
+    // === File access by path ===
+
+    // iSize is returned when the size cannot be had.
+    long long GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                          long long iSize);
+    // Creates the file; an existing one keeps its content.
+    bool NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    // Applies mode and size; owner and times are accepted and not applied.
+    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                              bool bMode, unsigned int iMode, bool bUid, unsigned int iUid,
+                              bool bGid, unsigned int iGid, bool bSize, unsigned long long lSize,
+                              bool bAccessTime, std::uint32_t lAccessTimeSec,
+                              std::uint32_t lAccessTimeNanoSec, bool bLastModifiedTime,
+                              std::uint32_t lLastModifiedTimeSec,
+                              std::uint32_t lLastModifiedTimeNanoSec);
+    // Replaces an existing target; also renames the row of the file table, and fails without one.
+    bool RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pathFrom,
+                    const char* pathTo);
+    bool RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    // Bytes read or -1; *pbEof tells whether the read reached the end.
+    int ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                 unsigned long long iSeek, int iSeekType, void* pvBuf, unsigned int iLen,
+                 bool* pbEof);
+    // Bytes written or -1.
+    int WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                  unsigned long long iSeek, int iSeekType, const void* pvBuf, unsigned int iLen);
+
+    // === System calls with uniform reporting ===
+    // Success is logged with file-access logging, failure with error logging.
+
+    int OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                      char* pcStatus);
+    int OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                      char* pcStatus);
+    int OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                      const char* pcPathTo, char* pcStatus);
+    // With bCloseExceededCachedFileHandle, sheds cached descriptors and tries once more when the
+    // process has too many open files.
+    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iMode,
+                    bool bCloseExceededCachedFileHandle, char* pcStatus);
+    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile,
+                     char* pcStatus);
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuf,
+                    unsigned int iLen, char* pcStatus);
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuf,
+                     unsigned int iLen, char* pcStatus);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                          unsigned long long iSeek, int iSeekType, char* pcStatus);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                          char* pcStatus);
+    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                        int iMode, char* pcStatus);
+    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                        char* pcStatus);
+    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                       int iMode, char* pcStatus);
+    // Of the node itself: a symbolic link is not followed.
+    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                       struct stat* pData, char* pcStatus);
+    // Creates a missing file; grows with zeros.
+    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                        unsigned long long iSize, char* pcStatus);
+    // Opens for appending, or creates, together with missing parent folders.
+    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                         char* pcStatus);
+    // Follows symbolic links; logs nothing.
+    static bool OS_IsFileExists(const char* pcPath);
+
+    // === File-system queries; all ones on failure unless said otherwise ===
+
+    static unsigned long long GetTotalDiskSpace(const char* pcPath);
+    static unsigned long long GetFreeDiskSpace(const char* pcPath);
+    static unsigned long long GetFreeDiskSpaceAvailableToCaller(const char* pcPath);
+    static unsigned long long GetTotalFileSlots(const char* pcPath);
+    static unsigned long long GetFreeFileSlots(const char* pcPath);
+    static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* pcPath);
+    // 4 on failure.
+    static unsigned long long GetFileSystemID(const char* pcPath);
+    // In bytes, by the type of the file system.
+    static unsigned long long GetMaxFileSize(const char* pcPath);
+    static unsigned long long GetCurrentSystemTimeInMilliseconds();
+    // pcPrintSize points to 32 bytes.
+    static void GetPrintableFileSize(unsigned long long iValue, char* pcPrintSize);
+
+    // === Descriptor cache (m_hMutexOpenedFileHandles) ===
+
+    // The descriptor of the path, opened when it is not cached; -1 when it cannot be opened.  Opens
+    // for writing inside an export or when bAlwaysReadWrite is set.  The cache owns it.
+    int GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                            bool bAlwaysReadWrite);
+    // The same, for use while other threads may close the path.
+    CachedFile UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                             bool bAlwaysReadWrite);
+    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    // The directory itself and everything below it.
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                   const char* pcPath);
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    // Closes the least recently used tenth, or everything when there are fewer than ten.
+    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    // === Redirected files (m_hMutexRedirectedFiles) ===
+    // Paths are compared as given.
+
+    // Replaces a redirected file of that path.  With bCreateInfoFile the segments are kept in the
+    // real file of that path, which must exist.  The sizes are in MiB, 0 or less: the defaults.
+    std::shared_ptr<CRedirectedFile> OpenRedirectedFile(CRuntimeParam* pRuntimeParam,
+                                                        const char* pcPath, long long iSize,
+                                                        bool bCreateInfoFile,
+                                                        int iInfoFileSegmentSizeMB,
+                                                        int iInfoFileCheckPointSizeMB);
+    void CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    // The file of exactly that path and everything below it.
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam);
+    // False for an unknown path and for a refused segment; pcStatus is not written.
+    bool AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                  const char* pcSourcePath, long long iSrcFileOffset,
+                                  long long iOffset, long long iLength, char* pcStatus);
+    // Both do nothing for an unknown path and hold the registry for the whole export.
+    void ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                              const char* pcExportPath);
+    void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                  const char* pcExportPath, bool bMergeRange);
+    // Closes a redirected file at the destination; an info file keeps its path.
+    void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
+                              const char* pathTo);
+    // Null when the path is not redirected.
+    std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
+    // The same, locked and not closed.
+    RedirectedFileUse UseRedirectedFile(const char* pcPath);
+
+    // === Datastores (m_hMutexVSphereInfos) ===
+
+    void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+                        const char* pcUser, const char* pcPwd);
+    void RemoveVSphereInfo(const char* pcDatastoreMoid);
+    int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    // Unmounts every datastore from its host, in MOID order, and forgets it, whether that worked or
+    // not.  Holds the table throughout.
+    void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
+
+    // === Platform test ===
+
+    // Tests what the server needs of the file system of a directory, with a file of iFileSize
+    // bytes, and reports each step as an info line.  Does nothing without runtime parameters.
+    void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
+
+    // === Logging ===
+
+    // Formats into STATUS_SIZE bytes and calls the virtual operation of the same kind.
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
+    void LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
+    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
+    // Deliver to exactly one sink: the callback when it takes it, else the file logger when one
+    // takes it, else standard output.
+    void LogInfo(const char* pcID, char* pcMessage);
+    void LogError(const char* pcID, char* pcMessage);
+    void LogRaw(const char* pcID, char* pcMessage);
+    // Deliver a notification to the controller in this process; -1 when there is none.
+    int LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
+                                          unsigned long long iSize, bool bAccessTime,
+                                          unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                          unsigned long lLastModifiedTimeSec);
+    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath);
+    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFm, const char* pcPathTo);
+    int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
+                               int iSeekType, unsigned int iLen);
+
+    // Formats a reason into pcStatus (STATUS_SIZE bytes, or null), cut to fit.
+    static void SetStatus(char* pcStatus, const char* pcFmt, ...) VELOCAST_PRINTF(2, 3);
+    // "%s (%d)" of the system's text and the number; pcBuf points to STATUS_SIZE bytes.
+    static void GetLastErrorText(char* pcBuf, int iError);
+
+    // Installs a callback when none is installed; with bQueue it otherwise waits until those before
+    // it are unset.  False when it was neither installed nor queued.
+    bool SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue);
+    // Takes the callback back; the next one in the queue takes its place at once.  It lives on
+    // until its last user is done.
+    void UnsetCallback(const CCallback* pCallback);
+    // The installed callback, or null.
+    std::shared_ptr<CCallback> GetCallback();
+    // Borrowed; must be unset or outlive this object.
+    void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger = pFileLogger; }
+    CFileLogger* GetFileLogger() const { return m_pFileLogger; }
+
+private:
+    // The "[%s]..." line of one system call: info when it worked (pcError null), else error with
+    // the reason, which is also copied to pcStatus.
+    template <typename... Args>
+    void ReportOs(CRuntimeParam* pRuntimeParam, const char* pcError, char* pcStatus,
+                  const char* pcInfoFmt, const char* pcErrorFmt, Args... args);
+    // The steps of the platform test.
+    void RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFile,
+                               long long iFileSize, const char* pcPrefix);
+    void RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                              long long iPos, long long iFileSize);
+    void RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcFile, unsigned int iMode);
+    // Closes and forgets an entry.  REQUIRES: m_hMutexRedirectedFiles held.
+    using RedirectedFileMap = std::map<std::string, std::shared_ptr<CRedirectedFile>>;
+    RedirectedFileMap::iterator EraseRedirectedFile(CRuntimeParam* pRuntimeParam,
+                                                    RedirectedFileMap::iterator it);
+    // Removes the share of the cache in a descriptor.  REQUIRES: m_hMutexOpenedFileHandles held.
+    void CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo* pInfo);
+    // Closes every entry and clears both maps.  REQUIRES: the same.
+    void CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;      // path to descriptor
+    std::map<std::string, std::string> m_OpenedFileLastAccessList;  // time key to path
+    RedirectedFileMap m_mRedirectedFiles;                           // by path
+    std::map<std::string, MountInfo> m_MountInfos;                  // by export name
+    std::map<std::string, SessionInfo> m_SessionInfos;              // by session ID
+    std::map<std::string, VSphereInfo> m_VSphereInfos;              // by MOID
+    std::unique_ptr<CFileTable> m_pFileTable;
+    std::vector<std::shared_ptr<CCallback>> m_vCallbacks;  // the first is installed, others wait
+    std::atomic<CFileLogger*> m_pFileLogger{nullptr};      // borrowed
+
+    std::mutex m_hMutexFileTable;  // guards m_pFileTable
+    // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.
+    std::recursive_mutex m_hMutexOpenedFileHandles;
+    std::mutex m_hMutexRedirectedFiles;  // guards m_mRedirectedFiles
+    std::mutex m_hMutexMountInfos;       // guards m_MountInfos
+    std::mutex m_hMutexSessionInfos;     // guards m_SessionInfos
+    std::mutex m_hMutexVSphereInfos;     // guards m_VSphereInfos
+    std::mutex m_hMutexCallbacks;        // guards m_vCallbacks; a leaf
+};
+
+#endif

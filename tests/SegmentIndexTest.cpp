@@ -1,0 +1,190 @@
+// The index over ranges: the first range added that covers an offset is found.
+
+#include "SegmentIndex.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/Files.h"
+
+namespace {
+
+// What the index stands for: a scan in the order of adding.
+class LinearScan {
+public:
+    void Add(std::int64_t start, std::int64_t end) { m_ranges.emplace_back(start, end); }
+    std::int64_t Find(std::int64_t offset) const {
+        for (std::size_t i = 0; i < m_ranges.size(); ++i) {
+            if (m_ranges[i].first <= offset && offset < m_ranges[i].second) {
+                return static_cast<std::int64_t>(i);
+            }
+        }
+        return CSegmentIndex::NONE;
+    }
+    const std::vector<std::pair<std::int64_t, std::int64_t>>& Ranges() const { return m_ranges; }
+
+private:
+    std::vector<std::pair<std::int64_t, std::int64_t>> m_ranges;
+};
+
+class SegmentIndexTest : public testing::Test {
+protected:
+    void Add(std::int64_t start, std::int64_t end) {
+        m_index.Add(start, end, static_cast<std::uint32_t>(m_scan.Ranges().size()));
+        m_scan.Add(start, end);
+    }
+    // Both agree at every end of a range and beside it.
+    void ExpectSameAtEveryEdge() {
+        for (const auto& [start, end] : m_scan.Ranges()) {
+            for (const std::int64_t edge : {start, end}) {
+                for (const std::int64_t step : {-1, 0, 1}) {
+                    std::int64_t offset = 0;
+                    if (!__builtin_add_overflow(edge, step, &offset)) {
+                        ASSERT_EQ(m_scan.Find(offset), m_index.Find(offset)) << "at " << offset;
+                    }
+                }
+            }
+        }
+    }
+
+    CSegmentIndex m_index;
+    LinearScan m_scan;
+};
+
+}  // namespace
+
+TEST_F(SegmentIndexTest, AnEmptyIndexFindsNothing) {
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(0));
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(INT64_MAX));
+}
+
+TEST_F(SegmentIndexTest, ARangeCoversItsStartAndNotItsEnd) {
+    Add(10, 20);
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(9));
+    EXPECT_EQ(0, m_index.Find(10));
+    EXPECT_EQ(0, m_index.Find(19));
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(20));
+}
+
+TEST_F(SegmentIndexTest, TheFirstAddedOfTwoOverlappingRangesWins) {
+    Add(10, 20);
+    Add(0, 30);
+    EXPECT_EQ(1, m_index.Find(9));
+    EXPECT_EQ(0, m_index.Find(10));
+    EXPECT_EQ(0, m_index.Find(19));
+    EXPECT_EQ(1, m_index.Find(20));
+}
+
+TEST_F(SegmentIndexTest, ADuplicateNeverShows) {
+    Add(10, 20);
+    Add(10, 20);
+    EXPECT_EQ(0, m_index.Find(15));
+}
+
+TEST_F(SegmentIndexTest, ARangeFillsEveryGapThatItSpans) {
+    for (std::int64_t i = 0; i < 10; ++i) {
+        Add(i * 10, i * 10 + 5);
+    }
+    Add(-5, 200);
+    ExpectSameAtEveryEdge();
+    EXPECT_EQ(10, m_index.Find(97));
+}
+
+TEST_F(SegmentIndexTest, AnEmptyRangeAddsNothing) {
+    Add(10, 10);
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(10));
+    Add(0, 20);
+    EXPECT_EQ(1, m_index.Find(10));
+}
+
+TEST_F(SegmentIndexTest, RangesReachTheEndsOfSixtyFourBits) {
+    Add(INT64_MAX - 1, INT64_MAX);
+    Add(INT64_MIN, INT64_MIN + 1);
+    Add(INT64_MIN, INT64_MAX);
+    EXPECT_EQ(1, m_index.Find(INT64_MIN));
+    EXPECT_EQ(2, m_index.Find(INT64_MIN + 1));
+    EXPECT_EQ(2, m_index.Find(0));
+    EXPECT_EQ(0, m_index.Find(INT64_MAX - 1));
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(INT64_MAX));
+}
+
+TEST_F(SegmentIndexTest, ClearForgetsEverything) {
+    Add(0, 100);
+    m_index.Clear();
+    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(50));
+    m_index.Add(50, 60, 7);
+    EXPECT_EQ(7, m_index.Find(50));
+}
+
+// Enough ranges for many leaves, in the orders in which leaves fill, split and grow at their ends.
+class SegmentIndexOrderTest : public SegmentIndexTest,
+                              public testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(Orders, SegmentIndexOrderTest,
+                         testing::Values("ascending", "descending", "shuffled", "inside_out"),
+                         [](const auto& order) { return std::string(order.param); });
+
+TEST_P(SegmentIndexOrderTest, AnyOrderOfAddingGivesTheSameAnswersAsAScan) {
+    const std::uint64_t seed = support::RandomSeed();
+    SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    constexpr std::int64_t kCount = 1500;
+    std::vector<std::int64_t> starts;
+    for (std::int64_t i = 0; i < kCount; ++i) {
+        starts.push_back(i * 100);
+    }
+    const std::string order = GetParam();
+    if (order == "descending") {
+        std::reverse(starts.begin(), starts.end());
+    } else if (order == "shuffled") {
+        std::shuffle(starts.begin(), starts.end(), random);
+    } else if (order == "inside_out") {
+        std::stable_sort(starts.begin(), starts.end(), [](std::int64_t a, std::int64_t b) {
+            return std::abs(a - kCount * 50) < std::abs(b - kCount * 50);
+        });
+    }
+    for (const std::int64_t start : starts) {
+        Add(start, start + 1 + static_cast<std::int64_t>(random() % 100));
+    }
+    ExpectSameAtEveryEdge();
+    Add(-1000, kCount * 200);  // spans every gap of every leaf
+    Add(-2000, kCount * 300);  // and now finds none inside
+    ExpectSameAtEveryEdge();
+}
+
+TEST_F(SegmentIndexTest, RandomRangesGiveTheSameAnswersAsAScan) {
+    const std::uint64_t seed = support::RandomSeed();
+    SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    for (int round = 0; round < 30; ++round) {
+        m_index = {};
+        m_scan = {};
+        // From crowded, where nearly everything overlaps, to mostly gaps.
+        const std::int64_t span = std::int64_t{1} << (4 + round % 16);
+        const std::int64_t base = round % 3 == 0   ? 0
+                                  : round % 3 == 1 ? INT64_MAX - 2 * span
+                                                   : INT64_MIN + span;
+        const int count = 1 + static_cast<int>(random() % 800);
+        for (int i = 0; i < count; ++i) {
+            const std::int64_t start =
+                base + static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(span));
+            const std::int64_t length =
+                static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(span)) >>
+                (random() % 12);
+            Add(start, start + length);
+        }
+        for (int i = 0; i < 2000; ++i) {
+            const std::int64_t offset =
+                base - 2 +
+                static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(2 * span));
+            ASSERT_EQ(m_scan.Find(offset), m_index.Find(offset))
+                << "round " << round << " at " << offset;
+        }
+    }
+}

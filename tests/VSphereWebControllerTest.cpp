@@ -1,0 +1,460 @@
+// The table of datastores and the runs of the helper that unmounts them, in this process.
+// ctest-labels: threaded
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "DatastoreFixture.h"
+#include "RecordingUtilities.h"
+#include "RuntimeParam.h"
+#include "support/Files.h"
+#include "VSphereWebController.h"
+
+namespace {
+
+// What the kernel says about the running executable: a path, or nothing at all.
+std::string g_executable;
+// Called before each command is run.
+std::function<void()> g_beforeCommand;
+std::mutex g_mutex;
+std::vector<std::string> g_commands;  // guarded by g_mutex
+
+std::vector<std::string> Commands() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_commands;
+}
+
+}  // namespace
+
+// Both stand before the C library's for the whole program.
+extern "C" {
+
+ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
+    static auto* const next = reinterpret_cast<decltype(&readlink)>(dlsym(RTLD_NEXT, "readlink"));
+    if (std::strcmp(path, "/proc/self/exe") != 0) {
+        return next(path, buffer, size);
+    }
+    if (g_executable.empty()) {
+        errno = ENOENT;
+        return -1;
+    }
+    const std::size_t count = std::min(size, g_executable.size());
+    std::memcpy(buffer, g_executable.data(), count);
+    return static_cast<ssize_t>(count);
+}
+
+int system(const char* command) {
+    static auto* const next = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));
+    {
+        const std::lock_guard<std::mutex> lock(g_mutex);
+        g_commands.emplace_back(command);
+    }
+    if (g_beforeCommand) {
+        g_beforeCommand();
+    }
+    return next(command);
+}
+
+}  // extern "C"
+
+namespace {
+
+using datastore::RecordingHelper;
+using datastore::Unmount;
+using datastore::Words;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr int kLogAll = 1023;
+
+class DatastoreCase : public ::testing::Test {
+protected:
+    DatastoreCase() {
+        g_executable = m_folder / "program";
+        g_commands.clear();
+    }
+    ~DatastoreCase() override { g_beforeCommand = nullptr; }
+
+    // The command line for the helper of the folder.
+    std::string Command(const std::string& rest) const {
+        return '"' + (m_folder / "dsPurgeToolFbdX86") + "\" " + rest;
+    }
+
+    support::ScopedTempDir m_folder;
+    RecordingHelper m_helper{m_folder.Path()};
+    RecordingUtilities m_utilities;
+    CRuntimeParam m_param{"vm01", 0};
+};
+
+// ------------------------------------------------------------------------------------------------
+// The helper's command line
+// ------------------------------------------------------------------------------------------------
+
+class VSphereWebController : public DatastoreCase {
+protected:
+    CVSphereWebController m_controller{&m_utilities, &m_param};
+};
+
+TEST_F(VSphereWebController, CommandIsThisTextToTheLetter) {
+    m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
+    EXPECT_THAT(Commands(), ElementsAre(Command("-host host1 -port 443 -user root -pwd secret"
+                                                " -method removeDatastore -argu ds-1")));
+    EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
+}
+
+TEST_F(VSphereWebController, OnlyTheHelpersPathIsQuoted) {
+    const std::string folder = m_folder / "a folder  with blanks";
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    const RecordingHelper helper(folder);
+    g_executable = folder + "/program";
+    m_controller.RemoveSession("ds-1 more", "h ost", "4 43", "u ser", "p wd");
+    EXPECT_THAT(helper.Calls(), ElementsAre(Words{"-host", "h", "ost", "-port", "4", "43", "-user",
+                                                  "u", "ser", "-pwd", "p", "wd", "-method",
+                                                  "removeDatastore", "-argu", "ds-1", "more"}));
+}
+
+TEST_F(VSphereWebController, ShellSeesTheValuesAsTheyAre) {
+    const std::string mark = m_folder / "mark";
+    m_controller.RemoveSession("ds-$((6*7))", "'ho  st'", "$(echo 443)", "\"\"", "x`echo y`");
+    m_controller.RemoveSession("ds-2", "h", "1", "u", ("w;touch " + mark + ";:").c_str());
+    EXPECT_THAT(m_helper.Calls(),
+                ElementsAre(Unmount("ds-42", "ho  st", "443", "", "xy"),
+                            Words({"-host", "h", "-port", "1", "-user", "u", "-pwd", "w"})));
+    EXPECT_TRUE(support::FileExists(mark));
+}
+
+TEST_F(VSphereWebController, EmptyValuesLeaveTheirPlacesEmpty) {
+    m_controller.RemoveSession("", "", "", "", "");
+    EXPECT_THAT(Commands(),
+                ElementsAre(Command("-host  -port  -user  -pwd  -method removeDatastore -argu ")));
+}
+
+TEST_F(VSphereWebController, NothingHappensWhenAnyArgumentIsNull) {
+    for (std::size_t i = 0; i < 5; ++i) {
+        std::array<const char*, 5> arguments{"ds-1", "host1", "443", "root", "secret"};
+        arguments[i] = nullptr;
+        m_controller.RemoveSession(arguments[0], arguments[1], arguments[2], arguments[3],
+                                   arguments[4]);
+    }
+    EXPECT_THAT(Commands(), IsEmpty());
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+TEST_F(VSphereWebController, HelperLiesBesideTheExecutable) {
+    // The kernel's mark of an executable that was replaced is behind the last slash as well.
+    for (const auto& [executable, helper] :
+         {std::pair{"/program", "\"/dsPurgeToolFbdX86\" "},
+          std::pair{"/nowhere/x.y/program", "\"/nowhere/x.y/dsPurgeToolFbdX86\" "},
+          std::pair{"/nowhere/program (deleted)", "\"/nowhere/dsPurgeToolFbdX86\" "}}) {
+        g_executable = executable;
+        m_controller.RemoveSession("d", "h", "1", "u", "w");
+        EXPECT_EQ(0u, Commands().back().find(helper)) << Commands().back();
+    }
+}
+
+TEST_F(VSphereWebController, WithoutTheExecutablesPathTheSearchPathCounts) {
+    g_executable.clear();
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", (m_folder.Path() + ":" + path).c_str(), 1);
+    m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_THAT(Commands(),
+                ElementsAre("\"dsPurgeToolFbdX86\" -host host1 -port 443 -user root -pwd secret"
+                            " -method removeDatastore -argu ds-1"));
+    EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
+}
+
+TEST_F(VSphereWebController, MissingHelperIsNoError) {
+    ASSERT_TRUE(std::filesystem::remove(m_folder / "dsPurgeToolFbdX86"));
+    m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
+    EXPECT_EQ(1u, Commands().size());
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+// Each value in turn is made as long as it takes.
+TEST_F(VSphereWebController, CommandOf1023BytesRunsAndOneOf1024DoesNot) {
+    const std::size_t fixed =
+        Command("-host  -port  -user  -pwd  -method removeDatastore -argu ").size();
+    for (std::size_t i = 0; i < 5; ++i) {
+        std::array<std::string, 5> values{"m", "h", "1", "u", "w"};
+        values[i] = std::string(1023 - fixed - 4, 'x');
+        const auto run = [&] {
+            m_controller.RemoveSession(values[0].c_str(), values[1].c_str(), values[2].c_str(),
+                                       values[3].c_str(), values[4].c_str());
+        };
+        run();
+        ASSERT_EQ(i + 1, Commands().size());
+        EXPECT_EQ(1023u, Commands().back().size());
+        EXPECT_EQ(Unmount(values[0], values[1], values[2], values[3], values[4]),
+                  m_helper.Calls().back());
+        EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+
+        values[i] += 'x';
+        run();
+        values[i] += std::string(5000, 'x');
+        run();
+        EXPECT_EQ(i + 1, Commands().size());
+        EXPECT_EQ(2u, m_utilities.Errors().size());
+        EXPECT_EQ(2u, m_utilities.Lines().size());
+        m_utilities.Forget();
+    }
+    EXPECT_EQ(5u, m_helper.Calls().size());
+}
+
+TEST_F(VSphereWebController, CommandThatIsTooLongIsNamedByItsDatastore) {
+    m_controller.RemoveSession("ds-1", "host1", "443", "root", std::string(1024, 'w').c_str());
+    ASSERT_EQ(1u, m_utilities.Lines().size());
+    const LogLine line = m_utilities.Lines()[0];
+    EXPECT_EQ(LogKind::Error, line.kind);
+    EXPECT_EQ("vm01", line.id);
+    EXPECT_EQ("Fail to unmount NFS datastore with MOID \"ds-1\". Reason=Command is too long",
+              line.text);
+}
+
+// Waits until a thread of this process sleeps in the kernel, or has ended.
+bool WaitUntilAsleep(const std::atomic<pid_t>& thread, const std::atomic<bool>& done) {
+    return support::WaitFor([&] {
+        if (done) {
+            return true;
+        }
+        if (thread == 0) {
+            return false;
+        }
+        const std::string stat =
+            support::ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+        return stat.at(stat.rfind(')') + 2) == 'S';
+    });
+}
+
+// A thread that tells its number before it does something, and when it has done it.
+class Doing {
+public:
+    explicit Doing(std::function<void()> action)
+        : m_thread([this, action = std::move(action)] {
+              m_number = static_cast<pid_t>(syscall(SYS_gettid));
+              action();
+              m_done = true;
+          }) {}
+    ~Doing() { m_thread.join(); }
+    Doing(const Doing&) = delete;
+    Doing& operator=(const Doing&) = delete;
+
+    // True when it sleeps before the end of what it does.
+    bool Waits() const { return WaitUntilAsleep(m_number, m_done) && !m_done; }
+    bool Done() const { return m_done; }
+
+private:
+    std::atomic<pid_t> m_number{0};
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;  // last: it uses the others
+};
+
+TEST_F(VSphereWebController, OneHelperRunsAtATime) {
+    std::unique_ptr<Doing> second;
+    bool first = true;
+    g_beforeCommand = [&] {
+        if (std::exchange(first, false)) {
+            second = std::make_unique<Doing>(
+                [this] { m_controller.RemoveSession("ds-2", "h", "1", "u", "w"); });
+            EXPECT_TRUE(second->Waits());
+            EXPECT_EQ(1u, Commands().size());
+        }
+    };
+    m_controller.RemoveSession("ds-1", "h", "1", "u", "w");
+    second.reset();
+    EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "h", "1", "u", "w"),
+                                              Unmount("ds-2", "h", "1", "u", "w")));
+}
+
+// ------------------------------------------------------------------------------------------------
+// The table
+// ------------------------------------------------------------------------------------------------
+
+class VSphereInfos : public DatastoreCase {
+protected:
+    void Add(const std::string& moid, const std::string& password = "secret") {
+        m_utilities.AddVSphereInfo(moid.c_str(), ("host-" + moid).c_str(), "443", "root",
+                                   password.c_str());
+    }
+    static Words UnmountOf(const std::string& moid, const std::string& password = "secret") {
+        return Unmount(moid, "host-" + moid, "443", "root", password);
+    }
+    int Count() { return m_utilities.GetVSphereInfo(&m_param, false); }
+    void CleanUp() { m_utilities.RemoveAllVSphereInfoWithWebCtrl(&m_param); }
+    static std::string Line(const std::string& moid) {
+        return "Unmount NFS datastore with MOID \"" + moid + "\" on host \"host-" + moid + ":443\"";
+    }
+};
+
+const char* const kStart = "Start cleanup mounted NFS datastores";
+
+TEST_F(VSphereInfos, TableIsEmptyAtFirst) {
+    EXPECT_EQ(0, m_utilities.GetVSphereInfo(&m_param, true));
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+TEST_F(VSphereInfos, ListingIsNumberedInByteOrder) {
+    for (const char* moid : {"ds-2", "\xC3\xA9", "a", "ds-10", "B"}) {
+        Add(moid);
+    }
+    m_param.SetIpcID("controller-1");
+    EXPECT_EQ(5, m_utilities.GetVSphereInfo(&m_param, true));
+    EXPECT_THAT(m_utilities.Raws(),
+                ElementsAre(" NFS datastore1 - B (host-B:443)", " NFS datastore2 - a (host-a:443)",
+                            " NFS datastore3 - ds-10 (host-ds-10:443)",
+                            " NFS datastore4 - ds-2 (host-ds-2:443)",
+                            " NFS datastore5 - \xC3\xA9 (host-\xC3\xA9:443)"));
+    for (const LogLine& line : m_utilities.Lines()) {
+        EXPECT_EQ(LogKind::Raw, line.kind) << line;
+        EXPECT_EQ("vm01", line.id) << line;
+        EXPECT_EQ("controller-1", line.ipcId) << line;
+    }
+}
+
+TEST_F(VSphereInfos, CountAloneListsNothing) {
+    Add("ds-1");
+    EXPECT_EQ(1, Count());
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+TEST_F(VSphereInfos, SameDatastoreIsReplacedWithoutAWord) {
+    m_utilities.AddVSphereInfo("ds-1", "old", "80", "olduser", "a long old password of many bytes");
+    m_utilities.AddVSphereInfo("ds-1", "new", "443", "newuser", "short");
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+    EXPECT_EQ(1, m_utilities.GetVSphereInfo(&m_param, true));
+    EXPECT_THAT(m_utilities.Raws(), ElementsAre(" NFS datastore1 - ds-1 (new:443)"));
+    CleanUp();
+    EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "new", "443", "newuser", "short")));
+}
+
+TEST_F(VSphereInfos, RemovalForgetsOneAndRunsNothing) {
+    Add("ds-1");
+    Add("ds-2");
+    m_utilities.RemoveVSphereInfo("ds-1");
+    EXPECT_EQ(1, Count());
+    m_utilities.RemoveVSphereInfo("ds-1");
+    m_utilities.RemoveVSphereInfo("DS-2");
+    m_utilities.RemoveVSphereInfo("ds");
+    EXPECT_EQ(1, Count());
+    m_utilities.RemoveVSphereInfo("ds-2");
+    EXPECT_EQ(0, Count());
+    EXPECT_THAT(Commands(), IsEmpty());
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+TEST_F(VSphereInfos, NullTextsAreEmptyOnes) {
+    m_utilities.AddVSphereInfo(nullptr, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(1, m_utilities.GetVSphereInfo(&m_param, true));
+    EXPECT_THAT(m_utilities.Raws(), ElementsAre(" NFS datastore1 -  (:)"));
+    m_utilities.RemoveVSphereInfo(nullptr);
+    EXPECT_EQ(0, Count());
+}
+
+TEST_F(VSphereInfos, CleanUpOfAnEmptyTableRunsAndLogsNothing) {
+    m_param.SetLogControl(kLogAll);
+    CleanUp();
+    EXPECT_THAT(Commands(), IsEmpty());
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+}
+
+TEST_F(VSphereInfos, CleanUpUnmountsInByteOrderAndForgetsEvenWhenTheHelperFails) {
+    Add("ds-2");
+    Add("a");
+    Add("ds-10");
+    CleanUp();
+    EXPECT_THAT(m_utilities.Infos(), ElementsAre(kStart, Line("a"), Line("ds-10"), Line("ds-2")));
+    EXPECT_EQ(4u, m_utilities.Lines().size());
+    EXPECT_THAT(m_helper.Calls(),
+                ElementsAre(UnmountOf("a"), UnmountOf("ds-10"), UnmountOf("ds-2")));
+    EXPECT_EQ(0, Count());
+
+    m_utilities.Forget();
+    CleanUp();
+    EXPECT_THAT(m_utilities.Lines(), IsEmpty());
+    EXPECT_EQ(3u, m_helper.Calls().size());
+}
+
+TEST_F(VSphereInfos, LinesComeBeforeTheirRuns) {
+    Add("ds-1");
+    Add("ds-2");
+    std::vector<std::size_t> lines;
+    g_beforeCommand = [&] { lines.push_back(m_utilities.Lines().size()); };
+    CleanUp();
+    EXPECT_THAT(lines, ElementsAre(2u, 3u));
+}
+
+TEST_F(VSphereInfos, DatastoreWhoseCommandIsTooLongIsForgottenAsWell) {
+    Add("ds-1");
+    Add("ds-2", std::string(1000, 'w'));
+    Add("ds-3");
+    CleanUp();
+    EXPECT_THAT(m_utilities.Texts(),
+                ElementsAre(kStart, Line("ds-1"), Line("ds-2"),
+                            "Fail to unmount NFS datastore with MOID \"ds-2\". Reason=Command is "
+                            "too long",
+                            Line("ds-3")));
+    EXPECT_THAT(m_helper.Calls(), ElementsAre(UnmountOf("ds-1"), UnmountOf("ds-3")));
+    EXPECT_EQ(0, Count());
+}
+
+TEST_F(VSphereInfos, PasswordIsNeverLogged) {
+    m_param.SetLogControl(kLogAll);
+    Add("ds-1", "very-secret");
+    Add("ds-2", "very-secret" + std::string(1000, 'w'));
+    m_utilities.GetVSphereInfo(&m_param, true);
+    CleanUp();
+    EXPECT_EQ(6u, m_utilities.Lines().size());
+    for (const LogLine& line : m_utilities.Lines()) {
+        EXPECT_THAT(line.text, Not(HasSubstr("very-secret")));
+    }
+}
+
+TEST_F(VSphereInfos, EverybodyWaitsForTheCleanUp) {
+    Add("ds-1");
+    Add("ds-2");
+    std::vector<std::unique_ptr<Doing>> others;
+    std::atomic<int> counted{-1};
+    g_beforeCommand = [&] {
+        if (others.empty()) {
+            others.push_back(std::make_unique<Doing>([this] { Add("ds-0"); }));
+            others.push_back(std::make_unique<Doing>([&] {
+                CRuntimeParam param("other", 0);
+                counted = m_utilities.GetVSphereInfo(&param, false);
+            }));
+            others.push_back(
+                std::make_unique<Doing>([this] { m_utilities.RemoveVSphereInfo("x"); }));
+        }
+        // Also while the second helper runs.
+        for (const auto& other : others) {
+            EXPECT_TRUE(other->Waits());
+        }
+    };
+    CleanUp();
+    others.clear();  // waits for them
+    EXPECT_EQ(2u, Commands().size());
+    EXPECT_GE(1, counted);  // neither of the two that were cleaned up
+    EXPECT_EQ(1, Count());
+    m_utilities.GetVSphereInfo(&m_param, true);
+    EXPECT_THAT(m_utilities.Raws(), ElementsAre(" NFS datastore1 - ds-0 (host-ds-0:443)"));
+}
+
+}  // namespace

@@ -1,0 +1,186 @@
+// ctest-labels: threaded
+//
+// Finding the ports: beside a real system portmapper (rpcbind), and from the server itself.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "support/Nfs3Client.h"
+#include "support/Server.h"
+
+using namespace support;
+
+namespace {
+
+constexpr std::uint32_t kTcp = 6;
+constexpr std::uint32_t kUdp = 17;
+
+bool Answers(int port) {
+    try {
+        const RpcClient connection(Transport::Tcp, port);
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
+
+// The system portmapper of the test's namespaces.
+class Rpcbind {
+public:
+    Rpcbind()
+        : m_process({"rpcbind", "-f"},
+                    {.environment = {"LD_PRELOAD=" + EnvironmentOr("VELOCAST_STAYROOT", "")}}) {
+        if (!WaitFor([] { return Answers(111); })) {
+            m_process.Stop();
+            throw std::runtime_error("rpcbind does not serve: " + m_process.Output());
+        }
+    }
+
+    ~Rpcbind() { m_process.Stop(); }
+
+    // The lines of `rpcinfo -p` for our programs, as "program version protocol port".
+    static std::multiset<std::string> Mappings() {
+        std::istringstream lines(RunProgram({"rpcinfo", "-p", "127.0.0.1"}).output);
+        std::multiset<std::string> mappings;
+        std::string line;
+        while (std::getline(lines, line)) {
+            std::istringstream words(line);
+            std::string program, version, protocol, port;
+            words >> program >> version >> protocol >> port;
+            if (program == "100003" || program == "100005") {
+                mappings.insert(program + " " + version + " " + protocol + " " + port);
+            }
+        }
+        return mappings;
+    }
+
+private:
+    Process m_process;
+};
+
+const std::multiset<std::string> kFourMappings{
+    "100003 3 tcp 2050",
+    "100003 3 udp 2050",
+    "100005 3 tcp 1059",
+    "100005 3 udp 1059",
+};
+
+}  // namespace
+
+TEST(ExternalPortmapperTest, HoldsTheFourMappingsWhileTheServerRuns) {
+    Rpcbind rpcbind;
+    ASSERT_TRUE(Rpcbind::Mappings().empty());
+    Server server;
+    EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+    server.Stop();
+    EXPECT_TRUE(Rpcbind::Mappings().empty());
+}
+
+TEST(ExternalPortmapperTest, LosesTheMappingsWhenTheServerIsTerminated) {
+    Rpcbind rpcbind;
+    Server server;
+    ASSERT_EQ(kFourMappings, Rpcbind::Mappings());
+    server.Stop(Server::StopBy::Terminate);
+    EXPECT_TRUE(Rpcbind::Mappings().empty());
+}
+
+TEST(ExternalPortmapperTest, LeavesItThePortAndServesOneAboveTheDefaults) {
+    Rpcbind rpcbind;
+    Server server;
+    const ScopedTempDir folder;
+    server.AddExport(folder.Path(), "vm01");
+
+    EXPECT_FALSE(Answers(2049));
+    EXPECT_FALSE(Answers(1058));
+    for (const Transport transport : {Transport::Tcp, Transport::Udp}) {
+        MountClient mount(transport, 1059);
+        const MountResult root = mount.Mnt("vm01");
+        ASSERT_EQ(0u, root.status);
+        EXPECT_EQ(0u, Nfs3Client(transport, 2050).GetAttr(root.handle).status);
+        mount.Umnt("vm01");
+    }
+}
+
+TEST(ExternalPortmapperTest, AnswersGetPortWithTheServersPorts) {
+    Rpcbind rpcbind;
+    Server server;
+    for (const Transport transport : {Transport::Tcp, Transport::Udp}) {
+        PortmapClient portmap(transport);
+        for (const std::uint32_t protocol : {kTcp, kUdp}) {
+            EXPECT_EQ(2050u, portmap.GetPort(kNfsProgram, 3, protocol).port);
+            EXPECT_EQ(1059u, portmap.GetPort(kMountProgram, 3, protocol).port);
+        }
+    }
+}
+
+TEST(ExternalPortmapperTest, RegistersPortsThatAreGivenAsTheyAre) {
+    Rpcbind rpcbind;
+    Server server({.mountPort = 3058, .nfsPort = 3049});
+    EXPECT_EQ((std::multiset<std::string>{"100003 3 tcp 3049", "100003 3 udp 3049",
+                                          "100005 3 tcp 3058", "100005 3 udp 3058"}),
+              Rpcbind::Mappings());
+}
+
+TEST(ExternalPortmapperTest, StaleMappingsAreReplaced) {
+    Rpcbind rpcbind;
+    {
+        Server killed({.mountPort = 3058, .nfsPort = 3049});
+        killed.Program().Signal(SIGKILL);
+        EXPECT_EQ(ExitStatus::Signal(SIGKILL), killed.WaitForDeath());
+    }
+    ASSERT_EQ(4u, Rpcbind::Mappings().size()) << "nobody withdrew them";
+    Server server;
+    EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+}
+
+TEST(ExternalPortmapperTest, IsUsedAgainAfterARestart) {
+    Rpcbind rpcbind;
+    for (int run = 0; run < 2; ++run) {
+        Server server;
+        EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+        server.Stop();
+        EXPECT_TRUE(Rpcbind::Mappings().empty());
+    }
+}
+
+class OwnPortmapperTest : public testing::TestWithParam<Transport> {};
+
+INSTANTIATE_TEST_SUITE_P(Transports, OwnPortmapperTest,
+                         testing::Values(Transport::Tcp, Transport::Udp), [](const auto& info) {
+                             return info.param == Transport::Tcp ? "Tcp" : "Udp";
+                         });
+
+TEST_P(OwnPortmapperTest, AnswersGetPortWithTheDefaultPorts) {
+    Server server;
+    PortmapClient portmap(GetParam());
+    EXPECT_EQ(2049u, portmap.GetPort(kNfsProgram).port);
+    EXPECT_EQ(1058u, portmap.GetPort(kMountProgram).port);
+}
+
+TEST_P(OwnPortmapperTest, AnswersGetPortWithGivenPorts) {
+    Server server({.mountPort = 3058, .nfsPort = 3049});
+    PortmapClient portmap(GetParam());
+    EXPECT_EQ(3049u, portmap.GetPort(kNfsProgram).port);
+    EXPECT_EQ(3058u, portmap.GetPort(kMountProgram).port);
+}
+
+TEST_P(OwnPortmapperTest, AnswersGetPortWithZeroForEveryOtherProgram) {
+    Server server;
+    PortmapClient portmap(GetParam());
+    for (const std::uint32_t program : {100000u, 100001u, 100009u, 99999u, 100010u}) {
+        const GetPortResult result = portmap.GetPort(program);
+        EXPECT_EQ(kSuccess, result.rpc.acceptStat) << program;
+        EXPECT_EQ((Bytes{0, 0, 0, 0}), result.rpc.body) << program;
+    }
+}
+
+TEST_P(OwnPortmapperTest, AnswersNothingButGetPort) {
+    Server server;
+    PortmapClient portmap(GetParam());
+    EXPECT_EQ(kProcUnavail, portmap.Null().acceptStat);
+}
