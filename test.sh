@@ -39,7 +39,8 @@ build_and_test() {
     configure "$1"
     cmake --build --preset "$1" ${2:+--target "$2"}
     # Output on failure, so that whoever reads the log needs no second run.
-    ctest --preset "$1" --parallel "$jobs" --output-on-failure | tee "$logs/$1.ctest"
+    # Most tests wait more than they compute.
+    ctest --preset "$1" --parallel $((2 * jobs)) --output-on-failure | tee "$logs/$1.ctest"
 }
 
 lint() {

@@ -232,7 +232,7 @@ TEST_F(Cache, AKeptEntryEvictsNothingInAFullCache) {
 }
 
 TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
-    // Numbers of one, two and three digits: as text, "100" comes before "11" and "12" before "9".
+    // Numbers of one, two and three digits: as text, "10" and "100" come before "11" and "12" before "9".
     std::vector<std::string> vFiles;
     std::vector<std::pair<std::string, std::string>> order;  // digits, path
     std::vector<int> vHeld;
@@ -250,7 +250,7 @@ TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
         }
     }
     std::sort(order.begin(), order.end());
-    ASSERT_EQ(3u, order[0].first.size()) << "not in the order of the numbers";
+    ASSERT_EQ(3u, order[1].first.size()) << "not in the order of the numbers";
     ASSERT_NE(order[0].second, vFiles[0]) << "not in the order of opening";
     Evict(&m_Access);  // 3 of 30
     EXPECT_THAT(

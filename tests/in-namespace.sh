@@ -44,13 +44,29 @@ done
 # System programs that tests start are not in the search path of every user.
 export PATH=$PATH:/usr/sbin:/sbin
 
+# Tests count descriptors, compare file modes and depend on signals, so what the caller leaves open,
+# masks or ignores must not reach them.
+for descriptor in /dev/fd/*; do
+    descriptor=${descriptor##*/}
+    if ((descriptor > 2)); then
+        eval "exec $descriptor>&-"
+    fi
+done
+
+[[ -e /dev/fd/0 ]] || exec </dev/null
+
+umask 022
+
+# Some tests go beyond the 1,024 descriptors that many systems begin with.
+ulimit -Sn 4096
+
 # A test that aborts on purpose must not leave core files behind.
 ulimit -c 0
 
 # The inner shell stays as the first process: it collects orphans, and the program keeps the default
 # effect of signals, which a namespace's first process does not have.
 # shellcheck disable=SC2016 # expanded by the inner shell
-exec unshare "${flags[@]}" -f --kill-child bash -c '
+exec env --default-signal unshare "${flags[@]}" -f --kill-child bash -c '
     set -euo pipefail
     kept=("${@:2:$1}")
     shift $(($1 + 1))
