@@ -178,8 +178,9 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     const Context context = MakeContext(pRuntimeParam, &logArgu);
     if (context.infoFile.iFile == -1) {
         if (iLength > 0) {
-            m_SegmentIndex.Add(iOffset, iOffset + iLength,
-                               static_cast<std::uint32_t>(m_vAllCachedSegment.size()));
+            m_SegmentIndex.Add({iOffset, iOffset + iLength,
+                                Unsigned(iSrcFileOffset) - Unsigned(iOffset),
+                                static_cast<std::uint32_t>(m_vAllCachedSegment.size()), iSource});
         }
         m_SegmentSummary.Add(iOffset, iLength);
         m_vAllCachedSegment.push_back(segment);
@@ -334,10 +335,10 @@ void CRedirectedFile::GetSegment(const Context& context, std::int64_t iSeek,
                                  ProcSegment* pProcSegment) {
     pProcSegment->index = -1;
     if (context.infoFile.iFile == -1) {
-        const std::int64_t iFound = m_SegmentIndex.Find(iSeek);
-        if (iFound != CSegmentIndex::NONE) {
-            pProcSegment->index = iFound;
-            pProcSegment->segment = m_vAllCachedSegment[static_cast<std::size_t>(iFound)];
+        const CSegmentIndex::Piece* pPiece = m_SegmentIndex.Find(iSeek);
+        if (pPiece != nullptr) {
+            pProcSegment->index = pPiece->iSegment;
+            pProcSegment->segment = m_vAllCachedSegment[pPiece->iSegment];
         }
         return;
     }
@@ -363,6 +364,20 @@ void CRedirectedFile::GetSegment(const Context& context, std::int64_t iSeek,
             return;
         }
     }
+}
+
+bool CRedirectedFile::GetPart(const Context& context, std::int64_t iSeek, unsigned int iLen,
+                              Segment* pPart) const {
+    if (context.infoFile.iFile != -1) {
+        return false;
+    }
+    const CSegmentIndex::Piece* pPiece = m_SegmentIndex.Find(iSeek);
+    if (pPiece == nullptr || Wide{pPiece->iEnd} - iSeek < iLen) {
+        return false;
+    }
+    *pPart = {pPiece->iSource, static_cast<std::int64_t>(Unsigned(iSeek) + pPiece->iShift), iSeek,
+              pPiece->iEnd - iSeek};
+    return true;
 }
 
 void CRedirectedFile::GetNextSegment(const Context& context, ProcSegment* pProcSegment) {
@@ -434,16 +449,61 @@ std::int64_t CRedirectedFile::OS_FileSeek(const Context& context, int iFile, std
                                      Unsigned(iSeek), iSeekType, nullptr);
 }
 
+void CRedirectedFile::SourceUse::Settle() {
+    if (iPos >= 0) {
+        const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+        lseek(file.iFile, iPos, SEEK_SET);
+        iPos = -1;
+    }
+}
+
+int CRedirectedFile::SourceUse::ReadAt(std::int64_t iSourcePos, unsigned char* pcBuf,
+                                       unsigned int iLen) {
+    const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+    const ssize_t iRead = pread(file.iFile, pcBuf, iLen, iSourcePos);
+    iPos = iRead >= 0 ? iSourcePos + iRead : -1;
+    return static_cast<int>(iRead);
+}
+
+bool CRedirectedFile::SourceUse::CopyStep(std::int64_t iSourcePos) {
+    if (pCopyTo == nullptr || pCopyTo->pUse == file.pUse) {
+        return false;
+    }
+    const std::scoped_lock lock(file.pUse->m_hMutex, pCopyTo->pUse->m_hMutex);
+    off_t iFrom = iSourcePos;
+    const ssize_t iCopied =
+        copy_file_range(file.iFile, &iFrom, pCopyTo->iFile, nullptr, EXPORT_SIZE, 0);
+    bCopied = iCopied == EXPORT_SIZE;
+    if (bCopied) {
+        iPos = iFrom;
+    } else if (iCopied > 0) {
+        lseek(pCopyTo->iFile, -iCopied, SEEK_CUR);
+    }
+    return bCopied;
+}
+
 int CRedirectedFile::ReadSource(const Context& context, const Segment& segment,
                                 std::int64_t iSourcePos, unsigned char* pcBuf, unsigned int iLen,
                                 SourceUse* pSource) {
     const std::string* psSource = GetSource(segment);
     if (psSource == nullptr) {
+        pSource->Settle();
         pSource->file = {};
     } else if (pSource->file.iFile == -1 || pSource->iSource != segment.iSource) {
+        pSource->Settle();
         pSource->iSource = segment.iSource;
         pSource->file = m_pUtilities->UseCachedFile(context.pRuntimeParam, context.pLogArgu,
                                                     psSource->c_str(), false);
+    }
+    if (pSource->file.pUse != nullptr && !context.pRuntimeParam->IsLogFileAccess()) {
+        // One call for two, where nothing tells of each.  What fails is done again below, to be
+        // reported.
+        const int iRead = iLen == EXPORT_SIZE && pSource->CopyStep(iSourcePos)
+                              ? static_cast<int>(EXPORT_SIZE)
+                              : pSource->ReadAt(iSourcePos, pcBuf, iLen);
+        if (iRead >= 0) {
+            return iRead;
+        }
     }
     std::unique_lock<std::mutex> lock;
     if (pSource->file.pUse != nullptr) {
@@ -456,14 +516,17 @@ int CRedirectedFile::ReadSource(const Context& context, const Segment& segment,
 }
 
 int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned char* pcBuf,
-                          unsigned int iLen) {
+                          unsigned int iLen, SourceUse* pSource) {
     CRuntimeParam* pRuntimeParam = context.pRuntimeParam;
     const bool bLog = pRuntimeParam->IsLogFileAccess();
     Wide p = iSeek;      // may pass 64 bits along a record that somebody else has written
     unsigned int o = 0;  // bytes placed
     ProcSegment cursor;
-    SourceUse source;
-    GetSegment(context, iSeek, &cursor);
+    if (GetPart(context, iSeek, iLen, &cursor.segment)) {
+        cursor.index = 0;
+    } else {
+        GetSegment(context, iSeek, &cursor);
+    }
     while (cursor.index >= 0) {
         const Segment s = cursor.segment;
         if (p < s.iOffset) {
@@ -486,7 +549,7 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
             continue;
         }
         unsigned int n = iLen - o;
-        if (iLeft <= n) {
+        if (iLeft < n) {
             n = static_cast<unsigned int>(iLeft);
             GetNextSegment(context, &cursor);
         }
@@ -498,7 +561,7 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
                                   context.pLogArgu->pcName, m_iId, GetSourceText(s),
                                   Unsigned(iSeek), static_cast<int>(n), Unsigned(iSourcePos));
         }
-        const int iRead = ReadSource(context, s, iSourcePos, pcBuf + o, n, &source);
+        const int iRead = ReadSource(context, s, iSourcePos, pcBuf + o, n, pSource);
         if (iRead < 0) {
             return static_cast<int>(o);
         }
@@ -520,13 +583,19 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
 
 int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf,
                           unsigned int iLen, bool* pbEof) {
+    SourceUse source;
+    return Read(pRuntimeParam, iSeek, pcBuf, iLen, pbEof, &source);
+}
+
+int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf,
+                          unsigned int iLen, bool* pbEof, SourceUse* pSource) {
     LogArgu logArgu{"RedirectedFile.Read"};
     const auto iSignedSeek = static_cast<std::int64_t>(iSeek);
     int iRead = -1;
     if (iSignedSeek >= 0 && iSignedSeek < m_iSize) {
         iRead = Read(MakeContext(pRuntimeParam, &logArgu), iSignedSeek,
                      static_cast<unsigned char*>(pcBuf),
-                     std::min(iLen, static_cast<unsigned int>(INT32_MAX)));
+                     std::min(iLen, static_cast<unsigned int>(INT32_MAX)), pSource);
     }
     if (iRead >= 0) {
         m_iPos = ClipToOffset(Wide{iSignedSeek} + iRead);
@@ -562,12 +631,15 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     std::uint64_t iOffset = 0;
     int iLastRead = EXPORT_SIZE;
     for (bool bEof = false; !bEof;) {
-        const int iRead = Read(pRuntimeParam, iOffset, vBuf.data(), EXPORT_SIZE, &bEof);
+        SourceUse source;
+        source.pCopyTo = &target;
+        const int iRead = Read(pRuntimeParam, iOffset, vBuf.data(), EXPORT_SIZE, &bEof, &source);
         if (iRead < 0) {
             break;
         }
-        int iWritten = 0;
-        {
+        int iWritten = iRead;
+        source.Settle();  // the target may be the source
+        if (!source.bCopied) {
             const std::lock_guard<std::mutex> lock(target.pUse->m_hMutex);
             iWritten =
                 m_pUtilities->OS_FileWrite(pRuntimeParam, &logArgu, target.iFile, vBuf.data(),

@@ -95,10 +95,26 @@ private:
         LogArgu* pLogArgu;
         CachedFile infoFile;
     };
-    // An open source.
+    // An open source.  What ReadAt and CopyStep do leaves its position as it was until Settle.
     struct SourceUse {
         std::int32_t iSource = -1;
         CachedFile file;
+        std::int64_t iPos = -1;               // where the position has to be; -1: where it is
+        const CachedFile* pCopyTo = nullptr;  // borrowed; open, if any
+        bool bCopied = false;                 // what was read went to pCopyTo, not to the buffer
+
+        SourceUse() = default;
+        ~SourceUse() { Settle(); }
+        SourceUse(const SourceUse&) = delete;
+        SourceUse& operator=(const SourceUse&) = delete;
+        // Puts the position behind what was read last.
+        void Settle();
+        // Bytes read or -1 (pread(2)).
+        int ReadAt(std::int64_t iSourcePos, unsigned char* pcBuf, unsigned int iLen);
+        // Copies a step of an export to the position of pCopyTo inside the kernel
+        // (copy_file_range(2)).  False when it is not copied as a whole; then nothing has changed
+        // but bytes behind that position.
+        bool CopyStep(std::int64_t iSourcePos);
     };
     // A run of records read from the info file.
     struct RecordChunk {
@@ -108,9 +124,16 @@ private:
     };
 
     Context MakeContext(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
-    int Read(const Context& context, std::int64_t iSeek, unsigned char* pcBuf, unsigned int iLen);
+    int Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf, unsigned int iLen,
+             bool* pbEof, SourceUse* pSource);
+    int Read(const Context& context, std::int64_t iSeek, unsigned char* pcBuf, unsigned int iLen,
+             SourceUse* pSource);
     // The segment that covers the offset.
     void GetSegment(const Context& context, std::int64_t iSeek, ProcSegment* pProcSegment);
+    // The part of that segment which alone fills [iSeek, iSeek + iLen); false where more than one
+    // is needed, and always for segments in an info file.  Costs less than the whole segment.
+    bool GetPart(const Context& context, std::int64_t iSeek, unsigned int iLen,
+                 Segment* pPart) const;
     // The next segment in the order of adding.
     void GetNextSegment(const Context& context, ProcSegment* pProcSegment);
     // Moves the cursor so that the next segments which neither begin nor end beyond iPos, and so

@@ -19,15 +19,14 @@ std::size_t CSegmentIndex::FindLeaf(std::int64_t iOffset) const {
     return iLeaf;
 }
 
-std::int64_t CSegmentIndex::Find(std::int64_t iOffset) const {
+const CSegmentIndex::Piece* CSegmentIndex::Find(std::int64_t iOffset) const {
     if (m_vLeaves.empty()) {
-        return NONE;
+        return nullptr;
     }
     const std::size_t iLeaf = FindLeaf(iOffset);
     const std::vector<Piece>& vPieces = m_vLeaves[iLeaf].vPieces;
     const std::size_t i = FindPiece(iLeaf, iOffset);
-    return i < vPieces.size() && vPieces[i].iStart <= iOffset ? std::int64_t{vPieces[i].iSegment}
-                                                              : NONE;
+    return i < vPieces.size() && vPieces[i].iStart <= iOffset ? &vPieces[i] : nullptr;
 }
 
 std::size_t CSegmentIndex::FindPiece(std::size_t iLeaf, std::int64_t iOffset) const {
@@ -73,30 +72,33 @@ std::size_t CSegmentIndex::FindPiece(std::size_t iLeaf, std::int64_t iOffset) co
     return static_cast<std::size_t>(it - itBegin);
 }
 
-void CSegmentIndex::Add(std::int64_t iStart, std::int64_t iEnd, std::uint32_t iSegment) {
-    // The gaps of [iStart, iEnd) are collected first: inserting would move what is walked over.
+void CSegmentIndex::Add(const Piece& range) {
+    // The gaps of the range are collected first: inserting would move what is walked over.
     m_vGaps.clear();
-    std::int64_t iPos = iStart;
+    std::int64_t iPos = range.iStart;
+    const auto claim = [&](std::int64_t iEnd) {
+        m_vGaps.push_back({iPos, iEnd, range.iShift, range.iSegment, range.iSource});
+    };
     const auto passOver = [&](std::int64_t iFrom, std::int64_t iTo) {
         if (iPos < iFrom) {
-            m_vGaps.push_back({iPos, std::min(iFrom, iEnd), iSegment});
+            claim(std::min(iFrom, range.iEnd));
         }
         iPos = std::max(iPos, iTo);
     };
-    for (std::size_t i = FindLeaf(iStart);
-         i < m_vLeaves.size() && iPos < iEnd && m_vFirst[i] < iEnd; ++i) {
+    for (std::size_t i = FindLeaf(range.iStart);
+         i < m_vLeaves.size() && iPos < range.iEnd && m_vFirst[i] < range.iEnd; ++i) {
         const std::vector<Piece>& vPieces = m_vLeaves[i].vPieces;
         if (m_vLeaves[i].iGaps == 0) {
             passOver(vPieces.front().iStart, vPieces.back().iEnd);
             continue;
         }
-        for (std::size_t k = FindPiece(i, iPos); k < vPieces.size() && vPieces[k].iStart < iEnd;
-             ++k) {
+        for (std::size_t k = FindPiece(i, iPos);
+             k < vPieces.size() && vPieces[k].iStart < range.iEnd; ++k) {
             passOver(vPieces[k].iStart, vPieces[k].iEnd);
         }
     }
-    if (iPos < iEnd) {
-        m_vGaps.push_back({iPos, iEnd, iSegment});
+    if (iPos < range.iEnd) {
+        claim(range.iEnd);
     }
     for (const Piece& gap : m_vGaps) {
         Insert(gap);

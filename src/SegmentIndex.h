@@ -19,22 +19,27 @@
 // do not touch.
 class CSegmentIndex {
 public:
-    static constexpr std::int64_t NONE = -1;
+    // A range as it is added, or the part [iStart, iEnd) of it that it claims.  Holds what a read
+    // inside the part needs, to spare it the segment: that would be one more cache miss.  Aligned,
+    // so that a piece never lies in two lines of the cache.
+    struct alignas(32) Piece {
+        std::int64_t iStart = 0;
+        std::int64_t iEnd = 0;
+        std::uint64_t iShift = 0;  // from an offset to its place in the source, modulo 2^64
+        std::uint32_t iSegment = 0;
+        std::int32_t iSource = 0;
+    };
 
     void Clear();
-    // Adds the range [iStart, iEnd) under the number iSegment; an empty range adds nothing.
-    void Add(std::int64_t iStart, std::int64_t iEnd, std::uint32_t iSegment);
-    // The number of the first range added that covers the offset, or NONE.
-    std::int64_t Find(std::int64_t iOffset) const;
+    // Adds a range; an empty one adds nothing.
+    void Add(const Piece& range);
+    // The piece that holds the offset, of the first range added that covers it; null without one.
+    // Valid until the next change.
+    const Piece* Find(std::int64_t iOffset) const;
 
 private:
     static constexpr std::size_t MAX_LEAF = 128;
 
-    struct Piece {
-        std::int64_t iStart;
-        std::int64_t iEnd;
-        std::uint32_t iSegment;
-    };
     struct Leaf {
         std::vector<Piece> vPieces;
         std::size_t iGaps = 0;

@@ -7,9 +7,11 @@
 
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <limits>
 #include <random>
 
+#include "PlatformReport.h"
 #include "RedirectedFixture.h"
 #include "SystemFaults.h"
 
@@ -75,6 +77,13 @@ protected:
             count += length > 0 && path == target.data() ? 1 : 0;
         }
         return count;
+    }
+    // Where the cached descriptor of a file stands.
+    off_t PositionOf(const std::string& path) {
+        LogArgu argu{"Test.Position"};
+        CRuntimeParam silent("", 0);
+        return lseek(utilities.GetCachedFileHandle(&silent, &argu, path.c_str(), false), 0,
+                     SEEK_CUR);
     }
 
     const faults::Guard guard;
@@ -724,6 +733,40 @@ TEST_F(RedirectedFileTest, AGapIsLoggedAndClippedToTheRoomLeft) {
     EXPECT_TRUE(utilities.Has("[RedirectedFile.Read] Fill missing segment len:1000"));
 }
 
+TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
+    const std::string a = Make("a", PatternData(1000));
+    const std::string b = Make("b", PatternData(1000));
+    Open(1000);
+    ASSERT_TRUE(Add(a, 100, 0, 100));
+    ASSERT_TRUE(Add(b, 50, 100, 100));
+    ASSERT_TRUE(Add(a, 600, 200, 100));
+    ASSERT_TRUE(Add("", 0, 300, 100));
+    ASSERT_TRUE(Add(b, 950, 400, 100));  // ends early
+    for (const int logControl : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
+        Log(logControl);
+        ASSERT_EQ(350, Read(0, 350).count);
+        EXPECT_EQ(700, PositionOf(a));
+        EXPECT_EQ(150, PositionOf(b));
+        ASSERT_EQ(10, Read(20, 10).count);
+        EXPECT_EQ(130, PositionOf(a));
+        EXPECT_EQ(150, PositionOf(b));
+        ASSERT_EQ(50, Read(400, 100).count);
+        EXPECT_EQ(1000, PositionOf(b));
+    }
+}
+
+TEST_F(RedirectedFileTest, ASourceThatCannotBeReadIsReportedWithoutTheLinesOfFileAccess) {
+    std::filesystem::create_directory(dir / "folder");
+    Open(100);
+    ASSERT_TRUE(Add(dir / "folder", 0, 0, 100));
+    Log(LOG_CONTROL_ERROR);
+    EXPECT_EQ(0, Read(0, 100).count);
+    EXPECT_THAT(
+        utilities.Errors(),
+        ElementsAre(testing::MatchesRegex(
+            "\\[RedirectedFile.Read\\] OS read file \\([0-9]+\\). Error=Is a directory.*")));
+}
+
 TEST_F(RedirectedFileTest, ThePositionAdvancesByTheWholeGap) {
     const std::string data = PatternData(2000);
     const std::string a = Make("a", data);
@@ -1243,6 +1286,140 @@ TEST_F(ExportedRedirectedFileTest, ExportEndsWhereASourceEndsEarly) {
     ASSERT_TRUE(Add(a, 0, 100'000, 100'000));
     file.Export(&param, target.c_str());
     EXPECT_TRUE(std::string(70'000, 'a') == ReadFile(target));
+}
+
+// The lines of the steps of an export, and what it left in its target.
+struct Exported {
+    Lines steps;
+    std::string content;
+    std::vector<off_t> positions;  // of the sources
+    Got next;                      // what is read at a place that nothing covers
+
+    bool operator==(const Exported&) const = default;
+};
+
+// Whether an export copies inside the system or reads and writes depends on whether the lines of
+// file access, which tell of every read and write, are wanted: nothing else may differ.
+class EitherWayTest : public ExportedRedirectedFileTest {
+protected:
+    struct Part {
+        std::string source;  // empty: none
+        std::int64_t from;
+        std::int64_t offset;
+        std::int64_t length;
+    };
+
+    Exported ExportWith(int logControl, const std::string& target, const std::string& infoFile,
+                        std::int64_t size, const std::vector<Part>& parts) {
+        CRedirectedFile one(&utilities);
+        one.Open(&param, size, 7, infoFile.c_str(), 1, 1);
+        std::vector<std::string> sources;
+        for (const Part& part : parts) {
+            one.AddSegment(&param, part.source.c_str(), part.from, part.offset, part.length,
+                           nullptr);
+            sources.push_back(part.source);
+        }
+        Log(logControl);
+        one.Export(&param, target.c_str());
+        Exported result;
+        for (const std::string& line : utilities.Infos()) {
+            if (line.find(" Write ox:") != std::string::npos) {
+                result.steps.push_back(line);
+            }
+        }
+        result.content = ReadFile(target);
+        for (const std::string& source : sources) {
+            result.positions.push_back(source.empty() || !FileExists(source) ? -2
+                                                                             : PositionOf(source));
+        }
+        result.next = GuardedRead(64, [&](void* buffer, bool* eof) {
+            return one.Read(&param, static_cast<std::uint64_t>(size) - 1, buffer, 64, eof);
+        });
+        one.Close(&param);
+        Log(0);
+        return result;
+    }
+    // The same export both ways, to a new target each.
+    void ExpectTheSame(std::int64_t size, const std::vector<Part>& parts, bool infoFile) {
+        const auto exported = [&](const std::string& name, int logControl) {
+            return ExportWith(logControl, Make(name), infoFile ? Make(name + ".info") : "", size,
+                              parts);
+        };
+        const Exported slow = exported("slow", LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
+        const Exported fast = exported("fast", LOG_CONTROL_REDIRECT_FILE);
+        EXPECT_EQ(slow.steps, fast.steps);
+        EXPECT_TRUE(slow.content == fast.content);
+        EXPECT_EQ(slow.positions, fast.positions);
+        EXPECT_EQ(slow.next, fast.next);
+    }
+};
+
+TEST_F(EitherWayTest, RandomFilesAreExportedAlike) {
+    const std::uint64_t seed = support::RandomSeed();
+    SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    const auto below = [&random](std::int64_t limit) {
+        return static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(limit));
+    };
+    const std::array<std::string, 4> sources{Make("a", PatternData(1'000'000)),
+                                             Make("b", PatternData(300'000)), "", dir / "missing"};
+    for (int round = 0; round < 20; ++round) {
+        const std::int64_t size = 1 + below(1'500'000);
+        std::vector<Part> parts;
+        for (std::int64_t i = below(8); i >= 0; --i) {
+            parts.push_back({sources[static_cast<std::size_t>(below(4))], below(400'000),
+                             below(4) == 0 ? 0 : below(size), below(1'000'000)});
+        }
+        SCOPED_TRACE("round " + Count(static_cast<std::size_t>(round)));
+        ExpectTheSame(size, parts, round % 2 == 0);
+    }
+}
+
+TEST_F(EitherWayTest, ATargetThatIsItsOwnSourceIsWrittenBehindWhatWasRead) {
+    const std::string data = PatternData(300'000);
+    const auto exported = [&](const std::string& name, int logControl) {
+        const std::string both = Make(name, data);
+        return ExportWith(logControl, both, "", 200'000, {{both, 0, 0, 200'000}});
+    };
+    const Exported slow = exported("slow", LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
+    const Exported fast = exported("fast", LOG_CONTROL_REDIRECT_FILE);
+    // Each step writes where it has just read to.
+    std::string expected = data;
+    for (std::size_t at = 0; at < 200'000; at += 65'536) {
+        const std::size_t length = std::min<std::size_t>(65'536, 200'000 - at);
+        expected.resize(std::max(expected.size(), at + 2 * length));
+        expected.replace(at + length, length, std::string(expected, at, length));
+    }
+    EXPECT_TRUE(expected == slow.content);
+    EXPECT_TRUE(expected == fast.content);
+    EXPECT_EQ(slow.steps, fast.steps);
+}
+
+TEST_F(EitherWayTest, AFullFileSystemGetsWhatFits) {
+    const std::string data = PatternData(300'000);
+    const std::string a = Make("a", data);
+    const auto exported = [&](int logControl) {
+        // Room for one step and a part of the second.
+        const platform::TmpFs fs("size=100k,nr_inodes=10");
+        LogArgu argu{"Test.Export"};
+        char reason[STATUS_SIZE] = "";
+        EXPECT_TRUE(utilities.AddMountInfo(&param, &argu, fs.Path().c_str(), "full", "", reason))
+            << reason;
+        const std::string target = fs / "target";
+        support::WriteFile(target, "");
+        Exported result = ExportWith(logControl, target, "", 300'000, {{a, 0, 0, 300'000}});
+        utilities.RemoveMountInfoByExportName("full");
+        return result;
+    };
+    const Exported slow = exported(LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
+    const Exported fast = exported(LOG_CONTROL_REDIRECT_FILE);
+    ASSERT_EQ(5u, fast.steps.size());
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:0, r:65536, w:65536", fast.steps[0]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:65536, w:36864", fast.steps[1]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:131072, r:65536, w:-1", fast.steps[2]);
+    EXPECT_EQ(slow.steps, fast.steps);
+    EXPECT_TRUE(data.substr(0, 102'400) == fast.content);
+    EXPECT_TRUE(slow.content == fast.content);
 }
 
 // ------------------------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -14,6 +15,8 @@
 #include "support/Files.h"
 
 namespace {
+
+constexpr std::int64_t kNone = -1;
 
 // What the index stands for: a scan in the order of adding.
 class LinearScan {
@@ -25,7 +28,7 @@ public:
                 return static_cast<std::int64_t>(i);
             }
         }
-        return CSegmentIndex::NONE;
+        return kNone;
     }
     const std::vector<std::pair<std::int64_t, std::int64_t>>& Ranges() const { return m_ranges; }
 
@@ -35,9 +38,26 @@ private:
 
 class SegmentIndexTest : public testing::Test {
 protected:
+    static std::uint64_t ShiftOf(std::uint32_t number) { return number * 0x9e3779b97f4a7c15; }
+    static std::int32_t SourceOf(std::uint32_t number) {
+        return static_cast<std::int32_t>(number % 7) - 1;
+    }
     void Add(std::int64_t start, std::int64_t end) {
-        m_index.Add(start, end, static_cast<std::uint32_t>(m_scan.Ranges().size()));
+        const auto number = static_cast<std::uint32_t>(m_scan.Ranges().size());
+        m_index.Add({start, end, ShiftOf(number), number, SourceOf(number)});
         m_scan.Add(start, end);
+    }
+    // The number of the range that is found, or kNone. What comes with it must be that range's.
+    std::int64_t Find(std::int64_t offset) const {
+        const CSegmentIndex::Piece* piece = m_index.Find(offset);
+        if (piece == nullptr) {
+            return kNone;
+        }
+        EXPECT_LE(piece->iStart, offset);
+        EXPECT_GT(piece->iEnd, offset);
+        EXPECT_EQ(ShiftOf(piece->iSegment), piece->iShift);
+        EXPECT_EQ(SourceOf(piece->iSegment), piece->iSource);
+        return piece->iSegment;
     }
     // Both agree at every end of a range and beside it.
     void ExpectSameAtEveryEdge() {
@@ -46,7 +66,7 @@ protected:
                 for (const std::int64_t step : {-1, 0, 1}) {
                     std::int64_t offset = 0;
                     if (!__builtin_add_overflow(edge, step, &offset)) {
-                        ASSERT_EQ(m_scan.Find(offset), m_index.Find(offset)) << "at " << offset;
+                        ASSERT_EQ(m_scan.Find(offset), Find(offset)) << "at " << offset;
                     }
                 }
             }
@@ -60,31 +80,44 @@ protected:
 }  // namespace
 
 TEST_F(SegmentIndexTest, AnEmptyIndexFindsNothing) {
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(0));
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(INT64_MAX));
+    EXPECT_EQ(kNone, Find(0));
+    EXPECT_EQ(kNone, Find(INT64_MAX));
 }
 
 TEST_F(SegmentIndexTest, ARangeCoversItsStartAndNotItsEnd) {
     Add(10, 20);
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(9));
-    EXPECT_EQ(0, m_index.Find(10));
-    EXPECT_EQ(0, m_index.Find(19));
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(20));
+    EXPECT_EQ(kNone, Find(9));
+    EXPECT_EQ(0, Find(10));
+    EXPECT_EQ(0, Find(19));
+    EXPECT_EQ(kNone, Find(20));
 }
 
 TEST_F(SegmentIndexTest, TheFirstAddedOfTwoOverlappingRangesWins) {
     Add(10, 20);
     Add(0, 30);
-    EXPECT_EQ(1, m_index.Find(9));
-    EXPECT_EQ(0, m_index.Find(10));
-    EXPECT_EQ(0, m_index.Find(19));
-    EXPECT_EQ(1, m_index.Find(20));
+    EXPECT_EQ(1, Find(9));
+    EXPECT_EQ(0, Find(10));
+    EXPECT_EQ(0, Find(19));
+    EXPECT_EQ(1, Find(20));
+}
+
+TEST_F(SegmentIndexTest, APieceEndsWhereAnEarlierRangeBeginsOrGoesOn) {
+    Add(10, 20);
+    Add(30, 40);
+    Add(0, 50);
+    for (const auto& [offset, start, end] :
+         {std::array{0, 0, 10}, {15, 10, 20}, {20, 20, 30}, {30, 30, 40}, {49, 40, 50}}) {
+        const CSegmentIndex::Piece* piece = m_index.Find(offset);
+        ASSERT_NE(nullptr, piece) << "at " << offset;
+        EXPECT_EQ(start, piece->iStart);
+        EXPECT_EQ(end, piece->iEnd);
+    }
 }
 
 TEST_F(SegmentIndexTest, ADuplicateNeverShows) {
     Add(10, 20);
     Add(10, 20);
-    EXPECT_EQ(0, m_index.Find(15));
+    EXPECT_EQ(0, Find(15));
 }
 
 TEST_F(SegmentIndexTest, ARangeFillsEveryGapThatItSpans) {
@@ -93,33 +126,33 @@ TEST_F(SegmentIndexTest, ARangeFillsEveryGapThatItSpans) {
     }
     Add(-5, 200);
     ExpectSameAtEveryEdge();
-    EXPECT_EQ(10, m_index.Find(97));
+    EXPECT_EQ(10, Find(97));
 }
 
 TEST_F(SegmentIndexTest, AnEmptyRangeAddsNothing) {
     Add(10, 10);
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(10));
+    EXPECT_EQ(kNone, Find(10));
     Add(0, 20);
-    EXPECT_EQ(1, m_index.Find(10));
+    EXPECT_EQ(1, Find(10));
 }
 
 TEST_F(SegmentIndexTest, RangesReachTheEndsOfSixtyFourBits) {
     Add(INT64_MAX - 1, INT64_MAX);
     Add(INT64_MIN, INT64_MIN + 1);
     Add(INT64_MIN, INT64_MAX);
-    EXPECT_EQ(1, m_index.Find(INT64_MIN));
-    EXPECT_EQ(2, m_index.Find(INT64_MIN + 1));
-    EXPECT_EQ(2, m_index.Find(0));
-    EXPECT_EQ(0, m_index.Find(INT64_MAX - 1));
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(INT64_MAX));
+    EXPECT_EQ(1, Find(INT64_MIN));
+    EXPECT_EQ(2, Find(INT64_MIN + 1));
+    EXPECT_EQ(2, Find(0));
+    EXPECT_EQ(0, Find(INT64_MAX - 1));
+    EXPECT_EQ(kNone, Find(INT64_MAX));
 }
 
 TEST_F(SegmentIndexTest, ClearForgetsEverything) {
     Add(0, 100);
     m_index.Clear();
-    EXPECT_EQ(CSegmentIndex::NONE, m_index.Find(50));
-    m_index.Add(50, 60, 7);
-    EXPECT_EQ(7, m_index.Find(50));
+    EXPECT_EQ(kNone, Find(50));
+    m_index.Add({50, 60, ShiftOf(7), 7, SourceOf(7)});
+    EXPECT_EQ(7, Find(50));
 }
 
 // Enough ranges for many leaves, in the orders in which leaves fill, split and grow at their ends.
@@ -183,8 +216,7 @@ TEST_F(SegmentIndexTest, RandomRangesGiveTheSameAnswersAsAScan) {
             const std::int64_t offset =
                 base - 2 +
                 static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(2 * span));
-            ASSERT_EQ(m_scan.Find(offset), m_index.Find(offset))
-                << "round " << round << " at " << offset;
+            ASSERT_EQ(m_scan.Find(offset), Find(offset)) << "round " << round << " at " << offset;
         }
     }
 }
