@@ -85,10 +85,7 @@ struct stat StatOf(const std::string& path) {
 // The descriptor of this process that is open on a path.
 int DescriptorOf(const std::string& path) {
     for (const int fd : support::OpenFds()) {
-        char target[PATH_MAX];
-        const ssize_t size =
-            readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
-        if (size > 0 && std::string_view(target, static_cast<std::size_t>(size)) == path) {
+        if (support::DescriptorTarget(fd) == path) {
             return fd;
         }
     }

@@ -17,6 +17,7 @@
 
 using namespace redirtest;
 using support::FileExists;
+using support::OpenCount;
 using support::PatternData;
 using support::ReadFile;
 using testing::ElementsAre;
@@ -67,16 +68,6 @@ protected:
                             std::to_string(s.iOffset) + " " + std::to_string(s.iLength));
         }
         return lines;
-    }
-    std::ptrdiff_t OpenCount(const std::string& path) const {
-        std::ptrdiff_t count = 0;
-        for (const int fd : support::OpenFds()) {
-            std::array<char, 4096> target{};
-            const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(),
-                                            target.data(), target.size() - 1);
-            count += length > 0 && path == target.data() ? 1 : 0;
-        }
-        return count;
     }
     // Where the cached descriptor of a file stands.
     off_t PositionOf(const std::string& path) {

@@ -232,7 +232,8 @@ TEST_F(Cache, AKeptEntryEvictsNothingInAFullCache) {
 }
 
 TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
-    // Numbers of one, two and three digits: as text, "10" and "100" come before "11" and "12" before "9".
+    // Numbers of one, two and three digits: as text, "10" and "100" come before "11" and "12"
+    // before "9".
     std::vector<std::string> vFiles;
     std::vector<std::pair<std::string, std::string>> order;  // digits, path
     std::vector<int> vHeld;

@@ -1,5 +1,5 @@
 // What the tests of the service object share: a fixture with a recording service object and the
-// context that every operation asks for, and a look at this process's descriptors.
+// context that every operation asks for.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -18,6 +17,9 @@
 #include "RuntimeParam.h"
 #include "support/Files.h"
 #include "Utilities.h"
+
+using support::DescriptorTarget;
+using support::OpenCount;
 
 // Every category switched on.
 inline constexpr int LOG_CONTROL_ALL = 1023;
@@ -59,21 +61,6 @@ protected:
     support::ScopedTempDir m_Dir;
     char m_cStatus[STATUS_SIZE] = "";
 };
-
-// What a descriptor of this process refers to; empty when it is closed.
-inline std::string DescriptorTarget(int iFile) {
-    char cTarget[PATH_MAX];
-    const ssize_t iLen =
-        readlink(("/proc/self/fd/" + std::to_string(iFile)).c_str(), cTarget, sizeof(cTarget));
-    return iLen < 0 ? "" : std::string(cTarget, static_cast<std::size_t>(iLen));
-}
-
-// The number of descriptors of this process that refer to a path.
-inline std::ptrdiff_t OpenCount(const std::string& sPath) {
-    const std::vector<int> vFiles = support::OpenFds();
-    return std::count_if(vFiles.begin(), vFiles.end(),
-                         [&](int iFile) { return DescriptorTarget(iFile) == sPath; });
-}
 
 // Sets the soft limit of descriptors while it lives.
 class CDescriptorLimit {

@@ -1,5 +1,6 @@
 #include "support/Files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -116,6 +117,17 @@ std::vector<int> OpenFds(pid_t pid) {
         }
     }
     return fds;
+}
+
+std::string DescriptorTarget(int fd, pid_t pid) {
+    std::error_code error;
+    return std::filesystem::read_symlink(ProcFolder(pid) + "/fd/" + std::to_string(fd), error);
+}
+
+std::ptrdiff_t OpenCount(const std::string& path, pid_t pid) {
+    const std::vector<int> fds = OpenFds(pid);
+    return std::count_if(fds.begin(), fds.end(),
+                         [&](int fd) { return DescriptorTarget(fd, pid) == path; });
 }
 
 std::size_t RssKiB(pid_t pid) {

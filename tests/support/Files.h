@@ -55,6 +55,10 @@ std::string Hex(const Bytes& bytes);
 
 // The numbers of the open descriptors of a process (0: this one).
 std::vector<int> OpenFds(pid_t pid = 0);
+// What a descriptor of a process (0: this one) refers to; empty when it is closed.
+std::string DescriptorTarget(int fd, pid_t pid = 0);
+// The number of descriptors of a process (0: this one) that refer to a path.
+std::ptrdiff_t OpenCount(const std::string& path, pid_t pid = 0);
 // Resident memory of a process (0: this one) in KiB.
 std::size_t RssKiB(pid_t pid = 0);
 

@@ -399,11 +399,14 @@ TEST_F(IpcProcessesTest, CachedDescriptorsAreClosed) {
         WriteFile(PathOf(name), "data");
         ASSERT_EQ(0u, nfs->Read(nfs->Lookup(root, name).handle, 0, 4).status);
     }
-    const std::size_t open = OpenFds(server.Pid()).size();
+    const auto open = [&](const char* name) { return OpenCount(PathOf(name), server.Pid()); };
+    ASSERT_EQ(1, open("a"));
+    ASSERT_EQ(1, open("b"));
     controller.CloseCachedFileHandle(PathOf("a").c_str());
-    EXPECT_EQ(open - 1, OpenFds(server.Pid()).size());
+    EXPECT_EQ(0, open("a"));
+    EXPECT_EQ(1, open("b"));
     controller.CloseAllCachedFileHandles(folder.Path().c_str());
-    EXPECT_EQ(open - 2, OpenFds(server.Pid()).size());
+    EXPECT_EQ(0, open("b"));
 }
 
 TEST_F(IpcProcessesTest, SessionsStatusAndTexts) {
