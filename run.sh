@@ -137,7 +137,7 @@ libnfs:
     nfs_parse_url_incomplete(nfs, "nfs://HOST/?nfsport=$nfs_port&mountport=$mount_port&auto-traverse-mounts=0");
     nfs_mount(nfs, "HOST", "$export_name");    /* the bare name; end with nfs_umount(nfs) */
 
-ESXi host (finds the ports through the portmapper on port 111):
+Host with esxcli (it finds the ports through the portmapper on port 111):
     esxcli storage nfs add --host=HOST --share=$export_name --volume-name=$export_name
 
 Type 'quit' or press Ctrl-C to stop.

@@ -439,10 +439,12 @@ public abstract class ModeTests {
     }
 
     @Test
-    public void thePlatformTestReportsItsSteps() throws IOException {
-        host.runTestMode(handle, folder.toString(), 1 << 20);
-        Wait.until("lines come", () -> !host.lines.isEmpty());
-        assertTrue(host.lines.stream().allMatch(line -> line.contains("|" + serverId() + "|")));
+    public void thePlatformTestRunsBesideTheService() throws IOException {
+        try (TmpFs fs = new TmpFs(PlatformReport.OPTIONS)) {
+            host.runTestMode(handle, fs.folder.toString(), 5000);
+            assertEquals(new PlatformReport(fs.folder.toString(), PlatformReport.ATTRIBUTES,
+                    PlatformReport.MEDIUM).text(serverId()), PlatformReport.timeless(host.lines));
+        }
     }
 
     @Test
