@@ -38,7 +38,7 @@ public:
     const Piece* Find(std::int64_t iOffset) const;
 
 private:
-    static constexpr std::size_t MAX_LEAF = 128;
+    static constexpr std::size_t MAX_LEAF = 512;
 
     struct Leaf {
         std::vector<Piece> vPieces;

@@ -59,9 +59,11 @@ protected:
         EXPECT_EQ(SourceOf(piece->iSegment), piece->iSource);
         return piece->iSegment;
     }
-    // Both agree at every end of a range and beside it.
-    void ExpectSameAtEveryEdge() {
-        for (const auto& [start, end] : m_scan.Ranges()) {
+    // Both agree at every end of a range and beside it; of every nth range, where scanning for all
+    // takes too long.
+    void ExpectSameAtEveryEdge(std::size_t nth = 1) {
+        for (std::size_t i = 0; i < m_scan.Ranges().size(); i += nth) {
+            const auto& [start, end] = m_scan.Ranges()[i];
             for (const std::int64_t edge : {start, end}) {
                 for (const std::int64_t step : {-1, 0, 1}) {
                     std::int64_t offset = 0;
@@ -167,7 +169,7 @@ TEST_P(SegmentIndexOrderTest, AnyOrderOfAddingGivesTheSameAnswersAsAScan) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);
-    constexpr std::int64_t kCount = 1500;
+    constexpr std::int64_t kCount = 5000;
     std::vector<std::int64_t> starts;
     for (std::int64_t i = 0; i < kCount; ++i) {
         starts.push_back(i * 100);
@@ -185,10 +187,10 @@ TEST_P(SegmentIndexOrderTest, AnyOrderOfAddingGivesTheSameAnswersAsAScan) {
     for (const std::int64_t start : starts) {
         Add(start, start + 1 + static_cast<std::int64_t>(random() % 100));
     }
-    ExpectSameAtEveryEdge();
+    ExpectSameAtEveryEdge(11);
     Add(-1000, kCount * 200);  // spans every gap of every leaf
     Add(-2000, kCount * 300);  // and now finds none inside
-    ExpectSameAtEveryEdge();
+    ExpectSameAtEveryEdge(11);
 }
 
 TEST_F(SegmentIndexTest, RandomRangesGiveTheSameAnswersAsAScan) {
@@ -203,7 +205,7 @@ TEST_F(SegmentIndexTest, RandomRangesGiveTheSameAnswersAsAScan) {
         const std::int64_t base = round % 3 == 0   ? 0
                                   : round % 3 == 1 ? INT64_MAX - 2 * span
                                                    : INT64_MIN + span;
-        const int count = 1 + static_cast<int>(random() % 800);
+        const int count = 1 + static_cast<int>(random() % 2500);
         for (int i = 0; i < count; ++i) {
             const std::int64_t start =
                 base + static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(span));
