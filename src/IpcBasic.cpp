@@ -93,6 +93,13 @@ void CIpcBasic::InitialCallbackData(IpcDataBuf* pData, int iType) {
     InitialData(pData, IPC_GROUP_CALLBACK, iKnown, CALLBACK_SIZES[iKnown]);
 }
 
+bool CIpcBasic::Fail(char* pcError, const char* pcFmt, int iError) {
+    char cReason[STATUS_SIZE] = "";
+    CUtilities::GetLastErrorText(cReason, iError);
+    CUtilities::SetStatus(pcError, pcFmt, cReason);
+    return false;
+}
+
 void CIpcBasic::PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData) {
     if (!m_pRuntimeParam->IsLogIpc()) {
         return;

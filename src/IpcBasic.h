@@ -459,6 +459,9 @@ public:
     void LogError(char* pcMessage);
 
 protected:
+    // Formats "Fail ... %s" with the system's text for an error number; always false.
+    static bool Fail(char* pcError, const char* pcFmt, int iError);
+
     CUtilities* m_pUtilities;
     CRuntimeParam* m_pRuntimeParam;
 

@@ -8,18 +8,6 @@
 
 #include "IpcWaits.h"
 
-namespace {
-
-// "Fail ... %s" with the system's text for an error number.
-bool Fail(char* pcError, const char* pcFmt, int iError) {
-    char cReason[STATUS_SIZE] = "";
-    CUtilities::GetLastErrorText(cReason, iError);
-    CUtilities::SetStatus(pcError, pcFmt, cReason);
-    return false;
-}
-
-}  // namespace
-
 CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, CIpcWaits* pWaits)
     : CIpcBasic(pUtilities, pRuntimeParam), m_pWaits(pWaits) {}
 

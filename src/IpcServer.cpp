@@ -23,14 +23,6 @@ constexpr int PAUSE_MS = 100;
 constexpr int INTERRUPTED = -1;
 constexpr int FAILED = -2;
 
-// "Fail ... %s" with the system's text for an error number.
-bool Fail(char* pcError, const char* pcFmt, int iError) {
-    char cReason[STATUS_SIZE] = "";
-    CUtilities::GetLastErrorText(cReason, iError);
-    CUtilities::SetStatus(pcError, pcFmt, cReason);
-    return false;
-}
-
 }  // namespace
 
 CIpcServer::CIpcServer(CNfsMain* pNfsHandle)

@@ -9,7 +9,6 @@
 #include <iterator>
 #include <memory>
 
-#include "DataException.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "RuntimeParam.h"
@@ -142,16 +141,8 @@ int CNfs3Prog::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pPa
     }
     try {
         return (this->*PROCEDURES[pParam->iProc])(pIn, pOut, pParam);
-    } catch (const CDataTruncatedExpt& e) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, e.what());
-        }
-        return PROG_RESULT_TRUNCATED;
     } catch (...) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
-        }
-        return PROG_RESULT_GARBAGE;
+        return GetResultOfException(m_pUtilities, pRuntimeParam, logArgu);
     }
 }
 

@@ -1,6 +1,5 @@
 #include "PortmapProg.h"
 
-#include "DataException.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "RuntimeParam.h"
@@ -32,16 +31,8 @@ int CPortmapProg::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* 
     }
     try {
         return ProcedureGETPORT(pIn, pOut, pParam);
-    } catch (const CDataTruncatedExpt& e) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, e.what());
-        }
-        return PROG_RESULT_TRUNCATED;
     } catch (...) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
-        }
-        return PROG_RESULT_GARBAGE;
+        return GetResultOfException(m_pUtilities, pRuntimeParam, logArgu);
     }
 }
 

@@ -9,6 +9,7 @@ class CInputStream;
 class COutputStream;
 class CRuntimeParam;
 class CUtilities;
+struct LogArgu;
 
 // Program results; the RPC server turns them into accept statuses (RFC 5531, section 9).
 inline constexpr int PROG_RESULT_DONE = 0;       // results written, SUCCESS
@@ -42,6 +43,11 @@ public:
     virtual std::uint32_t GetVersion();
     // The number of procedures: a call is recognised when its procedure is less, or ANY.
     virtual std::uint32_t GetMaxSupportProc();
+
+    // The program result for the exception that is being handled, which is logged as an error: what
+    // ended the input asks for more of it, anything else is garbage.
+    static int GetResultOfException(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam,
+                                    const LogArgu& logArgu);
 
 protected:
     CUtilities* m_pUtilities;

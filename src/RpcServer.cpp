@@ -1,6 +1,5 @@
 #include "RpcServer.h"
 
-#include "DataException.h"
 #include "RuntimeParam.h"
 #include "Socket.h"
 #include "Utilities.h"
@@ -158,16 +157,8 @@ int CRpcServer::ReadHeader(CRuntimeParam* pRuntimeParam, const LogArgu& logArgu,
         pIn->Read(&header.verf.lFlavor);
         pIn->Read(&header.verf.lLength);
         pIn->Skip(header.verf.lLength);
-    } catch (const CDataTruncatedExpt& e) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, e.what());
-        }
-        return PROG_RESULT_TRUNCATED;
     } catch (...) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
-        }
-        return PROG_RESULT_GARBAGE;
+        return CRpcProg::GetResultOfException(m_pUtilities, pRuntimeParam, logArgu);
     }
     return PROG_RESULT_DONE;
 }

@@ -12,11 +12,10 @@
 #include <atomic>
 #include <cerrno>
 #include <set>
-#include <sstream>
 
 #include "NfsServiceFixture.h"
 #include "ServerSocket.h"
-#include "support/Process.h"
+#include "support/Rpcbind.h"
 
 using namespace nfstest;
 using namespace support;
@@ -75,49 +74,6 @@ int PortOf(int fd) {
     socklen_t size = sizeof addr;
     getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size);
     return ntohs(addr.sin_port);
-}
-
-// The system portmapper of the test's namespaces.
-class Rpcbind {
-public:
-    Rpcbind()
-        : m_process({"rpcbind", "-f"},
-                    {.environment = {"LD_PRELOAD=" + EnvironmentOr("VELOCAST_STAYROOT", "")}}) {
-        const auto answers = [] {
-            try {
-                PortmapClient portmap(Transport::Tcp);
-                return portmap.Rpc()
-                    .TryCall(kPortmapProgram, 2, 0, {}, Milliseconds(1000))
-                    .has_value();
-            } catch (const std::runtime_error&) {
-                return false;
-            }
-        };
-        if (!WaitFor(answers)) {
-            m_process.Stop();
-            throw std::runtime_error("rpcbind does not serve: " + m_process.Output());
-        }
-    }
-    ~Rpcbind() { m_process.Stop(); }
-    void Stop() { m_process.Stop(); }
-
-private:
-    Process m_process;
-};
-
-// What rpcbind tells of the programs of ours, as "program version protocol port".
-std::multiset<std::string> Mappings() {
-    std::istringstream lines(RunProgram({"rpcinfo", "-p", "127.0.0.1"}).output);
-    std::multiset<std::string> mappings;
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string program, version, protocol, port;
-        words >> program >> version >> protocol >> port;
-        if (program == "100003" || program == "100005") {
-            mappings.insert(program + " " + version + " " + protocol + " " + port);
-        }
-    }
-    return mappings;
 }
 
 std::multiset<std::string> BothMappings(const std::string& program, int port) {

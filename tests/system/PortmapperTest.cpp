@@ -7,10 +7,10 @@
 
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "support/Nfs3Client.h"
+#include "support/Rpcbind.h"
 #include "support/Server.h"
 
 using namespace support;
@@ -29,40 +29,6 @@ bool Answers(int port) {
     }
 }
 
-// The system portmapper of the test's namespaces.
-class Rpcbind {
-public:
-    Rpcbind()
-        : m_process({"rpcbind", "-f"},
-                    {.environment = {"LD_PRELOAD=" + EnvironmentOr("VELOCAST_STAYROOT", "")}}) {
-        if (!WaitFor([] { return Answers(111); })) {
-            m_process.Stop();
-            throw std::runtime_error("rpcbind does not serve: " + m_process.Output());
-        }
-    }
-
-    ~Rpcbind() { m_process.Stop(); }
-
-    // The lines of `rpcinfo -p` for our programs, as "program version protocol port".
-    static std::multiset<std::string> Mappings() {
-        std::istringstream lines(RunProgram({"rpcinfo", "-p", "127.0.0.1"}).output);
-        std::multiset<std::string> mappings;
-        std::string line;
-        while (std::getline(lines, line)) {
-            std::istringstream words(line);
-            std::string program, version, protocol, port;
-            words >> program >> version >> protocol >> port;
-            if (program == "100003" || program == "100005") {
-                mappings.insert(program + " " + version + " " + protocol + " " + port);
-            }
-        }
-        return mappings;
-    }
-
-private:
-    Process m_process;
-};
-
 const std::multiset<std::string> kFourMappings{
     "100003 3 tcp 2050",
     "100003 3 udp 2050",
@@ -74,19 +40,19 @@ const std::multiset<std::string> kFourMappings{
 
 TEST(ExternalPortmapperTest, HoldsTheFourMappingsWhileTheServerRuns) {
     Rpcbind rpcbind;
-    ASSERT_TRUE(Rpcbind::Mappings().empty());
+    ASSERT_TRUE(Mappings().empty());
     Server server;
-    EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+    EXPECT_EQ(kFourMappings, Mappings());
     server.Stop();
-    EXPECT_TRUE(Rpcbind::Mappings().empty());
+    EXPECT_TRUE(Mappings().empty());
 }
 
 TEST(ExternalPortmapperTest, LosesTheMappingsWhenTheServerIsTerminated) {
     Rpcbind rpcbind;
     Server server;
-    ASSERT_EQ(kFourMappings, Rpcbind::Mappings());
+    ASSERT_EQ(kFourMappings, Mappings());
     server.Stop(Server::StopBy::Terminate);
-    EXPECT_TRUE(Rpcbind::Mappings().empty());
+    EXPECT_TRUE(Mappings().empty());
 }
 
 TEST(ExternalPortmapperTest, LeavesItThePortAndServesOneAboveTheDefaults) {
@@ -123,7 +89,7 @@ TEST(ExternalPortmapperTest, RegistersPortsThatAreGivenAsTheyAre) {
     Server server({.mountPort = 3058, .nfsPort = 3049});
     EXPECT_EQ((std::multiset<std::string>{"100003 3 tcp 3049", "100003 3 udp 3049",
                                           "100005 3 tcp 3058", "100005 3 udp 3058"}),
-              Rpcbind::Mappings());
+              Mappings());
 }
 
 TEST(ExternalPortmapperTest, StaleMappingsAreReplaced) {
@@ -133,18 +99,18 @@ TEST(ExternalPortmapperTest, StaleMappingsAreReplaced) {
         killed.Program().Signal(SIGKILL);
         EXPECT_EQ(ExitStatus::Signal(SIGKILL), killed.WaitForDeath());
     }
-    ASSERT_EQ(4u, Rpcbind::Mappings().size()) << "nobody withdrew them";
+    ASSERT_EQ(4u, Mappings().size()) << "nobody withdrew them";
     Server server;
-    EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+    EXPECT_EQ(kFourMappings, Mappings());
 }
 
 TEST(ExternalPortmapperTest, IsUsedAgainAfterARestart) {
     Rpcbind rpcbind;
     for (int run = 0; run < 2; ++run) {
         Server server;
-        EXPECT_EQ(kFourMappings, Rpcbind::Mappings());
+        EXPECT_EQ(kFourMappings, Mappings());
         server.Stop();
-        EXPECT_TRUE(Rpcbind::Mappings().empty());
+        EXPECT_TRUE(Mappings().empty());
     }
 }
 
