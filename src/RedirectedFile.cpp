@@ -17,6 +17,7 @@ __extension__ using Wide = __int128;
 
 constexpr std::size_t RECORDS_PER_READ = CSegmentSummary::RUN;
 constexpr unsigned int EXPORT_SIZE = 65536;  // bytes of one step of an export
+constexpr std::size_t LISTING_LINE = 65536;  // bytes, with its NUL; longer lines are cut
 constexpr std::int64_t MEBIBYTE = 1 << 20;
 
 template <typename Value>
@@ -228,7 +229,9 @@ bool CRedirectedFile::AppendRecords(const Context& context, Segment segment) {
         SegmentRecord::Encode(piece, vBytes.data() + vBytes.size() - SegmentRecord::SIZE);
         m_RecordSummary.Add(piece.iOffset, piece.iLength);
         iEnd += SegmentRecord::SIZE;
-        if (vBytes.size() >= RECORDS_PER_READ * SegmentRecord::SIZE) {
+        // The lines of file access tell of each record.
+        if (context.pRuntimeParam->IsLogFileAccess() ||
+            vBytes.size() >= RECORDS_PER_READ * SegmentRecord::SIZE) {
             flush();
         }
         segment.iFileOffset =
@@ -459,23 +462,27 @@ void CRedirectedFile::SourceUse::Settle() {
 
 int CRedirectedFile::SourceUse::ReadAt(std::int64_t iSourcePos, unsigned char* pcBuf,
                                        unsigned int iLen) {
+    if (!file.pUse->IsRegularFile()) {  // devices may read without a place, or know other ends
+        return -1;
+    }
     const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
     const ssize_t iRead = pread(file.iFile, pcBuf, iLen, iSourcePos);
-    iPos = iRead >= 0 ? iSourcePos + iRead : -1;
+    if (iRead > 0) {
+        iPos = iSourcePos + iRead;
+    }
     return static_cast<int>(iRead);
 }
 
 bool CRedirectedFile::SourceUse::CopyStep(std::int64_t iSourcePos) {
-    if (pCopyTo == nullptr || pCopyTo->pUse == file.pUse) {
+    if (pCopyTo == nullptr || !file.pUse->IsOtherRegularFile(*pCopyTo->pUse)) {
         return false;
     }
     const std::scoped_lock lock(file.pUse->m_hMutex, pCopyTo->pUse->m_hMutex);
-    off_t iFrom = iSourcePos;
-    const ssize_t iCopied =
-        copy_file_range(file.iFile, &iFrom, pCopyTo->iFile, nullptr, EXPORT_SIZE, 0);
+    const long long iCopied =
+        CUtilities::OS_FileCopyRange(file.iFile, iSourcePos, pCopyTo->iFile, EXPORT_SIZE);
     bCopied = iCopied == EXPORT_SIZE;
     if (bCopied) {
-        iPos = iFrom;
+        iPos = iSourcePos + iCopied;
     } else if (iCopied > 0) {
         lseek(pCopyTo->iFile, -iCopied, SEEK_CUR);
     }
@@ -491,20 +498,22 @@ int CRedirectedFile::ReadSource(const Context& context, const Segment& segment,
         pSource->file = {};
     } else if (pSource->file.iFile == -1 || pSource->iSource != segment.iSource) {
         pSource->Settle();
+        pSource->file = {};  // the cache may have to close it to open the next one
         pSource->iSource = segment.iSource;
         pSource->file = m_pUtilities->UseCachedFile(context.pRuntimeParam, context.pLogArgu,
                                                     psSource->c_str(), false);
     }
     if (pSource->file.pUse != nullptr && !context.pRuntimeParam->IsLogFileAccess()) {
-        // One call for two, where nothing tells of each.  What fails is done again below, to be
-        // reported.
+        // One call for two, where nothing tells of each.  What gives nothing is done again below:
+        // the system may refuse the place, and that is reported.
         const int iRead = iLen == EXPORT_SIZE && pSource->CopyStep(iSourcePos)
                               ? static_cast<int>(EXPORT_SIZE)
                               : pSource->ReadAt(iSourcePos, pcBuf, iLen);
-        if (iRead >= 0) {
+        if (iRead > 0) {
             return iRead;
         }
     }
+    pSource->Settle();
     std::unique_lock<std::mutex> lock;
     if (pSource->file.pUse != nullptr) {
         lock = std::unique_lock<std::mutex>(pSource->file.pUse->m_hMutex);
@@ -615,7 +624,7 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, voi
 void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     LogArgu logArgu{"RedirectedFile.Export"};
     const bool bLog = pRuntimeParam->IsLogRedirectFile();
-    const CachedFile target = m_pUtilities->UseCachedFile(pRuntimeParam, &logArgu, pcPath, false);
+    CachedFile target = m_pUtilities->UseCachedFile(pRuntimeParam, &logArgu, pcPath, false);
     if (target.iFile == -1) {
         if (bLog) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Content to file error: %s", logArgu.pcName,
@@ -657,6 +666,7 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
         iLastRead = iRead;
         iOffset += static_cast<std::uint64_t>(iRead);
     }
+    target = {};  // the close is then the cache's, and reported
     m_pUtilities->CloseCachedFileHandle(pRuntimeParam, &logArgu, pcPath);
 }
 
@@ -664,7 +674,7 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
                                  bool bMergeRange) {
     LogArgu logArgu{"RedirectedFile.ExportInfo"};
     const bool bLog = pRuntimeParam->IsLogRedirectFile();
-    const CachedFile target = m_pUtilities->UseCachedFile(pRuntimeParam, &logArgu, pcPath, false);
+    CachedFile target = m_pUtilities->UseCachedFile(pRuntimeParam, &logArgu, pcPath, false);
     if (target.iFile == -1) {
         if (bLog) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Info to file error: %s", logArgu.pcName,
@@ -677,7 +687,9 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
                               pcPath, target.iFile);
     }
 
-    // Lines are gathered and written together.
+    // Lines are gathered and written together, but for the lines of file access, which tell of
+    // each.
+    const bool bLogAccess = pRuntimeParam->IsLogFileAccess();
     std::string sLines;
     const auto flush = [&] {
         const std::lock_guard<std::mutex> lock(target.pUse->m_hMutex);
@@ -685,28 +697,25 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
                                    static_cast<unsigned int>(sLines.size()), nullptr);
         sLines.clear();
     };
-    char cLine[PATH_SIZE + 256];
-    const auto writeLine = [&] {
-        sLines += cLine;
-        if (sLines.size() + sizeof(cLine) > EXPORT_SIZE) {
+    std::vector<char> vLine(LISTING_LINE);
+    const auto writeLine = [&](const char* pcFmt, auto... args) {
+        std::snprintf(vLine.data(), vLine.size(), pcFmt, args...);
+        sLines += vLine.data();
+        if (bLogAccess || sLines.size() >= EXPORT_SIZE) {
             flush();
         }
     };
     const auto writeSegment = [&](const char* pcFmt, const Segment& segment) {
-        std::snprintf(cLine, sizeof(cLine), pcFmt, GetSourceText(segment),
-                      Unsigned(segment.iFileOffset), Unsigned(segment.iOffset),
-                      Unsigned(segment.iLength));
-        writeLine();
+        writeLine(pcFmt, GetSourceText(segment), Unsigned(segment.iFileOffset),
+                  Unsigned(segment.iOffset), Unsigned(segment.iLength));
     };
 
     for (const CheckPointSegment& point : m_vInfoFileCheckPoint) {
-        std::snprintf(cLine, sizeof(cLine), "--> CheckPoint Segment fox=%llu, ox=%llu\n",
-                      Unsigned(point.iFileOffset), Unsigned(point.iOffset));
-        writeLine();
+        writeLine("--> CheckPoint Segment fox=%llu, ox=%llu\n", Unsigned(point.iFileOffset),
+                  Unsigned(point.iOffset));
     }
     if (!m_vInfoFileCheckPoint.empty()) {
-        std::snprintf(cLine, sizeof(cLine), "-------------------\n");
-        writeLine();
+        writeLine("%s", "-------------------\n");
     }
 
     constexpr const char* MERGED_FORMAT =
@@ -736,5 +745,6 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
     if (!sLines.empty()) {
         flush();
     }
+    target = {};  // the close is then the cache's, and reported
     m_pUtilities->CloseCachedFileHandle(pRuntimeParam, &logArgu, pcPath);
 }

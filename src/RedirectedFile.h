@@ -70,6 +70,8 @@ public:
     // Forgets the segments and closes the cached descriptors of the info file and the sources.
     void Close(CRuntimeParam* pRuntimeParam);
     bool IsClosed() const { return m_bClosed; }
+    // Counts as closed without closing anything: what it would close belongs to an owner that ends.
+    void Abandon() { m_bClosed = true; }
 
     std::int64_t GetFileSize() const { return m_iSize; }
     std::mutex& GetMutex() { return m_hMutex; }
@@ -109,7 +111,7 @@ private:
         SourceUse& operator=(const SourceUse&) = delete;
         // Puts the position behind what was read last.
         void Settle();
-        // Bytes read or -1 (pread(2)).
+        // Bytes read (pread(2)); 0 or less also for what has to be positioned and read one by one.
         int ReadAt(std::int64_t iSourcePos, unsigned char* pcBuf, unsigned int iLen);
         // Copies a step of an export to the position of pCopyTo inside the kernel
         // (copy_file_range(2)).  False when it is not copied as a whole; then nothing has changed

@@ -83,7 +83,11 @@ struct OsError {
 
 CUtilities::CUtilities() : m_pFileTable(std::make_unique<CFileTable>()) {}
 
-CUtilities::~CUtilities() = default;
+CUtilities::~CUtilities() {
+    for (const auto& [sPath, pFile] : m_mRedirectedFiles) {
+        pFile->Abandon();
+    }
+}
 
 void CUtilities::RefuseWaits() {}
 
@@ -648,6 +652,18 @@ long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     return iPos;
 }
 
+long long CUtilities::OS_FileCopyRange([[maybe_unused]] int iFromFile,
+                                       [[maybe_unused]] long long iFromPos,
+                                       [[maybe_unused]] int iToFile,
+                                       [[maybe_unused]] unsigned int iLen) {
+#if defined(__linux__) || defined(__FreeBSD__)
+    off_t iPos = iFromPos;
+    return copy_file_range(iFromFile, &iPos, iToFile, nullptr, iLen, 0);
+#else
+    return -1;
+#endif
+}
+
 int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                 int iMode, char* pcStatus) {
     const int iResult = mkdir(pcPath, static_cast<mode_t>(iMode));
@@ -850,6 +866,20 @@ std::string MakeTimeKey(int iFile) {
 
 }  // namespace
 
+CDescriptorUse::CDescriptorUse(int iFile) {
+    struct stat data {};
+    if (fstat(iFile, &data) == 0) {
+        m_bRegular = S_ISREG(data.st_mode);
+        m_iDevice = data.st_dev;
+        m_iNode = data.st_ino;
+    }
+}
+
+bool CDescriptorUse::IsOtherRegularFile(const CDescriptorUse& other) const {
+    return m_bRegular && other.m_bRegular &&
+           (m_iDevice != other.m_iDevice || m_iNode != other.m_iNode);
+}
+
 CDescriptorUse::~CDescriptorUse() {
     if (m_iCloseLater != -1) {
         close(m_iCloseLater);
@@ -887,7 +917,7 @@ CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
                                  true, nullptr);
         info.sPath = sPath;
         if (info.iFile != -1) {
-            info.pUse = std::make_shared<CDescriptorUse>();
+            info.pUse = std::make_shared<CDescriptorUse>(info.iFile);
         }
     }
     // A failed open is entered too: the next request tries again, and eviction forgets it.
@@ -1103,8 +1133,11 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
 
 void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                       const char* pathTo) {
-    CloseRedirectedFile(pRuntimeParam, pathTo);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const auto it = m_mRedirectedFiles.find(Text(pathTo));
+    if (it != m_mRedirectedFiles.end()) {
+        EraseRedirectedFile(pRuntimeParam, it);
+    }
     auto node = m_mRedirectedFiles.extract(Text(pathFrom));
     if (!node.empty()) {
         node.key() = Text(pathTo);

@@ -68,13 +68,23 @@ struct VSphereInfo {
 // step.  A descriptor that leaves the cache while it is in use is closed by its last user.
 class CDescriptorUse {
 public:
-    CDescriptorUse() = default;
+    // iFile is open.
+    explicit CDescriptorUse(int iFile);
     ~CDescriptorUse();
     CDescriptorUse(const CDescriptorUse&) = delete;
     CDescriptorUse& operator=(const CDescriptorUse&) = delete;
 
+    // Both are regular files, and not one and the same under two paths.
+    bool IsOtherRegularFile(const CDescriptorUse& other) const;
+    bool IsRegularFile() const { return m_bRegular; }
+
     std::mutex m_hMutex;
     int m_iCloseLater = -1;  // written under the cache lock by who gives up the cache's share
+
+private:
+    bool m_bRegular = false;
+    dev_t m_iDevice = 0;
+    ino_t m_iNode = 0;
 };
 
 // One cached descriptor.
@@ -104,7 +114,8 @@ struct RedirectedFileUse {
 //
 //     m_hMutexRedirectedFiles  ->  a redirected file's own  ->  m_hMutexOpenedFileHandles
 //     m_hMutexOpenedFileHandles  ->  m_hMutexMountInfos  ->  m_hMutexFileTable
-//     a redirected file's own  ->  a cached descriptor's (CDescriptorUse), which is a leaf
+//     a redirected file's own  ->  a cached descriptor's (CDescriptorUse), which is a leaf; an
+//     export takes two of them, together (std::scoped_lock)
 //
 // Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
 // and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
@@ -267,6 +278,10 @@ public:
     int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                          char* pcStatus);
     // Follows symbolic links; logs nothing.
+    // Copies bytes inside the kernel from a place of one regular file to the position of another,
+    // which moves on.  The bytes copied, which may be fewer, or -1 where the system cannot.
+    static long long OS_FileCopyRange(int iFromFile, long long iFromPos, int iToFile,
+                                      unsigned int iLen);
     static bool OS_IsFileExists(const char* pcPath);
 
     // === File-system queries; all ones on failure unless said otherwise ===

@@ -2,11 +2,13 @@
 
 #include "RedirectedFile.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <random>
@@ -746,6 +748,63 @@ TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
     }
 }
 
+TEST_F(RedirectedFileTest, ARefusedPlaceLeavesTheSourceWhereTheReadBeforeLeftIt) {
+    const std::string a = Make("a", PatternData(1000));
+    Open(1000);
+    ASSERT_TRUE(Add(a, 50, 0, 10));
+    ASSERT_TRUE(Add(a, -100, 10, 10));  // no place of a file
+    ASSERT_TRUE(Add(a, 70, 20, 10));
+    ASSERT_TRUE(Add(a, -1, 30, 10));
+    for (const int bits : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
+        Log(bits | LOG_CONTROL_ERROR);
+        EXPECT_EQ(10, Read(0, 20).count);
+        EXPECT_EQ(60, PositionOf(a));
+        EXPECT_EQ(10, Read(20, 20).count);
+        EXPECT_EQ(80, PositionOf(a));
+        const Lines errors = utilities.Errors();
+        ASSERT_EQ(2u, errors.size());
+        for (const std::string& line : errors) {
+            EXPECT_THAT(line, testing::MatchesRegex("\\[RedirectedFile.Read\\] OS seek file "
+                                                    "\\([0-9]+\\). Error=Invalid argument.*"));
+        }
+    }
+}
+
+TEST_F(RedirectedFileTest, ADeviceIsPositionedForEveryRead) {
+    // A terminal has no places: the first step fails, whatever could be read.
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_NE(-1, master);
+    ASSERT_EQ(0, grantpt(master));
+    ASSERT_EQ(0, unlockpt(master));
+    ASSERT_EQ(6, write(master, "typed\n", 6));
+    Open(100);
+    ASSERT_TRUE(Add(ptsname(master), 0, 0, 100));
+    Log(LOG_CONTROL_ERROR);
+    EXPECT_EQ(0, Read(0, 6).count);
+    EXPECT_THAT(utilities.Errors(), ElementsAre(testing::HasSubstr("OS seek file (")));
+    close(master);
+}
+
+TEST_F(RedirectedFileTest, ASourceGivesItsDescriptorUpForTheNextOne) {
+    const std::string a = Make("a", std::string(10, 'a'));
+    const std::string b = Make("b", std::string(10, 'b'));
+    Open(20);
+    ASSERT_TRUE(Add(a, 0, 0, 10));
+    ASSERT_TRUE(Add(b, 0, 10, 10));
+    std::vector<int> fillers;
+    for (int fd = dup(STDIN_FILENO); fd != -1; fd = dup(STDIN_FILENO)) {
+        fillers.push_back(fd);
+    }
+    ASSERT_EQ(EMFILE, errno);
+    close(fillers.back());  // one is left
+    fillers.pop_back();
+    const Got got = Read(0, 20);
+    for (const int fd : fillers) {
+        close(fd);
+    }
+    EXPECT_EQ(std::string(10, 'a') + std::string(10, 'b'), got.data);
+}
+
 TEST_F(RedirectedFileTest, ASourceThatCannotBeReadIsReportedWithoutTheLinesOfFileAccess) {
     std::filesystem::create_directory(dir / "folder");
     Open(100);
@@ -1220,6 +1279,23 @@ TEST_F(ExportedRedirectedFileTest, ExportLogsEveryStepOf65536Bytes) {
     EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:34464, w:34464", lines[2]);
 }
 
+TEST_F(ExportedRedirectedFileTest, AFailedCloseOfATargetIsReported) {
+    const std::string target = Make("target");
+    Open(10);
+    Log(LOG_CONTROL_ERROR);
+    for (const bool listing : {false, true}) {
+        faults::Fail(faults::CALL_CLOSE, EIO);
+        if (listing) {
+            file.ExportInfo(&param, target.c_str(), false);
+        } else {
+            file.Export(&param, target.c_str());
+        }
+        EXPECT_THAT(utilities.Errors(),
+                    ElementsAre(testing::HasSubstr("OS close file \"" + target + "\". Error=")));
+        utilities.Forget();
+    }
+}
+
 TEST_F(ExportedRedirectedFileTest, ExportNeedsAnExistingTarget) {
     Open(100);
     Log(LOG_CONTROL_REDIRECT_FILE);
@@ -1386,6 +1462,25 @@ TEST_F(EitherWayTest, ATargetThatIsItsOwnSourceIsWrittenBehindWhatWasRead) {
     EXPECT_EQ(slow.steps, fast.steps);
 }
 
+TEST_F(EitherWayTest, ATargetThatIsItsOwnSourceUnderAnotherNameIsReadBeforeItIsWritten) {
+    const std::string data = PatternData(65'536);
+    const std::string tail = Make("tail", std::string(65'536, 't'));
+    const auto exported = [&](const std::string& name, int logControl) {
+        const std::string both = Make(name, data);
+        std::filesystem::create_hard_link(both, both + "2");
+        return ExportWith(logControl, both, "", 196'618,
+                          {{tail, 0, 0, 65'536},
+                           {both + "2", 32'768, 65'536, 65'536},
+                           {tail, 0, 131'082, 65'536}});
+    };
+    const Exported slow = exported("slow", LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
+    const Exported fast = exported("fast", LOG_CONTROL_REDIRECT_FILE);
+    ASSERT_LE(2u, fast.steps.size());
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:32768, w:32768", fast.steps[1]);
+    EXPECT_EQ(slow.steps, fast.steps);
+    EXPECT_TRUE(slow.content == fast.content);
+}
+
 TEST_F(EitherWayTest, AFullFileSystemGetsWhatFits) {
     const std::string data = PatternData(300'000);
     const std::string a = Make("a", data);
@@ -1519,6 +1614,37 @@ TEST_F(ExportedRedirectedFileTest, AListingLargerThanTheBufferIsWhole) {
     const std::string target = Make("target");
     file.ExportInfo(&param, target.c_str(), false);
     EXPECT_TRUE(expected == ReadFile(target));
+}
+
+TEST_F(ExportedRedirectedFileTest, ALineOfTheListingHolds65535Bytes) {
+    const std::string fits(65'535 - std::strlen("Segment path=, fox=0, ox=0, len=5\n"), 'p');
+    Open(100);
+    ASSERT_TRUE(Add(fits, 0, 0, 5));
+    ASSERT_TRUE(Add(fits + "q", 0, 5, 5));
+    const std::string path = Make("listing");
+    file.ExportInfo(&param, path.c_str(), false);
+    EXPECT_TRUE("Segment path=" + fits + ", fox=0, ox=0, len=5\n" + "Segment path=" + fits +
+                    "q, fox=0, ox=5, len=5" ==
+                ReadFile(path));
+}
+
+TEST_F(ExportedRedirectedFileTest, WithTheLinesOfFileAccessEveryLineAndRecordIsWrittenAlone) {
+    const std::string a = Make("a");
+    const std::string info = Make("info");
+    const auto writes = [&] {
+        const Lines lines = utilities.Infos();
+        return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.find("OS write file (") != std::string::npos;
+        });
+    };
+    Open(100 * kMiB, info);
+    Log(LOG_CONTROL_FILE_ACCESS);
+    ASSERT_TRUE(Add(a, 0, 0, 100 * kMiB));
+    EXPECT_EQ(4, writes());  // 32 MiB thrice, and 4 MiB
+    const std::string listing = Make("listing");
+    utilities.Forget();
+    file.ExportInfo(&param, listing.c_str(), false);
+    EXPECT_EQ(4, writes());
 }
 
 TEST_F(ExportedRedirectedFileTest, TheListingLogsItsTarget) {

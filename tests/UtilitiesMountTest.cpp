@@ -712,3 +712,23 @@ TEST(ServiceObject, DestructionClosesNoCachedDescriptor) {
     EXPECT_EQ(dir / "f", DescriptorTarget(iFile)) << "the owner has to call Reset first";
     close(iFile);
 }
+
+TEST(ServiceObject, DestructionClosesNoSourceOfARedirectedFile) {
+    support::ScopedTempDir dir;
+    support::WriteFile(dir / "source", "x");
+    CRuntimeParam param("vm01", 0);
+    LogArgu argu{"Test.Case"};
+    int iFile = -1;
+    std::weak_ptr<CRedirectedFile> pFile;
+    {
+        CUtilities utilities;
+        pFile = utilities.OpenRedirectedFile(&param, "/e/f", 10, false, 0, 0);
+        ASSERT_TRUE(utilities.AddRedirectedFileSegment(&param, "/e/f", (dir / "source").c_str(), 0,
+                                                       0, 10, nullptr));
+        iFile = utilities.GetCachedFileHandle(&param, &argu, (dir / "source").c_str(), false);
+        ASSERT_NE(-1, iFile);
+    }
+    EXPECT_TRUE(pFile.expired());
+    EXPECT_EQ(dir / "source", DescriptorTarget(iFile)) << "the owner has to call Reset first";
+    close(iFile);
+}
