@@ -735,6 +735,8 @@ TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
     ASSERT_TRUE(Add(a, 600, 200, 100));
     ASSERT_TRUE(Add("", 0, 300, 100));
     ASSERT_TRUE(Add(b, 950, 400, 100));  // ends early
+    ASSERT_TRUE(Add(a, 0, 500, 50));
+    ASSERT_TRUE(Add(a, 2000, 550, 50));  // behind its end
     for (const int logControl : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
         Log(logControl);
         ASSERT_EQ(350, Read(0, 350).count);
@@ -745,6 +747,8 @@ TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
         EXPECT_EQ(150, PositionOf(b));
         ASSERT_EQ(50, Read(400, 100).count);
         EXPECT_EQ(1000, PositionOf(b));
+        ASSERT_EQ(50, Read(500, 100).count);
+        EXPECT_EQ(2000, PositionOf(a)) << "where the part that gave nothing was to be read";
     }
 }
 

@@ -28,6 +28,7 @@ namespace {
 
 constexpr std::uint32_t kNfs = 100003;
 constexpr std::uint32_t kMount = 100005;
+constexpr std::uint32_t kNull = 0;
 constexpr std::uint32_t kRead = 6;
 constexpr std::uint32_t kWrite = 7;
 
@@ -79,6 +80,8 @@ TEST(Stop, DoesNotWaitForAClientThatDoesNotRead) {
 
     MountClient mount;
     const Handle root = mount.Mnt("vm01").handle;
+    Nfs3Client waiting;  // has the slot before that of the one that does not read
+    ASSERT_EQ(kSuccess, waiting.Null().acceptStat);
     Nfs3Client nfs;
     XdrWriter arguments;
     arguments.Opaque(nfs.Lookup(root, "disk").handle);
@@ -94,6 +97,7 @@ TEST(Stop, DoesNotWaitForAClientThatDoesNotRead) {
         other.Rpc().SendCall(kMount, 3, 0);
         return !other.Rpc().TryReceiveReply(Milliseconds(300)).has_value();
     }));
+    waiting.Rpc().SendCall(kNfs, 3, kNull);
     EXPECT_TRUE(StopsInTime(&main));
 }
 
