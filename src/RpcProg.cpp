@@ -10,18 +10,18 @@ std::uint32_t CRpcProg::GetMaxSupportProc() { return ANY; }
 
 int CRpcProg::GetResultOfException(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam,
                                    const LogArgu& logArgu) {
-    const auto log = [&](const char* pcText) {
-        if (pRuntimeParam->IsLogError()) {
-            pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, pcText);
-        }
-    };
+    const bool bLog = pRuntimeParam->IsLogError();
     try {
         throw;
     } catch (const CDataTruncatedExpt& e) {
-        log(e.what());
+        if (bLog) {
+            pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, e.what());
+        }
         return PROG_RESULT_TRUNCATED;
     } catch (...) {
-        log("Unknown exception");
+        if (bLog) {
+            pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
+        }
         return PROG_RESULT_GARBAGE;
     }
 }
