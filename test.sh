@@ -38,8 +38,8 @@ configure() {
 build_and_test() {
     configure "$1"
     cmake --build --preset "$1" ${2:+--target "$2"}
-    # Output on failure, so that whoever reads the log needs no second run.
-    # Most tests wait more than they compute.
+    # Output on failure, so that whoever reads the log needs no second run; more tests at once than
+    # there are cores, because most wait more than they compute.
     ctest --preset "$1" --parallel $((2 * jobs)) --output-on-failure | tee "$logs/$1.ctest"
 }
 

@@ -38,6 +38,7 @@ public:
     const Piece* Find(std::int64_t iOffset) const;
 
 private:
+    // Few leaves keep their list in the cache; small ones keep adding in the middle cheap.
     static constexpr std::size_t MAX_LEAF = 512;
 
     struct Leaf {

@@ -277,11 +277,11 @@ public:
     // Opens for appending, or creates, together with missing parent folders.
     int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                          char* pcStatus);
-    // Follows symbolic links; logs nothing.
     // Copies bytes inside the kernel from a place of one regular file to the position of another,
     // which moves on.  The bytes copied, which may be fewer, or -1 where the system cannot.
     static long long OS_FileCopyRange(int iFromFile, long long iFromPos, int iToFile,
                                       unsigned int iLen);
+    // Follows symbolic links; logs nothing.
     static bool OS_IsFileExists(const char* pcPath);
 
     // === File-system queries; all ones on failure unless said otherwise ===

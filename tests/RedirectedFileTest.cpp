@@ -775,7 +775,7 @@ TEST_F(RedirectedFileTest, ARefusedPlaceLeavesTheSourceWhereTheReadBeforeLeftIt)
 }
 
 TEST_F(RedirectedFileTest, ADeviceIsPositionedForEveryRead) {
-    // A terminal has no places: the first step fails, whatever could be read.
+    // A terminal has no places: the first step fails, and nothing is read at a place.
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_NE(-1, master);
     ASSERT_EQ(0, grantpt(master));
@@ -784,8 +784,10 @@ TEST_F(RedirectedFileTest, ADeviceIsPositionedForEveryRead) {
     Open(100);
     ASSERT_TRUE(Add(ptsname(master), 0, 0, 100));
     Log(LOG_CONTROL_ERROR);
+    const int calls = faults::iCalls[faults::CALL_PREAD];
     EXPECT_EQ(0, Read(0, 6).count);
     EXPECT_THAT(utilities.Errors(), ElementsAre(testing::HasSubstr("OS seek file (")));
+    EXPECT_EQ(calls, faults::iCalls[faults::CALL_PREAD]);
     close(master);
 }
 

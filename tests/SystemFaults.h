@@ -15,7 +15,16 @@
 
 namespace faults {
 
-enum Call { CALL_OPEN, CALL_CLOSE, CALL_READ, CALL_WRITE, CALL_LSEEK, CALL_FSTAT, CALL_COUNT };
+enum Call {
+    CALL_OPEN,
+    CALL_CLOSE,
+    CALL_READ,
+    CALL_PREAD,
+    CALL_WRITE,
+    CALL_LSEEK,
+    CALL_FSTAT,
+    CALL_COUNT
+};
 
 // The next iTimes calls fail with iError.
 struct Plan {
@@ -84,6 +93,11 @@ int close(int iFile) {
 ssize_t read(int iFile, void* pvBuf, size_t iLen) {
     static auto* const pNext = faults::Next<ssize_t(int, void*, size_t)>("read");
     return faults::Due(faults::CALL_READ) ? -1 : pNext(iFile, pvBuf, iLen);
+}
+
+ssize_t pread(int iFile, void* pvBuf, size_t iLen, off_t iPos) {
+    static auto* const pNext = faults::Next<ssize_t(int, void*, size_t, off_t)>("pread");
+    return faults::Due(faults::CALL_PREAD) ? -1 : pNext(iFile, pvBuf, iLen, iPos);
 }
 
 ssize_t write(int iFile, const void* pvBuf, size_t iLen) {

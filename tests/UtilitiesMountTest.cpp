@@ -698,37 +698,43 @@ TEST_F(Exports, TheTablesStartEmpty) {
     EXPECT_EQ(0u, FileID("/none/1"));
 }
 
-TEST(ServiceObject, DestructionClosesNoCachedDescriptor) {
-    support::ScopedTempDir dir;
-    support::WriteFile(dir / "f", "x");
-    CRuntimeParam param("vm01", 0);
-    LogArgu argu{"Test.Case"};
+// A service object that ends with a descriptor in its cache.
+class ServiceObject : public ::testing::Test {
+protected:
+    ServiceObject() { support::WriteFile(m_sFile, "x"); }
+    int Cache(CUtilities* pUtilities) {
+        return pUtilities->GetCachedFileHandle(&m_Param, &m_Argu, m_sFile.c_str(), false);
+    }
+
+    support::ScopedTempDir m_Dir;
+    std::string m_sFile = m_Dir / "f";
+    CRuntimeParam m_Param{"vm01", 0};
+    LogArgu m_Argu{"Test.Case"};
+};
+
+TEST_F(ServiceObject, DestructionClosesNoCachedDescriptor) {
     int iFile = -1;
     {
         CUtilities utilities;
-        iFile = utilities.GetCachedFileHandle(&param, &argu, (dir / "f").c_str(), false);
+        iFile = Cache(&utilities);
         ASSERT_NE(-1, iFile);
     }
-    EXPECT_EQ(dir / "f", DescriptorTarget(iFile)) << "the owner has to call Reset first";
+    EXPECT_EQ(m_sFile, DescriptorTarget(iFile)) << "the owner has to call Reset first";
     close(iFile);
 }
 
-TEST(ServiceObject, DestructionClosesNoSourceOfARedirectedFile) {
-    support::ScopedTempDir dir;
-    support::WriteFile(dir / "source", "x");
-    CRuntimeParam param("vm01", 0);
-    LogArgu argu{"Test.Case"};
+TEST_F(ServiceObject, DestructionClosesNoSourceOfARedirectedFile) {
     int iFile = -1;
     std::weak_ptr<CRedirectedFile> pFile;
     {
         CUtilities utilities;
-        pFile = utilities.OpenRedirectedFile(&param, "/e/f", 10, false, 0, 0);
-        ASSERT_TRUE(utilities.AddRedirectedFileSegment(&param, "/e/f", (dir / "source").c_str(), 0,
-                                                       0, 10, nullptr));
-        iFile = utilities.GetCachedFileHandle(&param, &argu, (dir / "source").c_str(), false);
+        pFile = utilities.OpenRedirectedFile(&m_Param, "/e/f", 10, false, 0, 0);
+        ASSERT_TRUE(utilities.AddRedirectedFileSegment(&m_Param, "/e/f", m_sFile.c_str(), 0, 0, 10,
+                                                       nullptr));
+        iFile = Cache(&utilities);
         ASSERT_NE(-1, iFile);
     }
     EXPECT_TRUE(pFile.expired());
-    EXPECT_EQ(dir / "source", DescriptorTarget(iFile)) << "the owner has to call Reset first";
+    EXPECT_EQ(m_sFile, DescriptorTarget(iFile)) << "the owner has to call Reset first";
     close(iFile);
 }

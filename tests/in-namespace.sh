@@ -58,7 +58,7 @@ done
 umask 022
 
 # Some tests go beyond the 1,024 descriptors that many systems begin with.
-ulimit -Sn 4096
+ulimit -Sn 4096 2>/dev/null || ulimit -Sn "$(ulimit -Hn)"
 
 # A test that aborts on purpose must not leave core files behind.
 ulimit -c 0
