@@ -204,7 +204,19 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
         const std::uint32_t iStatus = pOut->GetBufferIndex();
         pOut->Write(ACCEPT_SUCCESS);
         ProcessParam param{header.lVers, header.lProc, pcRemoteAddr, pRuntimeParam};
+        const std::uint32_t iDecoded = pIn->GetBufferIndex();
+        const bool bHeaderCut = iResult == PROG_RESULT_TRUNCATED;
+        if (bHeaderCut) {
+            // What has come of the credential or the verifier must not be taken for arguments: the
+            // call would be answered for another object than its own.  Without any, only a
+            // procedure that takes none can be answered already.
+            pIn->Skip(pIn->GetFilledBufferSize());
+        }
         iResult = pProg->Process(pIn, pOut, &param);
+        if (bHeaderCut) {
+            // The next header is looked for from where this one could not be decoded further.
+            pIn->SetBufferIndex(iDecoded);
+        }
         if (iResult == PROG_RESULT_NOIMP || iResult == PROG_RESULT_GARBAGE) {
             pOut->Seek(iStatus, 0);
             pOut->Write(iResult == PROG_RESULT_NOIMP ? ACCEPT_PROC_UNAVAIL : ACCEPT_GARBAGE_ARGS);

@@ -66,7 +66,8 @@ public:
     bool LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId,
                             int iType, CInputStream* pIn, COutputStream* pOut);
     // Decodes the call at the input's position, runs its program and builds the reply behind what
-    // the output still holds.  A PROG_RESULT_ value.  REQUIRES: as above.
+    // the output still holds.  A PROG_RESULT_ value.  A call whose credential or verifier has not
+    // come whole is run without arguments.  REQUIRES: as above.
     int Process(CRuntimeParam* pRuntimeParam, unsigned long lProgId, int iType, CInputStream* pIn,
                 COutputStream* pOut, const char* pcRemoteAddr);
 

@@ -877,6 +877,40 @@ TEST_F(RpcServer, ACallWithArgumentsThatIsCutInItsCredentialIsAnsweredOnceItIsWh
     EXPECT_EQ(Record(replies[0]).body, Word(300));
 }
 
+TEST_F(RpcServer, ACallCutInItsCredentialFindsNoArguments) {
+    std::vector<std::uint32_t> available;
+    m_prog.OnCall([&](CInputStream& in, COutputStream& out, ProcessParam& param) {
+        available.push_back(in.GetFilledBufferSize());
+        return ScriptedProg::AnswerNextNumber(in, out, param);
+    });
+    PacketConnection connection(PROGRAM, &m_server);
+    const Bytes call = Call(7, NEXT_NUMBER, Word(41), {1, Bytes(200, 0xEE)}, {6, Bytes(4, 0xDD)});
+    connection.Send(FirstBytes(call, 100));
+    EXPECT_FALSE(connection.Receive());
+    connection.Send(BytesFrom(call, 100));
+    const std::vector<Bytes> replies = connection.ReceiveAll();
+    ASSERT_THAT(replies, SizeIs(1));
+    EXPECT_EQ(Record(replies[0]).body, Word(42));
+    EXPECT_THAT(available, ElementsAre(0, 4));
+}
+
+TEST_F(RpcServer, ALaterHeaderIsFoundInWhatACutCallTookForItsCredential) {
+    PacketConnection connection(PROGRAM, &m_server);
+    // The first call announces a credential that never comes; the others are whole.
+    Bytes broken = Call(1, NEXT_NUMBER, Word(10), {1, Bytes(8, 0xEE)});
+    broken[34] = 0x7F;
+    connection.Send(Concat({broken, Call(2, NEXT_NUMBER, Word(20))}));
+    std::vector<Bytes> replies = connection.ReceiveAll();
+    ASSERT_THAT(replies, SizeIs(1));
+    EXPECT_EQ(Record(replies[0]).xid, 1u);
+    EXPECT_THAT(Record(replies[0]).body, IsEmpty());
+    connection.Send(Call(3, NEXT_NUMBER, Word(30)));
+    replies = connection.ReceiveAll();
+    ASSERT_THAT(replies, SizeIs(2));
+    EXPECT_EQ(Record(replies[0]).body, Word(21));
+    EXPECT_EQ(Record(replies[1]).body, Word(31));
+}
+
 TEST_F(RpcServer, ACallCutInItsVerifierIsDispatchedToo) {
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(7, NOTHING, {}, {}, {6, Bytes(100, 0xDD)});
