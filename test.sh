@@ -17,7 +17,7 @@ done
 
 scripts/install-packages.sh g++ cmake ninja-build pkg-config libtirpc-dev default-jdk-headless \
     libgtest-dev libgmock-dev libnfs-dev junit4 libhamcrest-java ccache clang-format clang-tidy \
-    iproute2 mount rpcbind netbase
+    iproute2 ethtool mount rpcbind netbase
 
 jobs=$(nproc)
 export CMAKE_CXX_COMPILER_LAUNCHER=ccache

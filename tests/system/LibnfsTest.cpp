@@ -4,9 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/time.h>
-// libnfs.h takes struct timeval from its includer.
-#include <nfsc/libnfs.h>
 
 #include <filesystem>
 #include <memory>
@@ -14,56 +11,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/LibnfsClient.h"
 #include "support/Server.h"
 
 using namespace support;
 
 namespace {
-
-// A client with one mounted export. nfs_umount tells the server; a client that goes without it
-// leaves the export taken.
-class Client {
-public:
-    explicit Client(int nfsPort = 2049, int mountPort = 1058) : m_nfs(nfs_init_context()) {
-        nfs_set_timeout(m_nfs, 20'000);
-        // A lost server shall fail the test and not be waited for.
-        nfs_set_autoreconnect(m_nfs, 0);
-        const std::string url = "nfs://127.0.0.1/?nfsport=" + std::to_string(nfsPort) +
-                                "&mountport=" + std::to_string(mountPort) +
-                                "&auto-traverse-mounts=0";
-        nfs_url* parsed = nfs_parse_url_incomplete(m_nfs, url.c_str());
-        if (parsed == nullptr) {
-            throw std::runtime_error(nfs_get_error(m_nfs));
-        }
-        nfs_destroy_url(parsed);
-    }
-    ~Client() {
-        if (m_mounted) {
-            Unmount();
-        }
-        nfs_destroy_context(m_nfs);
-    }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    int Mount(const std::string& exportName) {
-        const int result = nfs_mount(m_nfs, "127.0.0.1", exportName.c_str());
-        m_mounted = result == 0;
-        return result;
-    }
-
-    int Unmount() {
-        m_mounted = false;
-        return nfs_umount(m_nfs);
-    }
-
-    nfs_context* operator*() const { return m_nfs; }
-    std::string Error() const { return nfs_get_error(m_nfs); }
-
-private:
-    nfs_context* m_nfs;
-    bool m_mounted = false;
-};
 
 class LibnfsTest : public testing::Test {
 protected:
@@ -113,7 +66,7 @@ protected:
 
     const ScopedTempDir m_folder;
     Server m_server;
-    Client m_client;
+    LibnfsClient m_client;
 };
 
 class LibnfsListingTest : public LibnfsTest, public testing::WithParamInterface<int> {};
@@ -285,7 +238,7 @@ TEST_F(LibnfsTest, StatOfAMissingNameIsNoSuchEntry) {
 }
 
 TEST_F(LibnfsTest, ASecondMountIsRefusedUntilTheFirstClientUnmounts) {
-    Client second;
+    LibnfsClient second;
     EXPECT_NE(0, second.Mount("vm01"));
     ASSERT_EQ(0, m_client.Unmount()) << m_client.Error();
     EXPECT_EQ(0, second.Mount("vm01")) << second.Error();
@@ -294,7 +247,7 @@ TEST_F(LibnfsTest, ASecondMountIsRefusedUntilTheFirstClientUnmounts) {
 TEST_F(LibnfsTest, MountsAgainAndReadsWhatItWrote) {
     WriteAll("/file", "kept");
     ASSERT_EQ(0, m_client.Unmount()) << m_client.Error();
-    Client again;
+    LibnfsClient again;
     ASSERT_EQ(0, again.Mount("vm01")) << again.Error();
     nfsfh* file = nullptr;
     ASSERT_EQ(0, nfs_open(*again, "/file", O_RDONLY, &file)) << again.Error();
@@ -307,7 +260,7 @@ TEST_F(LibnfsTest, MountsAgainAndReadsWhatItWrote) {
 TEST(LibnfsMountTest, AnUnknownExportIsRefused) {
     const ScopedTempDir folder;
     Server server({.exports = {{"vm01", folder.Path()}}});
-    Client client;
+    LibnfsClient client;
     EXPECT_NE(0, client.Mount("vm02"));
 }
 
@@ -315,7 +268,7 @@ TEST(LibnfsMountTest, GivenPortsAreServed) {
     const ScopedTempDir folder;
     WriteFile(folder / "file", "12345");
     Server server({.mountPort = 3058, .nfsPort = 3049, .exports = {{"vm01", folder.Path()}}});
-    Client client(3049, 3058);
+    LibnfsClient client(3049, 3058);
     ASSERT_EQ(0, client.Mount("vm01")) << client.Error();
     nfs_stat_64 remote{};
     EXPECT_EQ(0, nfs_stat64(*client, "/file", &remote)) << client.Error();
@@ -328,8 +281,8 @@ TEST(LibnfsMountTest, TwoExportsAreServedSideBySide) {
     WriteFile(first / "one", "");
     WriteFile(second / "two", "");
     Server server({.exports = {{"vm01", first.Path()}, {"vm02", second.Path()}}});
-    Client one;
-    Client two;
+    LibnfsClient one;
+    LibnfsClient two;
     ASSERT_EQ(0, one.Mount("vm01")) << one.Error();
     ASSERT_EQ(0, two.Mount("vm02")) << two.Error();
     nfs_stat_64 remote{};
