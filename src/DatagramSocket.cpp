@@ -26,6 +26,7 @@ bool CDatagramSocket::Fail(const char* pcFmt, char* pcStatus) {
 bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* /*pUtilities*/,
                            char* pcStatus) {
     Close();
+    m_pSocket = std::make_unique<CSocket>(SOCKET_TYPE_UDP, lProgId);
     m_Socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_Socket == -1) {
         return Fail("Fail to create datagram socket. %s", pcStatus);
@@ -41,10 +42,12 @@ bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* /*pUtil
     if (bind(m_Socket, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1) {
         return Fail("Fail to bind datagram socket. %s", pcStatus);
     }
+    if (!m_pSocket->Open(m_Socket, m_pListener, nullptr)) {
+        m_Socket = -1;  // closed by m_pSocket
+        return Fail("Fail to create datagram socket. %s", pcStatus);
+    }
     m_bClosed = false;
     m_iPort = iPort;
-    m_pSocket = std::make_unique<CSocket>(SOCKET_TYPE_UDP, lProgId);
-    m_pSocket->Open(m_Socket, m_pListener, nullptr);
     return true;
 }
 

@@ -31,7 +31,7 @@ private:
     bool Fail(const char* pcFmt, char* pcStatus);
 
     int m_iPort = 0;
-    int m_Socket = -1;                   // owned by m_pSocket while that exists
+    int m_Socket = -1;                   // owned by m_pSocket once that is open
     std::unique_ptr<CSocket> m_pSocket;  // runs the receive thread
     bool m_bClosed = true;
     ISocketListener* m_pListener = nullptr;

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "Utilities.h"
 
@@ -20,6 +22,38 @@ void AssertFailed(const char* pcExpression, const char* pcFunction, const char* 
     std::fprintf(stderr, "Assertion failed: (%s), function %s, file %s, line %d.\n", pcExpression,
                  pcFunction, pcFile, iLine);
     std::abort();
+}
+
+// A host that lost its power says no good-bye.  Its connection ends once nothing has come from it
+// for DEAD_PEER_SECONDS, be the connection idle (probes) or the last reply unacknowledged (user
+// timeout), and gives its slot back.
+constexpr int DEAD_PEER_SECONDS = 50;
+constexpr int PROBE_AFTER_SECONDS = 30;
+constexpr int PROBE_INTERVAL_SECONDS = 5;
+constexpr int PROBES = (DEAD_PEER_SECONDS - PROBE_AFTER_SECONDS) / PROBE_INTERVAL_SECONDS;
+
+// How long a connection waits for the slot of one whose peer has closed.  Such a slot's thread may
+// have to wait for another that is sending to a dead peer, which takes no longer than this.
+constexpr std::chrono::milliseconds SLOT_PATIENCE{60'000};
+constexpr std::chrono::milliseconds SLOT_POLL{1};
+
+void SetOption(int fd, int iLevel, int iOption, int iValue) {
+    setsockopt(fd, iLevel, iOption, &iValue, sizeof(iValue));
+}
+
+// Called for every accepted connection.  An option that is refused costs no connection.
+void SetConnectionOptions(int fd) {
+    // Replies are single sends; a pipelining client must not wait for a delayed acknowledgement.
+    SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, PROBE_AFTER_SECONDS);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, PROBE_INTERVAL_SECONDS);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, PROBES);
+#if defined(TCP_USER_TIMEOUT)
+    SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, DEAD_PEER_SECONDS * 1000);
+#elif defined(TCP_MAXUNACKTIME)  // FreeBSD, in seconds
+    SetOption(fd, IPPROTO_TCP, TCP_MAXUNACKTIME, DEAD_PEER_SECONDS);
+#endif
 }
 
 }  // namespace
@@ -102,6 +136,24 @@ void* CServerSocket::ThreadMain(void* pvServerSocket) {
     return nullptr;
 }
 
+int CServerSocket::WaitForSlot() const {
+    for (std::chrono::milliseconds waited{0};; waited += SLOT_POLL) {
+        bool bEnding = false;
+        for (int i = 0; i < m_nMaxNum; ++i) {
+            const CSocket& socket = *m_pSockets[static_cast<std::size_t>(i)];
+            if (!socket.IsActive()) {
+                return i;
+            }
+            // Once its peer has closed, a slot is free as soon as its thread has noticed.
+            bEnding = bEnding || socket.IsPeerClosed() || !socket.IsActive();
+        }
+        if (!bEnding || waited >= SLOT_PATIENCE || m_bClosed) {
+            return m_nMaxNum;
+        }
+        std::this_thread::sleep_for(SLOT_POLL);
+    }
+}
+
 void CServerSocket::Run() {
     while (!m_bClosed) {
         sockaddr_in addr{};
@@ -116,14 +168,11 @@ void CServerSocket::Run() {
         if (fd <= 0) {
             continue;
         }
-        // Replies are single sends; a pipelining client must not wait for a delayed
-        // acknowledgement.
-        const int iOn = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
-
-        int i = 0;
-        while (i < m_nMaxNum && m_pSockets[static_cast<std::size_t>(i)]->IsActive()) {
-            ++i;
+        SetConnectionOptions(fd);
+        const int i = WaitForSlot();
+        if (m_bClosed) {
+            close(fd);
+            break;
         }
         if (!(i < m_nMaxNum)) {
             AssertFailed("i < m_nMaxNum", "Run", "src/ServerSocket.cpp", __LINE__);

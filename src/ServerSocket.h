@@ -41,6 +41,9 @@ public:
 private:
     static void* ThreadMain(void* pvServerSocket);
     void Run();
+    // The first slot in array order that is free, or m_nMaxNum when every connection lives.  Waits
+    // while one whose peer has closed is about to become free.  For the accept thread.
+    int WaitForSlot() const;
     // Reports the system's last error as the reason and closes the listening descriptor.
     bool Fail(const char* pcFmt, char* pcStatus);
 

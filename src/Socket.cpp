@@ -1,6 +1,7 @@
 #include "Socket.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,7 +17,7 @@ CSocket::CSocket(int iType, unsigned long lProgId)
 
 CSocket::~CSocket() { Close(); }
 
-void CSocket::Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr) {
+bool CSocket::Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr) {
     Close();
     m_pListener = pListener;
     if (pAddr != nullptr) {
@@ -24,15 +25,19 @@ void CSocket::Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr)
     }
     m_Socket = fd;
     if (fd == -1) {
-        return;
+        return true;
     }
     m_bActive = true;
-    m_iThreadCreated = pthread_create(&m_hThread, nullptr, &CSocket::ThreadMain, this);
-    if (m_iThreadCreated != 0) {
+    const int iError = pthread_create(&m_hThread, nullptr, &CSocket::ThreadMain, this);
+    m_iThreadCreated = iError;
+    if (iError != 0) {
         // Nobody would ever read this connection: give the slot back.
         m_bActive = false;
         Close();
+        errno = iError;
+        return false;
     }
+    return true;
 }
 
 void CSocket::Interrupt() {
@@ -57,6 +62,11 @@ void CSocket::Close() {
         // Only now: while the thread ran, the number could have been given to another file.
         close(fd);
     }
+}
+
+bool CSocket::IsPeerClosed() const {
+    pollfd entry{m_Socket, POLLRDHUP, 0};
+    return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
 void* CSocket::ThreadMain(void* pvSocket) {

@@ -29,8 +29,9 @@ public:
 
     // Takes over the descriptor fd (-1: none) and starts to receive.  pListener is borrowed and
     // must outlive the socket's use; pAddr (the peer) may be null.  The streams keep what an
-    // earlier connection left in them.
-    void Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr);
+    // earlier connection left in them.  False, with errno set, when the descriptor got no receive
+    // thread; it is closed then.
+    bool Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr);
     // Ends both directions, so that the receive thread, or a peer's slow reading, holds up nobody.
     void Interrupt();
     // Wakes and joins the receive thread and closes the descriptor.
@@ -40,6 +41,9 @@ public:
 
     // True from Open until the receive loop ended; the descriptor stays open after that.
     bool IsActive() const { return m_bActive; }
+    // True when the peer sends no more (it closed, was reset or timed out), so that the receive
+    // loop ends once the bytes before that have been dealt with.  Called by the owner thread.
+    bool IsPeerClosed() const;
     int GetType() const { return m_iType; }
     // Dotted IPv4 text of the peer; good until the next call.
     const char* GetRemoteAddress();

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "NfsMain.h"
 #include "RecordingUtilities.h"
 #include "RpcFixture.h"
+#include "SocketFaults.h"
 
 using support::Bytes;
 using support::RpcClient;
@@ -18,6 +20,15 @@ namespace {
 
 constexpr unsigned long PROGRAM = 100005;
 constexpr int PORT = 1058;
+
+class Service : public CNfsMain {
+public:
+    Service() { InitMemberVaribles("test", 0); }
+    ~Service() override {
+        StopServer();
+        Terminate();
+    }
+};
 
 class DatagramSocket : public testing::Test {
 protected:
@@ -47,6 +58,7 @@ protected:
         return -1;
     }
 
+    faults::Guard m_guard;
     RecordingUtilities m_utilities;
     ListenerSpy m_listener{Echo};
     CDatagramSocket m_server;
@@ -121,6 +133,8 @@ TEST_F(DatagramSocket, NoAddressReuse) {
 }
 
 TEST_F(DatagramSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
+    Open();  // sanitizers need descriptors when they see a class for the first time
+    m_server.Close();
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     rlimit none = before;
@@ -132,6 +146,40 @@ TEST_F(DatagramSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_STREQ(reason, "Fail to create datagram socket. Too many open files (24)");
     Open();
+}
+
+TEST_F(DatagramSocket, WithoutAReceiveThreadTheOpeningFails) {
+    (void)ThreadCount();  // before the creation of threads fails
+    const std::size_t fds = support::OpenFds().size();
+    faults::threadsToCreate = 0;
+    char reason[STATUS_SIZE] = "";
+    EXPECT_FALSE(m_server.Open(PROGRAM, PORT, &m_utilities, reason));
+    EXPECT_STREQ(reason, "Fail to create datagram socket. Resource temporarily unavailable (11)");
+    EXPECT_EQ(support::OpenFds().size(), fds);
+    EXPECT_EQ(Descriptor(), -1);
+    m_server.Close();
+    faults::threadsToCreate = -1;
+    Open();
+    RpcClient client(Transport::Udp, PORT);
+    ExpectEcho(client, 7);
+}
+
+// Every port is served over TCP and UDP: six threads of three programs.
+TEST_F(DatagramSocket, TheServiceDoesNotStartWithoutOneOfItsThreads) {
+    Service service;
+    char reason[STATUS_SIZE] = "";
+    ASSERT_TRUE(service.Initial(reason)) << reason;
+    for (int threads = 0; threads < 6; ++threads) {
+        SCOPED_TRACE(threads);
+        reason[0] = '\0';
+        faults::threadsToCreate = threads;
+        EXPECT_FALSE(service.StartServer(0, 0, 0, 0, false, reason));
+        faults::threadsToCreate = -1;
+        EXPECT_THAT(std::string(reason), testing::HasSubstr("daemon failed to open port"));
+        EXPECT_EQ(Descriptor(), -1);
+    }
+    EXPECT_TRUE(service.StartServer(0, 0, 0, 0, false, reason)) << reason;
+    EXPECT_NE(Descriptor(), -1);
 }
 
 TEST_F(DatagramSocket, OpeningAgainClosesWhatWasOpen) {

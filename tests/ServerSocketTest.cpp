@@ -6,11 +6,13 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 
+#include <condition_variable>
 #include <csignal>
 #include <future>
 #include <map>
 #include <memory>
 #include <numeric>
+#include <set>
 
 #include "RecordingUtilities.h"
 #include "RpcFixture.h"
@@ -91,6 +93,43 @@ int AcceptedDescriptor(const RpcClient& client) {
     }
     return -1;
 }
+
+// Holds up the connections that have sent something, until each is released.
+class HoldingListener : public ISocketListener {
+public:
+    // Echoes what a released connection has sent.
+    void SocketReceived(CSocket* socket) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_held.push_back(socket);
+        m_changed.notify_all();
+        m_changed.wait(lock, [&] { return m_all || m_released.contains(socket); });
+        Echo(socket);
+    }
+    // The slot of the connection that came as the i-th.
+    CSocket* WaitForHeld(std::size_t i) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, support::kPatience, [&] { return m_held.size() > i; })
+                   ? m_held[i]
+                   : nullptr;
+    }
+    void Release(CSocket* socket) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_released.insert(socket);
+        m_changed.notify_all();
+    }
+    void ReleaseAll() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_all = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<CSocket*> m_held;   // guarded by m_mutex
+    std::set<CSocket*> m_released;  // guarded by m_mutex
+    bool m_all = false;             // guarded by m_mutex
+};
 
 class ServerSocket : public testing::Test {
 protected:
@@ -265,6 +304,25 @@ TEST_F(ServerSocket, AcceptedConnectionsSendWithoutDelay) {
     EXPECT_NE(value, 0);
 }
 
+TEST_F(ServerSocket, APeerThatHasGoneSilentlyIsNoticedWithinAMinute) {
+    Open();
+    RpcClient client(Transport::Tcp, PORT);
+    Exchange(client);
+    const int accepted = AcceptedDescriptor(client);
+    ASSERT_NE(accepted, -1);
+    const auto option = [&](int level, int name) {
+        int value = -1;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(getsockopt(accepted, level, name, &value, &size), 0);
+        return value;
+    };
+    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 30);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 5);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPCNT), 4);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 50'000);
+}
+
 TEST_F(ServerSocket, EveryConnectionHasASlotOfItsOwn) {
     Open();
     RpcClient a(Transport::Tcp, PORT);
@@ -429,6 +487,75 @@ TEST_F(ServerSocket, AllSlotsMayBeActive) {
     for (const auto& client : clients) {
         EXPECT_NE(Exchange(*client), nullptr);
     }
+}
+
+TEST_F(ServerSocket, ConnectionsOneAfterAnotherAlwaysFindASlot) {
+    Open(1);
+    for (int i = 0; i < 500; ++i) {
+        RpcClient client(Transport::Tcp, PORT);
+        EXPECT_NE(Exchange(client), nullptr);
+    }
+}
+
+TEST_F(ServerSocket, AConnectionWaitsForTheSlotOfAPeerThatHasClosed) {
+    HoldingListener listener;
+    CServerSocket server;
+    server.SetListener(&listener);
+    ASSERT_TRUE(server.Open(PROGRAM, PORT, 2, &m_utilities, nullptr));
+    const RpcClient living(Transport::Tcp, PORT);
+    CSocket* slot = nullptr;
+    {
+        RpcClient closed(Transport::Tcp, PORT);
+        closed.SendRaw({1});
+        slot = listener.WaitForHeld(0);
+        ASSERT_NE(slot, nullptr);
+    }
+    RpcClient next(Transport::Tcp, PORT);
+    next.SendRaw({42});
+    // The accept thread has it, and no slot for it yet.
+    ASSERT_TRUE(WaitFor([&] { return AcceptedDescriptor(next) != -1; }));
+    EXPECT_TRUE(slot->IsActive());
+    listener.Release(slot);
+    EXPECT_EQ(listener.WaitForHeld(1), slot);
+    EXPECT_THAT(next.ReceiveRaw(1), ElementsAre(42));
+}
+
+TEST_F(ServerSocket, AStopDoesNotWaitForASlot) {
+    HoldingListener listener;
+    CServerSocket server;
+    server.SetListener(&listener);
+    ASSERT_TRUE(server.Open(PROGRAM, PORT, 1, &m_utilities, nullptr));
+    {
+        RpcClient closed(Transport::Tcp, PORT);
+        closed.SendRaw({1});
+        ASSERT_NE(listener.WaitForHeld(0), nullptr);
+    }
+    RpcClient next(Transport::Tcp, PORT);
+    ASSERT_TRUE(WaitFor([&] { return AcceptedDescriptor(next) != -1; }));
+    std::future<void> stop = std::async(std::launch::async, [&] { server.Interrupt(); });
+    EXPECT_EQ(stop.wait_for(support::kPatience), std::future_status::ready);
+    EXPECT_TRUE(next.PeerClosed());
+    listener.ReleaseAll();
+}
+
+TEST_F(ServerSocketDeathTest, AConnectionWaitsForASlotForAMinuteOnly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto overflow = [this] {
+        HoldingListener listener;
+        CServerSocket server;
+        server.SetListener(&listener);
+        server.Open(PROGRAM, PORT, 1, &m_utilities, nullptr);
+        {
+            RpcClient closed(Transport::Tcp, PORT);
+            closed.SendRaw({1});
+            listener.WaitForHeld(0);
+        }
+        faults::noSleeps = true;
+        const RpcClient next(Transport::Tcp, PORT);
+        (void)WaitFor([] { return false; });
+        listener.ReleaseAll();
+    };
+    EXPECT_EXIT(overflow(), testing::KilledBySignal(SIGABRT), "i < m_nMaxNum");
 }
 
 TEST_F(ServerSocketDeathTest, AConnectionWithoutASlotEndsTheProcess) {

@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -55,6 +56,7 @@ inline SendPlan sendPlan;
 inline std::atomic<int> listenError{0};       // listen fails with it
 inline std::atomic<int> listenBacklog{-1};    // given to the last listen
 inline std::atomic<int> threadsToCreate{-1};  // then pthread_create fails; negative: it never does
+inline std::atomic<bool> noSleeps{false};     // other threads than the first do not sleep
 inline std::atomic<int> receivesToInterrupt{0};  // so many calls of recv return EINTR first
 
 // Back to the real system at the end of a test.
@@ -63,6 +65,7 @@ struct Guard {
         sendPlan.Set({});
         listenError = 0;
         threadsToCreate = -1;
+        noSleeps = false;
         receivesToInterrupt = 0;
     }
 };
@@ -101,6 +104,11 @@ ssize_t recv(int fd, void* buffer, size_t size, int flags) {
         return -1;
     }
     return next(fd, buffer, size, flags);
+}
+
+int nanosleep(const timespec* time, timespec* left) {
+    static auto* const next = faults::Next<int(const timespec*, timespec*)>("nanosleep");
+    return faults::noSleeps && gettid() != getpid() ? 0 : next(time, left);
 }
 
 int listen(int fd, int backlog) noexcept {

@@ -195,13 +195,14 @@ TEST_F(Socket, WithoutAReceiveThreadTheSlotIsFreeAgain) {
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair first;
     faults::threadsToCreate = 0;
-    socket.Open(first.Given(), &listener, nullptr);
+    EXPECT_FALSE(socket.Open(first.Given(), &listener, nullptr));
+    EXPECT_EQ(errno, EAGAIN);
     faults::threadsToCreate = -1;
     EXPECT_FALSE(socket.IsActive());
     EXPECT_FALSE(IsOpen(first.Given()));
 
     const StreamPair second;
-    socket.Open(second.Given(), &listener, nullptr);
+    EXPECT_TRUE(socket.Open(second.Given(), &listener, nullptr));
     ASSERT_TRUE(second.Write({1}));
     EXPECT_TRUE(listener.WaitForRounds(1));
 }
@@ -265,6 +266,29 @@ TEST_F(Socket, APeerThatClosesEndsTheLoopAndLeavesTheDescriptorOpen) {
     socket.Open(next.Given(), &listener, nullptr);
     EXPECT_FALSE(IsOpen(old));
     EXPECT_TRUE(socket.IsActive());
+}
+
+TEST_F(Socket, APeerHasClosedOnceItSendsNoMore) {
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    ListenerSpy listener([&](CSocket*) { released.wait(); });  // before the end is received
+    CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
+    EXPECT_FALSE(socket.IsPeerClosed());
+    StreamPair half;
+    socket.Open(half.Given(), &listener, nullptr);
+    EXPECT_FALSE(socket.IsPeerClosed());
+    ASSERT_TRUE(half.Write({1}));
+    EXPECT_FALSE(socket.IsPeerClosed());
+    shutdown(half.fds[0], SHUT_WR);
+    EXPECT_TRUE(socket.IsPeerClosed());
+    EXPECT_TRUE(socket.IsActive());
+    release.set_value();
+    EXPECT_TRUE(WaitFor([&] { return !socket.IsActive(); }));
+
+    StreamPair whole;
+    socket.Open(whole.Given(), &listener, nullptr);
+    whole.Disappear();
+    EXPECT_TRUE(socket.IsPeerClosed());
 }
 
 TEST_F(Socket, AReceiveErrorEndsTheLoop) {
