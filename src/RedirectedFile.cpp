@@ -36,8 +36,10 @@ Value DecodeLittleEndian(const unsigned char* pc) {
     return static_cast<Value>(iValue);
 }
 
+Wide End(const Segment& segment) { return Wide{segment.iOffset} + segment.iLength; }
+
 bool Covers(const Segment& segment, std::int64_t iSeek) {
-    return segment.iOffset <= iSeek && iSeek < Wide{segment.iOffset} + segment.iLength;
+    return segment.iOffset <= iSeek && iSeek < End(segment);
 }
 
 // A format with "%I64u", the unsigned 64-bit decimal of other systems, for this system's printf.
@@ -477,6 +479,13 @@ bool CRedirectedFile::SourceUse::CopyStep(std::int64_t iSourcePos) {
     if (pCopyTo == nullptr || !file.pUse->IsOtherRegularFile(*pCopyTo->pUse)) {
         return false;
     }
+    // A source that ends inside the step is not copied at all: the rest of the step may come from
+    // the target itself, which must then be as it was.
+    struct stat data {};
+    if (iSourcePos < 0 || fstat(file.iFile, &data) != 0 ||
+        data.st_size - iSourcePos < std::int64_t{EXPORT_SIZE}) {
+        return false;
+    }
     const std::scoped_lock lock(file.pUse->m_hMutex, pCopyTo->pUse->m_hMutex);
     const long long iCopied =
         CUtilities::OS_FileCopyRange(file.iFile, iSourcePos, pCopyTo->iFile, EXPORT_SIZE);
@@ -531,7 +540,8 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
     Wide p = iSeek;      // may pass 64 bits along a record that somebody else has written
     unsigned int o = 0;  // bytes placed
     ProcSegment cursor;
-    if (GetPart(context, iSeek, iLen, &cursor.segment)) {
+    bool bPart = GetPart(context, iSeek, iLen, &cursor.segment);
+    if (bPart) {
         cursor.index = 0;
     } else {
         GetSegment(context, iSeek, &cursor);
@@ -557,11 +567,8 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
             GetNextSegment(context, &cursor);
             continue;
         }
-        unsigned int n = iLen - o;
-        if (iLeft < n) {
-            n = static_cast<unsigned int>(iLeft);
-            GetNextSegment(context, &cursor);
-        }
+        const auto n = static_cast<unsigned int>(std::min(iLeft, Wide{iLen - o}));
+        const Wide iAskedTo = p + n;
         const auto iSourcePos = static_cast<std::int64_t>(Unsigned(s.iFileOffset) +
                                                           static_cast<unsigned long long>(iInto));
         if (bLog) {
@@ -576,14 +583,23 @@ int CRedirectedFile::Read(const Context& context, std::int64_t iSeek, unsigned c
         }
         p += iRead;
         o += static_cast<unsigned int>(iRead);
-        // A source that ends before its segment does ends the read.
-        if (o >= iLen || static_cast<unsigned int>(iRead) < n) {
+        if (o >= iLen) {
             return static_cast<int>(o);
         }
+        if (bPart) {  // the source has ended early: it takes the whole segment to go on
+            bPart = false;
+            GetSegment(context, iSeek, &cursor);
+        }
+        // A segment of which everything was asked for is done with, also where its source has ended
+        // early: what is missing is a gap before the next one, or belongs to the tail.
+        if (iAskedTo == End(cursor.segment)) {
+            GetNextSegment(context, &cursor);
+        } else if (iRead == 0) {
+            return static_cast<int>(o);  // asking again would give nothing again
+        }
     }
-    if (m_iPos < m_iSize) {
-        const auto iTail = static_cast<std::uint32_t>(m_iSize - p);
-        const unsigned int m = std::min(std::min(iTail, iLen), iLen - o);
+    if (m_iPos < m_iSize && p < m_iSize) {
+        const auto m = static_cast<unsigned int>(std::min(m_iSize - p, Wide{iLen - o}));
         OS_FileRead(context, -1, pcBuf + o, m);
         o += m;
     }
@@ -659,7 +675,8 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
                                   static_cast<unsigned long long>(iOffset), iRead, iWritten);
         }
         // What no segment covers comes only at the second attempt when the last reader had reached
-        // the end; after that an empty read means a source that has ended early.
+        // the end; after that an empty read means a source that has ended early, or fails, inside a
+        // segment.
         if (iRead == 0 && iLastRead == 0) {
             break;
         }

@@ -136,7 +136,8 @@ private:
                 continue;
             }
             std::size_t chunk = length - out.size();
-            if (left <= static_cast<Wide>(chunk)) {
+            const bool usedUp = left <= static_cast<Wide>(chunk);
+            if (usedUp) {
                 chunk = static_cast<std::size_t>(left);
                 ++i;
             }
@@ -146,23 +147,27 @@ private:
             }
             if (piece.source == nullptr || piece.source->missing) {
                 out.append(chunk, '\0');
+            } else if (from + static_cast<Wide>(chunk) > kMax) {
+                return out;  // the system reads nothing that would reach beyond the last place
             } else {
                 const std::string& content = piece.source->content;
-                if (from < static_cast<Wide>(content.size())) {
+                const Wide there = std::max(Wide{0}, static_cast<Wide>(content.size()) - from);
+                chunk = static_cast<std::size_t>(std::min(there, static_cast<Wide>(chunk)));
+                if (chunk > 0) {
                     out.append(content, static_cast<std::size_t>(from), chunk);
-                }
-                if (from + static_cast<Wide>(chunk) > static_cast<Wide>(content.size())) {
-                    return out;  // the source ends early
                 }
             }
             at += static_cast<Wide>(chunk);
             if (out.size() >= length) {
                 return out;
             }
+            if (chunk == 0 && !usedUp) {
+                return out;  // nothing comes any more
+            }
         }
         if (m_lastEnd < m_size) {
-            const auto tail = static_cast<std::uint32_t>(m_size - at);
-            out.append(std::min<std::size_t>({tail, length, length - out.size()}), '\0');
+            const Wide tail = std::min(m_size - at, static_cast<Wide>(length - out.size()));
+            out.append(static_cast<std::size_t>(tail), '\0');
         }
         return out;
     }

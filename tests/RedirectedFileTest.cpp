@@ -734,7 +734,7 @@ TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
     ASSERT_TRUE(Add(b, 50, 100, 100));
     ASSERT_TRUE(Add(a, 600, 200, 100));
     ASSERT_TRUE(Add("", 0, 300, 100));
-    ASSERT_TRUE(Add(b, 950, 400, 100));  // ends early
+    ASSERT_TRUE(Add(b, 950, 400, 100));  // ends early, what follows moves up
     ASSERT_TRUE(Add(a, 0, 500, 50));
     ASSERT_TRUE(Add(a, 2000, 550, 50));  // behind its end
     for (const int logControl : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
@@ -745,9 +745,10 @@ TEST_F(RedirectedFileTest, AReadLeavesEachSourceBehindWhatItReadOfIt) {
         ASSERT_EQ(10, Read(20, 10).count);
         EXPECT_EQ(130, PositionOf(a));
         EXPECT_EQ(150, PositionOf(b));
-        ASSERT_EQ(50, Read(400, 100).count);
+        ASSERT_EQ(100, Read(400, 100).count);
         EXPECT_EQ(1000, PositionOf(b));
-        ASSERT_EQ(50, Read(500, 100).count);
+        EXPECT_EQ(50, PositionOf(a));
+        ASSERT_EQ(100, Read(500, 100).count);
         EXPECT_EQ(2000, PositionOf(a)) << "where the part that gave nothing was to be read";
     }
 }
@@ -914,11 +915,29 @@ TEST_F(RedirectedFileTest, TheTailLooksAtTheEndOfThePreviousRead) {
     EXPECT_EQ((Got{10, false, Zeros(10)}), Read(20, 10));
 }
 
-TEST_F(RedirectedFileTest, TheTailIsCountedInThirtyTwoBits) {
-    Open((std::int64_t{1} << 32) + 5);
-    EXPECT_EQ((Got{5, false, Zeros(5)}), Read(0, 100));
-    EXPECT_EQ((Got{0, false, ""}), Read(5, 100));
-    EXPECT_EQ((Got{100, false, Zeros(100)}), Read(kGiB, 100)) << "more than 2 GiB are left";
+TEST_F(RedirectedFileTest, ATailOfFourGibibytesAndMoreReadsAsZeros) {
+    const std::string a = Make("a", std::string(1000, 'a'));
+    for (const std::int64_t beyond : {-1, 0, 1, 5, 1000}) {
+        const std::int64_t size = 4 * kGiB + beyond;
+        CRedirectedFile bare(&utilities);
+        bare.Open(&param, size, 1, nullptr, 0, 0);
+        CRedirectedFile covered(&utilities);
+        covered.Open(&param, size + 1000, 2, nullptr, 0, 0);
+        ASSERT_TRUE(covered.AddSegment(&param, a.c_str(), 0, 0, 1000, nullptr));
+        const auto read = [&](CRedirectedFile& one, std::int64_t seek, unsigned int length) {
+            return GuardedRead(length, [&](void* buffer, bool* eof) {
+                return one.Read(&param, static_cast<std::uint64_t>(seek), buffer, length, eof);
+            });
+        };
+        SCOPED_TRACE(size);
+        EXPECT_EQ((Got{100, false, Zeros(100)}), read(bare, 0, 100));
+        EXPECT_EQ((Got{100, false, Zeros(100)}), read(bare, 5, 100));
+        EXPECT_EQ((Got{100, false, Zeros(100)}), read(bare, kGiB, 100));
+        EXPECT_EQ((Got{100, false, Zeros(100)}), read(covered, 1000, 100));
+        EXPECT_EQ((Got{1100, false, std::string(1000, 'a') + Zeros(100)}), read(covered, 0, 1100));
+        EXPECT_EQ((Got{30, true, Zeros(30)}), read(bare, size - 30, 100));
+        EXPECT_EQ((Got{30, true, Zeros(30)}), read(covered, size + 970, 100));
+    }
 }
 
 TEST_F(RedirectedFileTest, AReadAtTheEndGivesNothingOnceTheEndWasReached) {
@@ -977,36 +996,119 @@ TEST_F(RedirectedFileTest, ASourceThatAppearsLaterIsRead) {
     EXPECT_EQ("0123456789", Content(0, 10));
 }
 
-TEST_F(RedirectedFileTest, ASourceThatEndsBeforeItsSegmentEndsTheRead) {
-    const std::string a = Make("a", std::string(30, 'a'));
-    const std::string b = Make("b", std::string(50, 'b'));
-    for (const std::string& info : {std::string(), Make("info")}) {
-        CRedirectedFile other(&utilities);
-        other.Open(&param, 100, 1, info.c_str(), 0, 0);
-        ASSERT_TRUE(other.AddSegment(&param, a.c_str(), 0, 0, 50, nullptr));
-        ASSERT_TRUE(other.AddSegment(&param, b.c_str(), 0, 50, 50, nullptr));
-        const auto read = [&](std::uint64_t seek) {
-            return GuardedRead(100, [&](void* buffer, bool* eof) {
-                return other.Read(&param, seek, buffer, 100, eof);
-            });
-        };
-        EXPECT_EQ((Got{30, false, std::string(30, 'a')}), read(0));
-        EXPECT_EQ((Got{0, false, ""}), read(30));
-        EXPECT_EQ((Got{0, false, ""}), read(49));
-        EXPECT_EQ((Got{50, true, std::string(50, 'b')}), read(50));
+// The ways to find and to read a segment, which must not differ in what they give: in memory or in
+// an info file, at a place or position by position.
+class ShortSourceTest : public RedirectedFileTest {
+protected:
+    struct Part {
+        std::string source;
+        std::int64_t offset;
+        std::int64_t length;
+    };
+    // Every segment begins at the first byte of its source.
+    template <typename Check>
+    void EachWay(std::int64_t size, const std::vector<Part>& parts, Check check) {
+        for (const bool infoFile : {false, true}) {
+            for (const int bits : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
+                SCOPED_TRACE(std::string(infoFile ? "info file" : "memory") + " " +
+                             std::to_string(bits));
+                const std::string info = infoFile ? Make("info") : "";
+                CRedirectedFile one(&utilities);
+                one.Open(&param, size, 7, info.c_str(), 0, 0);
+                for (const Part& part : parts) {
+                    ASSERT_TRUE(one.AddSegment(&param, part.source.c_str(), 0, part.offset,
+                                               part.length, nullptr));
+                }
+                Log(bits);
+                check([&](std::uint64_t seek, unsigned int length) {
+                    return GuardedRead(length, [&](void* buffer, bool* eof) {
+                        return one.Read(&param, seek, buffer, length, eof);
+                    });
+                });
+                Log(0);
+            }
+        }
     }
+    const std::string a = Make("a", std::string(40, 'a'));
+    const std::string b = Make("b", std::string(50, 'b'));
+};
+
+TEST_F(ShortSourceTest, WhatTheLastSourceLacksIsTheTail) {
+    EachWay(100, {{a, 0, 100}}, [](auto read) {
+        EXPECT_EQ((Got{100, true, std::string(40, 'a') + Zeros(60)}), read(0, 100));
+    });
+    EachWay(100, {{a, 0, 100}}, [](auto read) {
+        EXPECT_EQ((Got{100, true, std::string(40, 'a') + Zeros(60)}), read(0, 1000));
+    });
+    EachWay(100, {{a, 0, 100}}, [](auto read) {
+        EXPECT_EQ((Got{50, true, Zeros(50)}), read(50, 50)) << "nothing at all is there";
+    });
+    EachWay(200, {{a, 0, 100}}, [](auto read) {
+        EXPECT_EQ((Got{100, false, std::string(40, 'a') + Zeros(60)}), read(0, 100));
+    });
 }
 
-TEST_F(RedirectedFileTest, ASourceThatShrinksEndsTheRead) {
-    const std::string a = Make("a", std::string(100, 'a'));
+TEST_F(ShortSourceTest, WhatASourceLacksIsAGapBeforeTheNextSegment) {
+    EachWay(100, {{a, 0, 50}, {b, 50, 50}}, [](auto read) {
+        EXPECT_EQ((Got{90, false, std::string(40, 'a') + std::string(50, 'b')}), read(0, 100));
+        EXPECT_EQ((Got{50, false, std::string(50, 'b')}), read(40, 100));
+        EXPECT_EQ((Got{10, false, std::string(10, 'b')}), read(40, 10));
+        EXPECT_EQ((Got{50, true, std::string(50, 'b')}), read(50, 50));
+    });
+    // The next segment begins before the end of the source: it goes on in its middle.
+    EachWay(100, {{a, 0, 50}, {b, 30, 50}}, [](auto read) {
+        EXPECT_EQ((Got{60, false, std::string(40, 'a') + std::string(20, 'b')}), read(0, 60));
+    });
+}
+
+TEST_F(ShortSourceTest, TheZerosOfTheGapAreLogged) {
     Open(100);
+    ASSERT_TRUE(Add(a, 0, 0, 50));
+    ASSERT_TRUE(Add(b, 0, 50, 50));
+    Log(LOG_CONTROL_FILE_ACCESS);
+    EXPECT_EQ(90, Read(0, 100).count);
+    EXPECT_TRUE(utilities.Has("[RedirectedFile.Read] Fill missing segment len:10"));
+    EXPECT_TRUE(
+        utilities.Has("[RedirectedFile.Read] Segment (7) path:" + b + ", fox:0, len:50 (seek:0)"));
+}
+
+TEST_F(ShortSourceTest, AReadThatCanMakeNoProgressEnds) {
+    EachWay(1000, {{a, 0, 500}, {b, 500, 50}}, [](auto read) {
+        EXPECT_EQ((Got{40, false, std::string(40, 'a')}), read(0, 100));
+        EXPECT_EQ((Got{5, false, std::string(5, 'a')}), read(35, 100));
+        EXPECT_EQ((Got{0, false, ""}), read(40, 100));
+        EXPECT_EQ((Got{0, false, ""}), read(399, 100));
+        EXPECT_EQ((Got{100, false, std::string(50, 'b') + Zeros(50)}), read(400, 100));
+    });
+    Open(1000);
+    ASSERT_TRUE(Add(a, 0, 0, 500));
+    Log(LOG_CONTROL_FILE_ACCESS);
+    EXPECT_EQ(40, Read(0, 100).count);
+    const std::string line = "[RedirectedFile.Read] Segment (7) path:" + a + ", fox:0, len:";
+    EXPECT_EQ(1u, utilities.Count(line + "100 (seek:0)"));
+    EXPECT_EQ(1u, utilities.Count(line + "60 (seek:40)"));
+}
+
+TEST_F(ShortSourceTest, ASegmentThatAnotherOneCoversInPartIsUsedUpOnlyAtItsOwnEnd) {
+    Open(100);
+    ASSERT_TRUE(Add(b, 0, 60, 40));  // added first, so seen there
+    ASSERT_TRUE(Add(a, 0, 0, 100));
+    EXPECT_EQ((Got{40, false, std::string(40, 'a')}), Read(0, 60));
+    EXPECT_EQ((Got{100, true, std::string(40, 'a') + Zeros(60)}), Read(0, 100));
+}
+
+TEST_F(RedirectedFileTest, ASourceThatShrinksIsFilledUpAsTheTail) {
+    const std::string a = Make("a", std::string(100, 'a'));
+    Open(1000);
     ASSERT_TRUE(Add(a, 0, 0, 100));
     EXPECT_EQ(100, Read(0, 100).count);
     ASSERT_EQ(0, truncate(a.c_str(), 20));
-    EXPECT_EQ((Got{20, false, std::string(20, 'a')}), Read(0, 100));
-    EXPECT_EQ((Got{0, false, ""}), Read(20, 80));
+    EXPECT_EQ((Got{100, false, std::string(20, 'a') + Zeros(80)}), Read(0, 100));
+    EXPECT_EQ((Got{20, false, std::string(20, 'a')}), Read(0, 50));
+    EXPECT_EQ((Got{80, false, Zeros(80)}), Read(20, 80));
     ASSERT_EQ(0, truncate(a.c_str(), 0));
-    EXPECT_EQ((Got{0, false, ""}), Read(0, 100));
+    EXPECT_EQ((Got{0, false, ""}), Read(0, 99));
+    EXPECT_EQ((Got{100, false, Zeros(100)}), Read(0, 100));
 }
 
 TEST_F(RedirectedFileTest, ASourceThatCannotBeReadEndsTheReadWithWhatWasPlaced) {
@@ -1106,6 +1208,18 @@ TEST_F(RedirectedFileTest, RecordsAddedBehindACutOneAreOutOfStepButDefined) {
         const Got got = Read(seek, 100);
         EXPECT_GE(got.count, 0);
     }
+}
+
+TEST_F(RedirectedFileTest, BehindARecordThatReachesBeyondTheSizeThereIsNoTail) {
+    const std::string info = Make("info");
+    Open(100, info);
+    ASSERT_TRUE(Add("", 0, 0, 100));
+    std::string records = ReadFile(info);
+    unsigned char foreign[SegmentRecord::SIZE];
+    SegmentRecord::Encode({-1, 0, 100, 200}, foreign);
+    records.append(reinterpret_cast<const char*>(foreign), sizeof foreign);
+    support::WriteFile(info, records);
+    EXPECT_EQ((Got{300, true, Zeros(300)}), Read(0, 1000));
 }
 
 TEST_F(RedirectedFileTest, RandomBytesAsRecordsGiveDefinedReads) {
@@ -1357,14 +1471,57 @@ TEST_F(ExportedRedirectedFileTest, ExportOfAFileOfSizeZeroWritesNothing) {
     EXPECT_EQ("[RedirectedFile.Export] Write ox:0, r:0, w:0", utilities.Infos().back());
 }
 
-TEST_F(ExportedRedirectedFileTest, ExportEndsWhereASourceEndsEarly) {
-    const std::string a = Make("a", std::string(70'000, 'a'));
+TEST_F(ExportedRedirectedFileTest, ExportGoesOnBehindASourceThatEndsEarly) {
+    const std::string data = PatternData(70'000);
+    const std::string a = Make("a", data);
     const std::string target = Make("target");
     Open(200'000);
     ASSERT_TRUE(Add(a, 0, 0, 100'000));
     ASSERT_TRUE(Add(a, 0, 100'000, 100'000));
+    Log(LOG_CONTROL_REDIRECT_FILE);
+    file.Export(&param, target.c_str());
+    const Lines lines = utilities.Infos();
+    ASSERT_EQ(5u, lines.size());
+    // The second step moves what follows the gap up, the third ends inside the second segment.
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:0, r:65536, w:65536", lines[1]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:65536, w:65536", lines[2]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:131072, r:38928, w:38928", lines[3]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:170000, r:30000, w:30000", lines[4]);
+    EXPECT_TRUE(data + data.substr(0, 61'072) + data.substr(31'072) + Zeros(30'000) ==
+                ReadFile(target));
+}
+
+TEST_F(ExportedRedirectedFileTest, ExportEndsWhereNothingComesAnyMore) {
+    const std::string a = Make("a", std::string(70'000, 'a'));
+    const std::string target = Make("target");
+    Open(300'000);
+    ASSERT_TRUE(Add(a, 0, 0, 300'000));
     file.Export(&param, target.c_str());
     EXPECT_TRUE(std::string(70'000, 'a') == ReadFile(target));
+}
+
+TEST_F(ExportedRedirectedFileTest, ATailOfFourGibibytesIsExportedAsAWhole) {
+    const std::string a = Make("a", std::string(100'000, 'a'));
+    // Takes what it is given and fills no disk.
+    const std::string target = dir / "target";
+    std::filesystem::create_symlink("/dev/null", target);
+    Open(4 * kGiB + 100'000);
+    ASSERT_TRUE(Add(a, 0, 0, 100'000));
+    Log(LOG_CONTROL_REDIRECT_FILE);
+    file.Export(&param, target.c_str());
+    const Lines lines = utilities.Infos();
+    ASSERT_EQ(1u + 65'536 + 2, lines.size());
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:65536, w:65536", lines[2]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:4295032832, r:34464, w:34464", lines.back());
+}
+
+TEST_F(ExportedRedirectedFileTest, ATailBehindAShortSourceFillsTheTarget) {
+    const std::string a = Make("a", std::string(100'000, 'a'));
+    const std::string target = Make("target");
+    Open(1'000'000);
+    ASSERT_TRUE(Add(a, 0, 0, 120'000));
+    file.Export(&param, target.c_str());
+    EXPECT_TRUE(std::string(100'000, 'a') + Zeros(900'000) == ReadFile(target));
 }
 
 // The lines of the steps of an export, and what it left in its target.
@@ -1488,7 +1645,24 @@ TEST_F(EitherWayTest, ATargetThatIsItsOwnSourceUnderAnotherNameIsReadBeforeItIsW
     const Exported slow = exported("slow", LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
     const Exported fast = exported("fast", LOG_CONTROL_REDIRECT_FILE);
     ASSERT_LE(2u, fast.steps.size());
-    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:32768, w:32768", fast.steps[1]);
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:65536, r:65536, w:65536", fast.steps[1]);
+    EXPECT_EQ(slow.steps, fast.steps);
+    EXPECT_TRUE(slow.content == fast.content);
+}
+
+TEST_F(EitherWayTest, ATargetIsReadAsItWasBehindASourceThatEndsInsideTheStep) {
+    const std::string shorter = Make("short", std::string(1000, 's'));
+    const std::string data = PatternData(65'536);
+    const auto exported = [&](const std::string& name, int logControl) {
+        const std::string both = Make(name, data);
+        // The target stands at 0 when its own first bytes are read.
+        std::filesystem::create_hard_link(both, both + "2");
+        return ExportWith(logControl, both, "", 131'072,
+                          {{shorter, 0, 0, 65'536}, {both + "2", 0, 65'536, 65'536}});
+    };
+    const Exported slow = exported("slow", LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_FILE_ACCESS);
+    const Exported fast = exported("fast", LOG_CONTROL_REDIRECT_FILE);
+    EXPECT_EQ(std::string(1000, 's') + data.substr(0, 64'536), fast.content.substr(0, 65'536));
     EXPECT_EQ(slow.steps, fast.steps);
     EXPECT_TRUE(slow.content == fast.content);
 }

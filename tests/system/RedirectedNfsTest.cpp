@@ -191,7 +191,7 @@ TEST_F(MountedRedirectedNfsTest, AMissingSourceReadsAsZeros) {
     EXPECT_EQ(ToBytes(Zeros(100)), nfs->Read(handle, 0, 100).data);
 }
 
-TEST_F(MountedRedirectedNfsTest, ASourceThatShrinksGivesAShortRead) {
+TEST_F(MountedRedirectedNfsTest, ASourceThatShrinksIsAGapAndATail) {
     const std::string source = MakeSource("source", std::string(100, 'a'));
     const Handle handle = OpenDisk(200);
     Add(source, 0, 0, 100);
@@ -199,8 +199,18 @@ TEST_F(MountedRedirectedNfsTest, ASourceThatShrinksGivesAShortRead) {
     ASSERT_EQ(0, truncate(source.c_str(), 30));
     const support::ReadResult result = nfs->Read(handle, 0, 200);
     ASSERT_EQ(0u, result.status);
-    EXPECT_EQ(30u, result.count);
+    EXPECT_EQ(ToBytes(std::string(60, 'a') + Zeros(70)), result.data);
     EXPECT_FALSE(result.eof);
+}
+
+TEST_F(MountedRedirectedNfsTest, FourGibibytesWithoutSegmentsAreZerosUpToTheirEnd) {
+    const std::int64_t size = std::int64_t{4} << 30;
+    const Handle handle = OpenDisk(size);
+    EXPECT_EQ(ToBytes(Zeros(4096)), nfs->Read(handle, 0, 4096).data);
+    const support::ReadResult last =
+        nfs->Read(handle, static_cast<std::uint64_t>(size) - 100, 4096);
+    EXPECT_EQ(ToBytes(Zeros(100)), last.data);
+    EXPECT_TRUE(last.eof);
 }
 
 TEST_F(MountedRedirectedNfsTest, AReadBeyondTheEndFailsUnlessTheEndWasReached) {
