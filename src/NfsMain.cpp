@@ -282,6 +282,7 @@ void CNfsMain::CloseSockets() {
 void CNfsMain::StopServer() {
     LogArgu logArgu{"NfsMain.StopServer"};
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
+    m_pUtilities->StopExports();
     if (m_bServerRunning) {
         LogToFile("Stop NFS");
     }

@@ -1,5 +1,6 @@
 #include "RedirectedFile.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,8 @@ constexpr std::size_t RECORDS_PER_READ = CSegmentSummary::RUN;
 constexpr unsigned int EXPORT_SIZE = 65536;  // bytes of one step of an export
 constexpr std::size_t LISTING_LINE = 65536;  // bytes, with its NUL; longer lines are cut
 constexpr std::int64_t MEBIBYTE = 1 << 20;
+constexpr int PIPE_WAITS = 20;    // how often an export waits for the reader of a full pipe,
+constexpr int PIPE_WAIT_MS = 50;  // and how long each time
 
 template <typename Value>
 void EncodeLittleEndian(Value value, unsigned char* pc) {
@@ -52,6 +55,17 @@ std::string ExpandI64(std::string sFmt) {
 }
 
 unsigned long long Unsigned(std::int64_t i) { return static_cast<unsigned long long>(i); }
+
+// False when a pipe stays full.  In short waits, so that signals can neither end it nor renew it.
+bool WaitForRoom(int iFile) {
+    for (int i = 0; i < PIPE_WAITS; ++i) {
+        pollfd room{iFile, POLLOUT, 0};
+        if (poll(&room, 1, PIPE_WAIT_MS) > 0) {
+            return true;
+        }
+    }
+    return false;
+}
 
 // No offset lies beyond 64 bits.
 std::int64_t ClipToOffset(Wide i) {
@@ -637,6 +651,31 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, voi
 // Exports
 // =================================================================================================
 
+int CRedirectedFile::WriteTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                 const CachedFile& target, const void* pvBuf, unsigned int iLen,
+                                 bool* pbWait) {
+    const auto write = [&](unsigned int iDone) {
+        const std::lock_guard<std::mutex> lock(target.pUse->m_hMutex);
+        return m_pUtilities->OS_FileWrite(pRuntimeParam, pLogArgu, target.iFile,
+                                          static_cast<const unsigned char*>(pvBuf) + iDone,
+                                          iLen - iDone, nullptr);
+    };
+    if (target.pUse->IsRegularFile()) {
+        return write(0);
+    }
+    // A pipe takes as much as it has room for.
+    unsigned int o = 0;
+    while (o < iLen) {
+        *pbWait = *pbWait && WaitForRoom(target.iFile);
+        const int iWritten = write(o);
+        if (iWritten <= 0) {
+            return o > 0 ? static_cast<int>(o) : iWritten;
+        }
+        o += static_cast<unsigned int>(iWritten);
+    }
+    return static_cast<int>(o);
+}
+
 void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     LogArgu logArgu{"RedirectedFile.Export"};
     const bool bLog = pRuntimeParam->IsLogRedirectFile();
@@ -655,7 +694,15 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     std::vector<unsigned char> vBuf(EXPORT_SIZE);
     std::uint64_t iOffset = 0;
     int iLastRead = EXPORT_SIZE;
+    bool bWait = true;
     for (bool bEof = false; !bEof;) {
+        if (m_pUtilities->AreExportsStopped()) {
+            if (bLog) {
+                m_pUtilities->LogInfo(pRuntimeParam, "[%s] Stopped ox:%llu", logArgu.pcName,
+                                      static_cast<unsigned long long>(iOffset));
+            }
+            break;
+        }
         SourceUse source;
         source.pCopyTo = &target;
         const int iRead = Read(pRuntimeParam, iOffset, vBuf.data(), EXPORT_SIZE, &bEof, &source);
@@ -665,10 +712,8 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcPath) {
         int iWritten = iRead;
         source.Settle();  // the target may be the source
         if (!source.bCopied) {
-            const std::lock_guard<std::mutex> lock(target.pUse->m_hMutex);
-            iWritten =
-                m_pUtilities->OS_FileWrite(pRuntimeParam, &logArgu, target.iFile, vBuf.data(),
-                                           static_cast<unsigned int>(iRead), nullptr);
+            iWritten = WriteTarget(pRuntimeParam, &logArgu, target, vBuf.data(),
+                                   static_cast<unsigned int>(iRead), &bWait);
         }
         if (bLog) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Write ox:%llu, r:%d, w:%d", logArgu.pcName,
@@ -708,10 +753,10 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
     // each.
     const bool bLogAccess = pRuntimeParam->IsLogFileAccess();
     std::string sLines;
+    bool bWait = true;
     const auto flush = [&] {
-        const std::lock_guard<std::mutex> lock(target.pUse->m_hMutex);
-        m_pUtilities->OS_FileWrite(pRuntimeParam, &logArgu, target.iFile, sLines.data(),
-                                   static_cast<unsigned int>(sLines.size()), nullptr);
+        WriteTarget(pRuntimeParam, &logArgu, target, sLines.data(),
+                    static_cast<unsigned int>(sLines.size()), &bWait);
         sLines.clear();
     };
     std::vector<char> vLine(LISTING_LINE);
@@ -727,7 +772,12 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
                   Unsigned(segment.iOffset), Unsigned(segment.iLength));
     };
 
+    bool bStopped = false;
+    const auto stopped = [&] { return bStopped = bStopped || m_pUtilities->AreExportsStopped(); };
     for (const CheckPointSegment& point : m_vInfoFileCheckPoint) {
+        if (stopped()) {
+            break;
+        }
         writeLine("--> CheckPoint Segment fox=%llu, ox=%llu\n", Unsigned(point.iFileOffset),
                   Unsigned(point.iOffset));
     }
@@ -741,7 +791,8 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
     ProcSegment cursor;
     Segment merged;
     bool bRun = false;
-    for (GetSegment(context, 0, &cursor); cursor.index >= 0; GetNextSegment(context, &cursor)) {
+    for (GetSegment(context, 0, &cursor); cursor.index >= 0 && !stopped();
+         GetNextSegment(context, &cursor)) {
         const Segment& segment = cursor.segment;
         if (!bMergeRange) {
             writeSegment("Segment path=%s, fox=%llu, ox=%llu, len=%llu\n", segment);
@@ -756,11 +807,14 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPat
             bRun = true;
         }
     }
-    if (bMergeRange) {
+    if (bMergeRange && !bStopped) {  // the run that was cut off has no length yet
         writeSegment(MERGED_FORMAT, merged);
     }
     if (!sLines.empty()) {
         flush();
+    }
+    if (bStopped && bLog) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Stopped", logArgu.pcName);
     }
     target = {};  // the close is then the cache's, and reported
     m_pUtilities->CloseCachedFileHandle(pRuntimeParam, &logArgu, pcPath);

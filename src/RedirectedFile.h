@@ -84,7 +84,8 @@ public:
     // Bytes put into pcBuf (iLen bytes), -1 on failure; 0 at the end of the file.
     int Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf, unsigned int iLen,
              bool* pbEof);
-    // Writes the content to an existing file.
+    // Writes the content to an existing file.  Both exports end early when the service stops
+    // (CUtilities::StopExports), and wait for the reader of a pipe only while it goes on reading.
     void Export(CRuntimeParam* pRuntimeParam, const char* pcPath);
     // Writes the checkpoints and segments as text to an existing file.
     void ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bMergeRange);
@@ -153,6 +154,10 @@ private:
     std::size_t GetRecordNumber() const;
     // The record at m_iRecordPos, which moves on; false at the end of the file.
     bool ReadRecord(const Context& context, Segment* pSegment);
+    // Bytes written to the target of an export, or -1.  *pbWait tells whether to wait for room in a
+    // pipe; false once that was in vain.
+    int WriteTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CachedFile& target,
+                    const void* pvBuf, unsigned int iLen, bool* pbWait);
     // Reads a range of the source of a segment; zeros without one.  Bytes read or -1.  pSource
     // keeps the descriptor for the next segment, which mostly has the same source.
     int ReadSource(const Context& context, const Segment& segment, std::int64_t iSourcePos,

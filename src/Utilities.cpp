@@ -52,6 +52,15 @@ auto Retry(Call call) {
     return iResult;
 }
 
+// Whether a path, links followed, is an ordinary file.  Leaves errno alone.
+bool IsRegularFile(const char* pcPath) {
+    const int iError = errno;
+    struct stat data {};
+    const bool bRegular = stat(pcPath, &data) == 0 && S_ISREG(data.st_mode);
+    errno = iError;
+    return bRegular;
+}
+
 // The reason why a system call failed, taken from errno at once; no text when it worked.  A call
 // on the descriptor -1 was never made and has its own reason.
 struct OsError {
@@ -98,6 +107,7 @@ void CUtilities::Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);
     CloseAllRedirectedFiles(pRuntimeParam);
+    m_bExportsStopped = false;  // those that were to end have ended: they held the registry
 }
 
 void CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcDst,
@@ -592,7 +602,11 @@ int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 
 int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                             int iMode, bool bCloseExceededCachedFileHandle, char* pcStatus) {
-    const int iFile = Retry([&] { return open(pcPath, iMode | O_CLOEXEC); });
+    int iFile = Retry([&] { return open(pcPath, iMode | O_CLOEXEC); });
+    if (iFile == -1 && errno == EWOULDBLOCK && IsRegularFile(pcPath)) {
+        // Somebody holds a lease on the file, and has now been told to give it back.
+        iFile = Retry([&] { return open(pcPath, (iMode & ~O_NONBLOCK) | O_CLOEXEC); });
+    }
     const OsError error(iFile != -1);
     if (iFile == -1 && error.iError == EMFILE && bCloseExceededCachedFileHandle) {
         CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
@@ -913,8 +927,8 @@ CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
             LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName,
                     bReadWrite ? "read/write" : "read only", pcPath);
         }
-        info.iFile = OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, bReadWrite ? O_RDWR : O_RDONLY,
-                                 true, nullptr);
+        info.iFile = OS_FileOpen(pRuntimeParam, pLogArgu, pcPath,
+                                 (bReadWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK, true, nullptr);
         info.sPath = sPath;
         if (info.iFile != -1) {
             info.pUse = std::make_shared<CDescriptorUse>(info.iFile);

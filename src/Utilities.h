@@ -153,6 +153,11 @@ public:
     virtual void RefuseWaits();
     virtual void AllowWaits();
 
+    // Ends the exports of redirected files, running and new, at their next step, until Reset is
+    // done.  Takes no lock: an export holds the registry for its whole run.
+    void StopExports() { m_bExportsStopped = true; }
+    bool AreExportsStopped() const { return m_bExportsStopped; }
+
     // Forgets everything that belongs to one run of the service: exports, sessions, cached
     // descriptors and redirected files, in this order.
     void Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
@@ -249,7 +254,8 @@ public:
     int OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
                       const char* pcPathTo, char* pcStatus);
     // With bCloseExceededCachedFileHandle, sheds cached descriptors and tries once more when the
-    // process has too many open files.
+    // process has too many open files.  O_NONBLOCK in iMode keeps a pipe or a device from hanging
+    // the open; the open of an ordinary file still waits for a lease on it to be given back.
     int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iMode,
                     bool bCloseExceededCachedFileHandle, char* pcStatus);
     int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile,
@@ -303,7 +309,8 @@ public:
     // === Descriptor cache (m_hMutexOpenedFileHandles) ===
 
     // The descriptor of the path, opened when it is not cached; -1 when it cannot be opened.  Opens
-    // for writing inside an export or when bAlwaysReadWrite is set.  The cache owns it.
+    // for writing inside an export or when bAlwaysReadWrite is set, and so that neither a pipe nor
+    // a device is waited for (O_NONBLOCK).  The cache owns it.
     int GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                             bool bAlwaysReadWrite);
     // The same, for use while other threads may close the path.
@@ -433,6 +440,7 @@ private:
     std::unique_ptr<CFileTable> m_pFileTable;
     std::vector<std::shared_ptr<CCallback>> m_vCallbacks;  // the first is installed, others wait
     std::atomic<CFileLogger*> m_pFileLogger{nullptr};      // borrowed
+    std::atomic<bool> m_bExportsStopped{false};
 
     std::mutex m_hMutexFileTable;  // guards m_pFileTable
     // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <limits>
 #include <random>
 
@@ -1522,6 +1523,237 @@ TEST_F(ExportedRedirectedFileTest, ATailBehindAShortSourceFillsTheTarget) {
     ASSERT_TRUE(Add(a, 0, 0, 120'000));
     file.Export(&param, target.c_str());
     EXPECT_TRUE(std::string(100'000, 'a') + Zeros(900'000) == ReadFile(target));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Exports that are to end
+// ------------------------------------------------------------------------------------------------
+
+// Has the exports stopped by one of their own lines.
+class StoppingUtilities : public ControlledUtilities {
+public:
+    using ControlledUtilities::LogInfo;
+    void LogInfo(CRuntimeParam* param, char* message) override {
+        ControlledUtilities::LogInfo(param, message);
+        if (!stopAt.empty() && std::string(message).find(stopAt) != std::string::npos) {
+            StopExports();
+        }
+    }
+    std::string stopAt;
+};
+
+class StoppedExportTest : public ExportedRedirectedFileTest {
+protected:
+    void SetUp() override {
+        LogArgu argu{"Test.Export"};
+        char reason[STATUS_SIZE] = "";
+        ASSERT_TRUE(m_stopping.AddMountInfo(&param, &argu, dir.Path().c_str(), "vm01", "", reason))
+            << reason;
+    }
+    ~StoppedExportTest() override {
+        LogArgu argu{"Test.End"};
+        m_stopping.Reset(&param, &argu);
+    }
+    // An export of 20 steps, all of it source; its lines.
+    Lines Exported(const std::string& target) {
+        CRedirectedFile one(&m_stopping);
+        one.Open(&param, 20 * 65'536, 7, nullptr, 0, 0);
+        const std::string source = MakeSparse("source", 20 * 65'536);
+        EXPECT_TRUE(one.AddSegment(&param, source.c_str(), 0, 0, 20 * 65'536, nullptr));
+        m_stopping.Forget();
+        one.Export(&param, target.c_str());
+        return m_stopping.Infos();
+    }
+
+    StoppingUtilities m_stopping;
+};
+
+TEST_F(StoppedExportTest, ARunningExportEndsAtItsNextStep) {
+    for (const int bits : {0, static_cast<int>(LOG_CONTROL_FILE_ACCESS)}) {
+        param.SetLogControl(bits | LOG_CONTROL_REDIRECT_FILE);
+        const std::string target = Make("target");
+        m_stopping.stopAt = "Write ox:131072,";
+        const Lines lines = Exported(target);
+        EXPECT_EQ(3 * 65'536, SizeOf(target)) << "with and without copies inside the kernel";
+        EXPECT_EQ("[RedirectedFile.Export] Stopped ox:196608",
+                  bits == 0 ? lines.back() : lines[lines.size() - 2]);
+        EXPECT_EQ(0, OpenCount(target)) << "the descriptor is given back";
+        m_stopping.stopAt.clear();
+        LogArgu argu{"Test.Stop"};
+        m_stopping.Reset(&param, &argu);
+        SetUp();
+    }
+}
+
+TEST_F(StoppedExportTest, WhileExportsAreStoppedNoneWritesUntilTheReset) {
+    const std::string target = Make("target");
+    m_stopping.StopExports();
+    Exported(target);
+    EXPECT_EQ(0, SizeOf(target));
+    LogArgu argu{"Test.Stop"};
+    m_stopping.Reset(&param, &argu);
+    SetUp();
+    Exported(target);
+    EXPECT_EQ(20 * 65'536, SizeOf(target));
+}
+
+TEST_F(StoppedExportTest, AListingEndsAtItsNextLine) {
+    CRedirectedFile one(&m_stopping);
+    one.Open(&param, 100, 7, nullptr, 0, 0);
+    for (const char* source : {"a", "a", "b", "b", "c"}) {
+        ASSERT_TRUE(one.AddSegment(&param, source, 0, 0, 10, nullptr));
+    }
+    const auto listed = [&](bool merge, const std::string& stopAt) {
+        const std::string target = Make("target");
+        param.SetLogControl(LOG_CONTROL_FILE_ACCESS | LOG_CONTROL_REDIRECT_FILE);
+        m_stopping.Forget();
+        m_stopping.stopAt = stopAt;
+        one.ExportInfo(&param, target.c_str(), merge);
+        m_stopping.stopAt.clear();
+        EXPECT_EQ(0, OpenCount(target)) << "the descriptor is given back";
+        EXPECT_TRUE(m_stopping.Has("[RedirectedFile.ExportInfo] Stopped"));
+        LogArgu argu{"Test.Stop"};
+        m_stopping.Reset(&param, &argu);
+        SetUp();
+        return ReadFile(target);
+    };
+    EXPECT_EQ("Segment path=a, fox=0, ox=0, len=10\n", listed(false, "OS write file"));
+    EXPECT_EQ("--> Merged Segment path=a, fox=0, ox=0, len=20\n", listed(true, "OS write file"))
+        << "the run that was cut off is not listed";
+    EXPECT_EQ("", listed(false, "Info to file:"));
+    EXPECT_EQ("", listed(true, "Info to file:"));
+}
+
+TEST_F(StoppedExportTest, CheckpointsEndTheSameWay) {
+    const std::string info = Make("info");
+    CRedirectedFile one(&m_stopping);
+    one.Open(&param, 5 * kMiB, 7, info.c_str(), 1, 1);
+    ASSERT_TRUE(one.AddSegment(&param, nullptr, 0, 0, 5 * kMiB, nullptr));
+    const std::string target = Make("target");
+    param.SetLogControl(LOG_CONTROL_FILE_ACCESS);
+    m_stopping.stopAt = "OS write file";
+    one.ExportInfo(&param, target.c_str(), false);
+    m_stopping.stopAt.clear();
+    EXPECT_EQ("--> CheckPoint Segment fox=28, ox=1048576\n-------------------\n", ReadFile(target));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Pipes
+// ------------------------------------------------------------------------------------------------
+
+// With a pipe of the file system that nobody has opened.  Each operation runs on a thread of its
+// own; one that hangs fails the test and is set free.
+class PipeTest : public ExportedRedirectedFileTest {
+protected:
+    void SetUp() override { ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600)); }
+    template <typename Body>
+    [[nodiscard]] bool Ends(Body body) {
+        auto done = std::async(std::launch::async, body);
+        if (done.wait_for(support::kPatience) == std::future_status::ready) {
+            return true;
+        }
+        // Opening both ends lets an open go on, closing them ends a read, reading ends a write.
+        const int both = open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        char buffer[4096];
+        while (done.wait_for(support::Milliseconds(10)) != std::future_status::ready) {
+            while (read(both, buffer, sizeof buffer) > 0) {
+            }
+        }
+        close(both);
+        return false;
+    }
+
+    const std::string pipe = dir / "pipe";
+};
+
+TEST_F(PipeTest, AsASourceItReadsAsNothing) {
+    const std::string a = Make("a", std::string(10, 'a'));
+    for (const bool exported : {false, true}) {
+        SCOPED_TRACE(exported ? "inside an export" : "outside every export");
+        if (exported) {
+            ExportFolder();
+        }
+        CRedirectedFile one(&utilities);
+        one.Open(&param, 100, 7, nullptr, 0, 0);
+        ASSERT_TRUE(one.AddSegment(&param, a.c_str(), 0, 0, 10, nullptr));
+        ASSERT_TRUE(one.AddSegment(&param, pipe.c_str(), 0, 10, 10, nullptr));
+        ASSERT_TRUE(one.AddSegment(&param, a.c_str(), 0, 20, 10, nullptr));
+        Got across;
+        Got inside;
+        ASSERT_TRUE(Ends([&] {
+            across = GuardedRead(100, [&](void* buffer, bool* eof) {
+                return one.Read(&param, 0, buffer, 100, eof);
+            });
+            inside = GuardedRead(
+                5, [&](void* buffer, bool* eof) { return one.Read(&param, 12, buffer, 5, eof); });
+        }));
+        EXPECT_EQ((Got{10, false, std::string(10, 'a')}), across);
+        EXPECT_EQ((Got{0, false, ""}), inside);
+    }
+}
+
+TEST_F(PipeTest, AnExportEndsAtASourceThatIsAPipe) {
+    const std::string a = Make("a", std::string(10, 'a'));
+    std::filesystem::create_directory(dir / "out");
+    const std::string target = Make("out/target");
+    LogArgu argu{"Test.Export"};
+    char reason[STATUS_SIZE] = "";
+    ASSERT_TRUE(utilities.AddMountInfo(&param, &argu, (dir / "out").c_str(), "vm01", "", reason));
+    Open(100);
+    ASSERT_TRUE(Add(a, 0, 0, 10));
+    ASSERT_TRUE(Add(pipe, 0, 10, 90));
+    ASSERT_TRUE(Ends([&] { file.Export(&param, target.c_str()); }));
+    EXPECT_EQ(std::string(10, 'a'), ReadFile(target));
+}
+
+TEST_F(PipeTest, AnExportToAPipeThatNobodyReadsEnds) {
+    for (const bool exported : {false, true}) {
+        SCOPED_TRACE(exported ? "inside an export" : "outside every export");
+        if (exported) {
+            ExportFolder();
+        }
+        CRedirectedFile one(&utilities);
+        one.Open(&param, 3 * 65'536, 7, nullptr, 0, 0);
+        Log(LOG_CONTROL_REDIRECT_FILE);
+        ASSERT_TRUE(Ends([&] { one.Export(&param, pipe.c_str()); }));
+        // As much as a pipe holds, and nothing more.
+        const Lines lines = utilities.Infos();
+        ASSERT_EQ(4u, lines.size());
+        EXPECT_EQ(std::string("[RedirectedFile.Export] Write ox:0, r:65536, w:") +
+                      (exported ? "65536" : "-1"),
+                  lines[1]);
+        EXPECT_EQ("[RedirectedFile.Export] Write ox:131072, r:65536, w:-1", lines[3]);
+        ASSERT_TRUE(Ends([&] { one.ExportInfo(&param, pipe.c_str(), true); }));
+        Log(0);
+    }
+}
+
+TEST_F(PipeTest, AReaderOfAPipeGetsTheWholeExport) {
+    ExportFolder();
+    const std::string data = PatternData(1'000'000);
+    const std::string a = Make("a", data);
+    Open(1'000'000);
+    ASSERT_TRUE(Add(a, 0, 0, 1'000'000));
+    auto reader = std::async(std::launch::async, [&] {
+        const int fd = open(pipe.c_str(), O_RDONLY | O_CLOEXEC);
+        std::string got;
+        char buffer[3000];
+        for (ssize_t count = 1; count > 0 && got.size() < data.size();) {
+            count = read(fd, buffer, sizeof buffer);
+            got.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+        }
+        close(fd);
+        return got;
+    });
+    // Its open waits for a writer.
+    const int writer = open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
+    Log(LOG_CONTROL_REDIRECT_FILE | LOG_CONTROL_ERROR);
+    file.Export(&param, pipe.c_str());
+    close(writer);
+    EXPECT_TRUE(data == reader.get());
+    EXPECT_EQ("[RedirectedFile.Export] Write ox:983040, r:16960, w:16960",
+              utilities.Infos().back());
+    EXPECT_THAT(utilities.Errors(), IsEmpty());
 }
 
 // The lines of the steps of an export, and what it left in its target.

@@ -1,7 +1,7 @@
 // ctest-labels: threaded
 //
-// A stop of the service waits for nobody: not for a client that does not read its replies, and not
-// for a controller that does not answer.
+// A stop of the service waits for nobody: not for a client that does not read its replies, not for
+// a controller that does not answer, and not for an export of a redirected file.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -9,7 +9,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -121,6 +123,49 @@ TEST(Stop, DoesNotWaitForAControllerThatDoesNotAnswer) {
     nfs.Rpc().SendCall(kNfs, 3, kWrite, arguments.Data());
     ASSERT_TRUE(controller.WaitForCaller());
     EXPECT_TRUE(StopsInTime(&main));
+}
+
+TEST(Stop, EndsARunningExportAndTheRequestsThatWaitForIt) {
+    const ScopedTempDir dir;
+    WriteFile(dir / "other", "content");
+    WriteFile(dir / "target", "");
+    std::filesystem::create_symlink("/dev/null", dir / "endless");
+    CNfsMain main("stop", 0);
+    StartWithExport(&main, dir.Path(), "");
+    main.OpenRedirectedFile((dir / "disk").c_str(), INT64_MAX, false, 0, 0);
+    char reason[STATUS_SIZE] = "";
+    ASSERT_TRUE(main.AddRedirectedFileSegment((dir / "disk").c_str(), "", 0, 0, INT64_MAX, reason));
+    MountClient mount;
+    const Handle root = mount.Mnt("vm01").handle;
+    Nfs3Client nfs;
+    XdrWriter arguments;
+    arguments.Opaque(nfs.Lookup(root, "other").handle);
+    arguments.U64(0);
+    arguments.U32(7);
+
+    const auto before = OpenCount("/dev/null");
+    auto exported = std::async(std::launch::async, [&] {
+        main.ExportRedirectedFile((dir / "disk").c_str(), (dir / "endless").c_str());
+    });
+    ASSERT_TRUE(WaitFor([&] { return OpenCount("/dev/null") > before; }));
+    nfs.Rpc().SendCall(kNfs, 3, kRead, arguments.Data());
+    EXPECT_TRUE(StopsInTime(&main));
+    EXPECT_EQ(std::future_status::ready, exported.wait_for(kPatience));
+
+    // Afterwards exports are whole again, with and without a running service.
+    for (const bool running : {false, true}) {
+        char status[STATUS_SIZE] = "";
+        if (running) {
+            // The clients' connections still have the other ports.
+            ASSERT_TRUE(main.StartServer(1060, 2060, 0, 0, false, status)) << status;
+        }
+        ASSERT_TRUE(main.AddMountPoint(dir.Path().c_str(), "vm01", status)) << status;
+        WriteFile(dir / "target", "");
+        main.OpenRedirectedFile((dir / "disk").c_str(), 200'000, false, 0, 0);
+        main.ExportRedirectedFile((dir / "disk").c_str(), (dir / "target").c_str());
+        EXPECT_TRUE(std::string(200'000, '\0') == ReadFile(dir / "target"));
+        main.StopServer();
+    }
 }
 
 TEST(IpcWaits, RefusingEndsAWaitAndTurnsAwayNewOnesUntilAllowed) {

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <future>
 #include <thread>
 
 #include "support/Process.h"
@@ -109,6 +111,60 @@ TEST_F(Cache, ACallerMayInsistOnWriting) {
     EXPECT_EQ(O_RDWR, AccessModeOf(Get(&m_Access, sFile, true)));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] open read/write mode " + sFile, Opened(sFile)));
+}
+
+TEST_F(Cache, APipeThatNobodyWritesIsOpenedAtOnceAndHasNeitherSizeNorContent) {
+    const std::string sPipe = m_Dir / "pipe";
+    ASSERT_EQ(0, mkfifo(sPipe.c_str(), 0600));
+    for (const bool bExported : {false, true}) {
+        if (bExported) {
+            Close(&m_Silent, sPipe);
+            Export(m_Dir.Path(), "vm01");
+        }
+        auto done = std::async(std::launch::async, [&] {
+            char cBuf[10];
+            bool bEof = false;
+            return std::tuple(
+                Get(&m_Silent, sPipe),
+                m_Utilities.GetFileSize(&m_Silent, &m_Argu, sPipe.c_str(), 77),
+                m_Utilities.ReadFile(&m_Silent, &m_Argu, sPipe.c_str(), 0, SEEK_SET, cBuf, 10,
+                                     &bEof),
+                m_Utilities.WriteFile(&m_Silent, &m_Argu, sPipe.c_str(), 0, SEEK_SET, cBuf, 10));
+        });
+        const bool bInTime = done.wait_for(support::kPatience) == std::future_status::ready;
+        EXPECT_TRUE(bInTime) << "waits for a writer";
+        if (!bInTime) {
+            close(open(sPipe.c_str(), O_WRONLY | O_CLOEXEC));
+        }
+        const auto [iFile, iSize, iRead, iWritten] = done.get();
+        EXPECT_NE(-1, iFile);
+        EXPECT_EQ(77, iSize);
+        EXPECT_EQ(-1, iRead);
+        EXPECT_EQ(-1, iWritten);
+    }
+}
+
+TEST_F(Cache, AFileThatSomebodyHasALeaseOnIsOpenedWhenItIsGivenBack) {
+    const std::string sFile = MakeFile("f");
+    sigset_t asked;
+    sigemptyset(&asked);
+    sigaddset(&asked, SIGIO);
+    sigset_t mask;
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &asked, &mask));
+    const int iLeased = open(sFile.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(0, fcntl(iLeased, F_SETLEASE, F_WRLCK));
+    auto holder = std::async(std::launch::async, [&] {
+        const timespec patience{support::kPatience.count() / 1000, 0};
+        const int iSignal = sigtimedwait(&asked, nullptr, &patience);
+        fcntl(iLeased, F_SETLEASE, F_UNLCK);
+        return iSignal;
+    });
+    EXPECT_NE(-1, Get(&m_AccessAndErrors, sFile));
+    EXPECT_EQ(SIGIO, holder.get()) << "the lease stood in the way";
+    EXPECT_THAT(m_Utilities.TakeLines(),
+                ElementsAre("info: [Test.Case] open read only mode " + sFile, Opened(sFile)));
+    close(iLeased);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
 TEST_F(Cache, AKeptDescriptorKeepsItsMode) {
