@@ -50,6 +50,18 @@ bool ClearException(JNIEnv* pEnv) {
     return true;
 }
 
+// The calls of host's methods that the thread is inside of: a method may call back into the
+// library.
+thread_local int t_iCalls = 0;
+
+class InsideCall {
+public:
+    InsideCall() { ++t_iCalls; }
+    ~InsideCall() { --t_iCalls; }
+    InsideCall(const InsideCall&) = delete;
+    InsideCall& operator=(const InsideCall&) = delete;
+};
+
 // Owns a local reference.
 template <typename Reference>
 class Local {
@@ -103,6 +115,8 @@ CCallback::~CCallback() {
         }
     }
 }
+
+bool CCallback::IsInsideCall() { return t_iCalls > 0; }
 
 // =================================================================================================
 // Environments
@@ -215,6 +229,7 @@ void CCallback::FireMessageLogWOAT(JNIEnv* pEnv, jobject jObj, const char* pcMet
     if (ClearException(pEnv)) {
         return;
     }
+    const InsideCall inside;
     pEnv->CallVoidMethod(jObj, method, id.Get(), text.Get());
     ClearException(pEnv);
 }
@@ -228,6 +243,7 @@ bool CCallback::IsInterrupted() {
     if (method == nullptr) {
         return false;
     }
+    const InsideCall inside;
     const jboolean bInterrupted = pEnv->CallBooleanMethod(m_jObj, method);
     return !ClearException(pEnv) && bInterrupted == JNI_TRUE;
 }
@@ -243,6 +259,7 @@ int CCallback::CallInt(JNIEnv* pEnv, jobject jObj, const char* pcName, const cha
     if (method == nullptr) {
         return -1;
     }
+    const InsideCall inside;
     const jint iResult = pEnv->CallIntMethod(jObj, method, args...);
     return ClearException(pEnv) ? -1 : iResult;
 }

@@ -41,6 +41,9 @@ public:
     // Leaves a java.io.IOException pending in the calling thread.
     void ThrowIOException(const char* pcMessage);
 
+    // Whether this thread is inside a call of a host's method.
+    static bool IsInsideCall();
+
     // JNI's answer; -1 without a virtual machine.
     int GetEnv(JNIEnv** ppEnv);
     // Attaches the thread when GetEnv answered that it is not attached; false when that fails.

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Callback.h"
 #include "NfsIpcClientMain.h"
@@ -84,6 +85,22 @@ void ThrowIOException(JNIEnv* pEnv, jobject jObj, const char* pcMessage) {
     CCallback(pEnv, jObj).ThrowIOException(pcMessage);
 }
 
+// Whether a method that ends threads may run.  Inside a callback it would wait for the thread that
+// it runs on, or take away what that thread goes on with: an IllegalStateException is then pending.
+bool MayEndThreads(JNIEnv* pEnv, const char* pcMethod) {
+    if (!CCallback::IsInsideCall()) {
+        return true;
+    }
+    jclass jException = pEnv->FindClass("java/lang/IllegalStateException");
+    if (jException != nullptr) {
+        const std::string sMessage =
+            std::string(pcMethod) + " must not be called from inside a callback";
+        pEnv->ThrowNew(jException, sMessage.c_str());
+        pEnv->DeleteLocalRef(jException);
+    }
+    return false;
+}
+
 std::unique_ptr<CNfsMain> CreateMain(const char* pcID, jint iAccessMode, jint iLogControl) {
     switch (iAccessMode) {
         case ACCESS_MODE_IPC_SERVER:
@@ -112,9 +129,9 @@ NFS_METHOD(jlong, initial)
     return static_cast<jlong>(reinterpret_cast<std::intptr_t>(pMain.release()));
 }
 
-NFS_METHOD(void, terminate)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
-    const std::unique_ptr<CNfsMain> pMain(GetMain(lHandle));
-    if (pMain != nullptr) {
+NFS_METHOD(void, terminate)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
+    if (GetMain(lHandle) != nullptr && MayEndThreads(pEnv, "terminate")) {
+        const std::unique_ptr<CNfsMain> pMain(GetMain(lHandle));
         pMain->Terminate();
     }
 }
@@ -138,9 +155,9 @@ NFS_METHOD(jboolean, startRemoteController)(JNIEnv* pEnv, jobject jObj, jlong lH
     return JNI_TRUE;
 }
 
-NFS_METHOD(void, stopRemoteController)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
+NFS_METHOD(void, stopRemoteController)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
     CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
+    if (pMain != nullptr && MayEndThreads(pEnv, "stopRemoteController")) {
         pMain->StopRemoteController();
     }
 }
@@ -160,9 +177,9 @@ NFS_METHOD(jboolean, startServer)
     return JNI_TRUE;
 }
 
-NFS_METHOD(void, stopServer)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
+NFS_METHOD(void, stopServer)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
     CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
+    if (pMain != nullptr && MayEndThreads(pEnv, "stopServer")) {
         pMain->StopServer();
     }
 }
