@@ -50,13 +50,18 @@ mkdir -p "$here/build"
 # Start. The server reads commands from a pipe: first ours, then what the user types.
 # ----------------------------------------------------------------------------------------------
 
-coproc SERVER { exec "$here/build/velocast-nfs" -md int; }
+# In a session of its own, because a second signal ends it at once: what a key sends to everybody at
+# the terminal must reach it once, through us.
+coproc SERVER { exec setsid "$here/build/velocast-nfs" -md int; }
 server=$SERVER_PID
 exec {commands}>&"${SERVER[1]}" {output}<&"${SERVER[0]}"
 
 # A signal for this script is meant for the server, which then ends by itself.
 interrupted=0
-trap 'interrupted=1; kill -TERM "$server" 2>/dev/null || true' INT TERM HUP
+for signal in INT TERM HUP; do
+    # shellcheck disable=SC2064 # the name of the signal is expanded here
+    trap "interrupted=1; kill -$signal \$server 2>/dev/null || true" "$signal"
+done
 
 # Waits for the end of the server; its exit code is the result.
 wait_for_server() {

@@ -3,23 +3,26 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "ExitCleanup.h"
 #include "FileLogger.h"
 #include "NfsIpcClientMain.h"
 #include "NfsIpcServerMain.h"
 #include "NfsMain.h"
 #include "RuntimeParam.h"
+#include "StandardOutput.h"
 #include "Utilities.h"
 
 namespace {
@@ -62,17 +65,28 @@ constexpr const char* COMMAND_DEBUG_ACTION = "debugaction ";
 constexpr const char* COMMAND_ADD_VSPHERE = "addvsphereinfo ";
 constexpr const char* COMMAND_REMOVE_VSPHERE = "removevsphereinfo ";
 
-volatile std::sig_atomic_t g_bExitRequested = 0;
+// What SIGINT, SIGTERM and SIGHUP do.
+enum : int {
+    END_AT_ONCE,    // end the process
+    END_IN_ORDER,   // ask the command loop to end
+    END_REQUESTED,  // it was asked: end the process, but for a SIGHUP
+};
+std::atomic<int> g_iOnSignal{END_AT_ONCE};
+
+// The settings of a terminal that IsKeyboardHit has changed for a moment.
+struct termios g_Settings {};
+std::atomic<bool> g_bSettingsChanged{false};
+
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "a signal handler must not wait for a lock");
 
 void Print(const char* pcFmt, ...) VELOCAST_PRINTF(1, 2);
 
-// Prints to standard output at once, also when that is a pipe.
 void Print(const char* pcFmt, ...) {
     va_list vaArgs;
     va_start(vaArgs, pcFmt);
-    std::vprintf(pcFmt, vaArgs);
+    CStandardOutput::PrintArgs(pcFmt, vaArgs);
     va_end(vaArgs);
-    std::fflush(stdout);
 }
 
 // Leaves no copy of a text behind: it may hold a password.
@@ -100,6 +114,7 @@ public:
             return true;
         }
         if (sLine == COMMAND_QUIT) {
+            CStandardOutput::EndWaits();
             Print("\nExit\n");
             return false;
         }
@@ -251,12 +266,12 @@ struct CConsoleUtilities::Options {
     std::string sID = "cRun";
     int iLogControl = 0;
     std::string sMode;
+    bool bLogFile = false;
     std::string sLogFile;
     std::string sPidFile;
     std::string sTestPath;
     long long iTestSize = 0;  // bytes
 
-    bool IsInteractive() const { return !bShutdown && !bQuery && !bTest; }
     int AccessMode() const {
         if (sMode == MODE_CLIENT) {
             return ACCESS_MODE_IPC_CLIENT;
@@ -301,6 +316,7 @@ bool CConsoleUtilities::ParseOptions(const char* pcProgramName, const char* pcAr
             }
             pOptions->sMode = sValue;
         } else if (sOption == OPTION_LOG_FILE) {
+            pOptions->bLogFile = true;
             pOptions->sLogFile = sValue;
         } else if (sOption == OPTION_PID_FILE) {
             pOptions->sPidFile = sValue;
@@ -357,36 +373,85 @@ void CConsoleUtilities::PrintUsage(const char* pcProgramName) {
 // Run
 // =================================================================================================
 
-void CConsoleUtilities::RequestExit() { g_bExitRequested = 1; }
-
 bool CConsoleUtilities::IsExitRequested(CNfsMain* pNfsMain) {
-    return pNfsMain->IsAutoShutdownRequested() || g_bExitRequested != 0;
+    return pNfsMain->IsAutoShutdownRequested() || g_iOnSignal == END_REQUESTED;
 }
 
 namespace {
 
-// While it lives, SIGINT and SIGTERM ask the command loop to end.
+constexpr int EXIT_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
+
+// Ends the process as the signal's default effect does, and leaves nothing behind.
+[[noreturn]] void EndAtOnce(int iSignal) {
+    CExitCleanup::Run();
+    if (g_bSettingsChanged) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &g_Settings);
+    }
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    sigaction(iSignal, &action, nullptr);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, iSignal);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    raise(iSignal);
+    _exit(128 + iSignal);  // the first process of a container survives its own signals
+}
+
+void OnExitSignal(int iSignal) {
+    const int iError = errno;
+    int iNow = END_IN_ORDER;
+    if (g_iOnSignal.compare_exchange_strong(iNow, END_REQUESTED)) {
+        CStandardOutput::EndWaits();
+    } else if (iNow != END_REQUESTED || iSignal != SIGHUP) {
+        EndAtOnce(iSignal);
+    }  // else a terminal that goes away: its shell may tell of it a second time
+    errno = iError;
+}
+
+// While it lives, SIGINT, SIGTERM and SIGHUP end the process, in order where the command loop can.
 class ExitSignals {
 public:
     ExitSignals() {
         struct sigaction action {};
-        action.sa_handler = [](int) { CConsoleUtilities::RequestExit(); };
+        action.sa_handler = OnExitSignal;
         action.sa_flags = SA_RESTART;  // the services' threads go on undisturbed
         sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &m_Interrupt);
-        sigaction(SIGTERM, &action, &m_Terminate);
+        for (const int iSignal : EXIT_SIGNALS) {
+            sigaddset(&action.sa_mask, iSignal);
+        }
+        for (std::size_t i = 0; i < std::size(EXIT_SIGNALS); ++i) {
+            sigaction(EXIT_SIGNALS[i], nullptr, &m_Saved[i]);
+            // Who is told to outlive its terminal (nohup) does.
+            if (EXIT_SIGNALS[i] != SIGHUP || m_Saved[i].sa_handler != SIG_IGN) {
+                sigaction(EXIT_SIGNALS[i], &action, nullptr);
+            }
+        }
     }
     ~ExitSignals() {
-        sigaction(SIGINT, &m_Interrupt, nullptr);
-        sigaction(SIGTERM, &m_Terminate, nullptr);
+        for (std::size_t i = 0; i < std::size(EXIT_SIGNALS); ++i) {
+            sigaction(EXIT_SIGNALS[i], &m_Saved[i], nullptr);
+        }
     }
     ExitSignals(const ExitSignals&) = delete;
     ExitSignals& operator=(const ExitSignals&) = delete;
 
 private:
-    struct sigaction m_Interrupt {};
-    struct sigaction m_Terminate {};
+    struct sigaction m_Saved[std::size(EXIT_SIGNALS)]{};
 };
+
+// From now on signals end the command loop in order.
+void EndInOrderOnSignal() {
+    int iNow = END_AT_ONCE;
+    g_iOnSignal.compare_exchange_strong(iNow, END_IN_ORDER);
+}
+
+// From now on signals end the process at once; false when the loop has already been asked to end.
+bool EndAtOnceOnSignal() {
+    int iNow = END_IN_ORDER;
+    g_iOnSignal.compare_exchange_strong(iNow, END_AT_ONCE);
+    return iNow != END_REQUESTED;
+}
 
 // Null for an unknown mode.
 std::unique_ptr<CNfsMain> CreateMain(int iAccessMode, const char* pcID, int iLogControl) {
@@ -410,11 +475,7 @@ int CConsoleUtilities::Run(const char* pcProgramName, const char* pcArguments) {
     if (!ParseOptions(pcProgramName, pcArguments, &options, &iExitCode)) {
         return iExitCode;
     }
-    // An action that hangs is ended by a signal as usual.
-    std::unique_ptr<ExitSignals> pSignals;
-    if (options.IsInteractive()) {
-        pSignals = std::make_unique<ExitSignals>();
-    }
+    const ExitSignals signals;
 
     const char* pcPidFile = options.sPidFile.c_str();
     char cReason[STATUS_SIZE] = "";
@@ -437,7 +498,7 @@ int CConsoleUtilities::Run(const char* pcProgramName, const char* pcArguments) {
         if (iAccessMode != ACCESS_MODE_IPC_CLIENT && options.bShutdown) {
             Print("Auto shutdown is activated, terminate now\n");
         } else {
-            if (!options.sLogFile.empty()) {
+            if (options.bLogFile) {
                 pFileLogger = std::make_unique<CFileLogger>(options.sLogFile.c_str());
                 if (pFileLogger->Open(options.iLogControl)) {
                     pNfsMain->SetFileLogger(pFileLogger.get());
@@ -561,13 +622,62 @@ void CConsoleUtilities::PrintStatus(CNfsMain* pNfsMain) {
 
 namespace {
 
-// Whether nothing will follow a read of standard input that brought nothing.  A terminal goes on
-// after its end-of-file key.
-bool IsEndOfInput(ssize_t iRead) {
-    if (iRead == -1) {
-        return errno != EINTR && errno != EAGAIN;
+constexpr int NEVER = 0;
+
+// After how many looks at an ended standard input the text behind the last newline is a line as it
+// stands, or NEVER.
+int LooksAtTheEnd() {
+    struct stat data {};
+    if (fstat(STDIN_FILENO, &data) == -1 || S_ISCHR(data.st_mode)) {
+        return NEVER;  // a terminal, whose end-of-file key, or its loss, does not end a line
     }
-    return isatty(STDIN_FILENO) == 0;
+    // Whoever wrote to a pipe has closed it; a file may be growing, and its writer has some time
+    // for the rest of the line.
+    return S_ISREG(data.st_mode) ? 10 : 1;
+}
+
+// In the background the terminal's keys are somebody else's.  A terminal that does not control
+// this process has no background.
+bool IsInBackground() {
+    const pid_t iGroup = tcgetpgrp(STDIN_FILENO);
+    return iGroup > 0 && iGroup != getpgrp();
+}
+
+// Takes a terminal out of its line mode, in which it gives no single characters, while it lives.
+class CharacterMode {
+public:
+    CharacterMode() {
+        m_bTerminal = tcgetattr(STDIN_FILENO, &g_Settings) == 0;
+        if (m_bTerminal) {
+            struct termios settings = g_Settings;
+            settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+            g_bSettingsChanged = true;
+            tcsetattr(STDIN_FILENO, TCSANOW, &settings);
+        }
+    }
+    ~CharacterMode() {
+        // A shell that has taken the terminal over meanwhile has its own settings.
+        if (m_bTerminal && !IsInBackground()) {
+            tcsetattr(STDIN_FILENO, TCSANOW, &g_Settings);
+        }
+        g_bSettingsChanged = false;
+    }
+    CharacterMode(const CharacterMode&) = delete;
+    CharacterMode& operator=(const CharacterMode&) = delete;
+
+    bool IsTerminal() const { return m_bTerminal; }
+
+private:
+    bool m_bTerminal;
+};
+
+// Whether standard input can be read, or has ended, within a time.
+bool WaitForInput(int iMs) {
+    // Asked with poll, not made non-blocking: other processes share the input's open file.
+    struct pollfd input {
+        STDIN_FILENO, POLLIN, 0
+    };
+    return poll(&input, 1, iMs) > 0;
 }
 
 }  // namespace
@@ -576,35 +686,14 @@ bool CConsoleUtilities::IsKeyboardHit() {
     if (!m_sPending.empty()) {
         return true;
     }
-    if (m_bEndOfInput) {
+    if (IsInBackground()) {
         return false;
     }
-    // A terminal gives single characters only out of its line mode.
-    struct termios saved {};
-    const bool bTerminal = tcgetattr(STDIN_FILENO, &saved) == 0;
-    if (bTerminal && tcgetpgrp(STDIN_FILENO) != getpgrp()) {
-        return false;  // in the background: its keys are not ours, and touching it would stop us
-    }
-    if (bTerminal) {
-        struct termios raw = saved;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
-    // Asked with poll, not made non-blocking: other processes share the input's open file.
-    struct pollfd input {
-        STDIN_FILENO, POLLIN, 0
-    };
+    const CharacterMode mode;
     char c = 0;
-    if (poll(&input, 1, 0) > 0) {
-        const ssize_t iRead = read(STDIN_FILENO, &c, 1);
-        if (iRead != 1) {
-            m_bEndOfInput = IsEndOfInput(iRead);
-        } else if (c != '\0' || !bTerminal) {  // NUL: the end-of-file key, out of the line mode
-            m_sPending.push_back(c);
-        }
-    }
-    if (bTerminal) {
-        tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+    if (WaitForInput(0) && read(STDIN_FILENO, &c, 1) == 1 &&
+        (c != '\0' || !mode.IsTerminal())) {  // NUL: the end-of-file key, out of the line mode
+        m_sPending.push_back(c);
     }
     return !m_sPending.empty();
 }
@@ -612,10 +701,13 @@ bool CConsoleUtilities::IsKeyboardHit() {
 void CConsoleUtilities::MsSleep(int iMs) { usleep(static_cast<useconds_t>(iMs) * 1000); }
 
 bool CConsoleUtilities::ReadLine(CNfsMain* pNfsMain, std::string* psLine) {
+    const int iLooksAtTheEnd = LooksAtTheEnd();
+    int iLooks = 0;  // at the end, since the last character
     for (;;) {
         const std::size_t iNewline = m_sPending.find('\n');
         const bool bLine = iNewline < MAX_LINE - 1;
-        if (bLine || m_sPending.size() >= MAX_LINE - 1 || m_bEndOfInput) {
+        const bool bEnd = iLooksAtTheEnd != NEVER && iLooks >= iLooksAtTheEnd;
+        if (bLine || bEnd || m_sPending.size() >= MAX_LINE - 1) {
             const std::size_t iLen = std::min(bLine ? iNewline : m_sPending.size(), MAX_LINE - 1);
             psLine->assign(m_sPending, 0, iLen);
             std::string sRest(m_sPending, std::min(iLen + (bLine ? 1 : 0), m_sPending.size()));
@@ -627,10 +719,11 @@ bool CConsoleUtilities::ReadLine(CNfsMain* pNfsMain, std::string* psLine) {
         if (IsExitRequested(pNfsMain)) {
             return false;
         }
-        struct pollfd input {
-            STDIN_FILENO, POLLIN, 0
-        };
-        if (poll(&input, 1, POLL_MS) <= 0) {
+        if (IsInBackground()) {
+            MsSleep(POLL_MS);
+            continue;
+        }
+        if (!WaitForInput(POLL_MS)) {
             continue;
         }
         char cBuf[MAX_LINE];
@@ -638,20 +731,32 @@ bool CConsoleUtilities::ReadLine(CNfsMain* pNfsMain, std::string* psLine) {
         if (iRead > 0) {
             m_sPending.append(cBuf, static_cast<std::size_t>(iRead));
             explicit_bzero(cBuf, static_cast<std::size_t>(iRead));
+            iLooks = 0;
         } else {
-            m_bEndOfInput = IsEndOfInput(iRead);
+            if (iRead == 0 || (errno != EINTR && errno != EAGAIN)) {
+                ++iLooks;
+            }
+            if (iLooks != iLooksAtTheEnd) {
+                MsSleep(POLL_MS);  // an ended input is always ready
+            }
         }
     }
 }
 
 void CConsoleUtilities::ProcessCommand(CNfsMain* pNfsMain, CFileLogger* pFileLogger) {
-    const auto prompt = [] { Print("\n%s: ", "Command"); };
+    // Whoever sees the prompt may end the loop.
+    const auto prompt = [] {
+        EndInOrderOnSignal();
+        Print("\n%s: ", "Command");
+    };
+    const bool bClient = pNfsMain->GetAccessMode() == ACCESS_MODE_IPC_CLIENT;
     CommandLoop loop(pNfsMain, pFileLogger);
     m_sPending.reserve(2 * MAX_LINE);  // never moved, so never copied
     Print("Type '%s' to see help\n", COMMAND_HELP);
     prompt();
     for (;;) {
         if (IsExitRequested(pNfsMain)) {
+            CStandardOutput::EndWaits();
             Print("\nExit by request\n");
             return;
         }
@@ -662,12 +767,17 @@ void CConsoleUtilities::ProcessCommand(CNfsMain* pNfsMain, CFileLogger* pFileLog
         std::string sLine;
         if (ReadLine(pNfsMain, &sLine)) {
             sLine.resize(std::strlen(sLine.c_str()));
-            const bool bGoOn = loop.Execute(sLine);
+            // What a controller does waits for another process, without a limit, and leaves nothing
+            // here to be ended in order.
+            const bool bExecute = !bClient || EndAtOnceOnSignal();
+            const bool bGoOn = !bExecute || loop.Execute(sLine);
             Wipe(&sLine);
             if (!bGoOn) {
                 return;
             }
-            prompt();
+            if (bExecute) {
+                prompt();
+            }
         }
     }
 }
@@ -711,9 +821,12 @@ bool CConsoleUtilities::CreatePidFile(const char* pcPath, int iLogControl, char*
             return false;
         }
     }
+    CExitCleanup::AddFile(pcPath);
     const int iFile = utilities.OS_FileForceOpen(&param, &logArgu, pcPath, pcReason);
     bool bOk = iFile != -1;
-    if (bOk) {
+    if (!bOk) {
+        CExitCleanup::Forget(pcPath);
+    } else {
         char cNumber[32];
         const int iLen =
             std::snprintf(cNumber, sizeof(cNumber), "%d\n", static_cast<int>(getpid()));
@@ -728,11 +841,14 @@ bool CConsoleUtilities::CreatePidFile(const char* pcPath, int iLogControl, char*
 }
 
 void CConsoleUtilities::RemovePidFile(const char* pcPath, int iLogControl) {
-    if (pcPath == nullptr || *pcPath == '\0' || !CUtilities::OS_IsFileExists(pcPath)) {
+    if (pcPath == nullptr || *pcPath == '\0') {
         return;
     }
-    LogArgu logArgu{"CConsoleUtilities.RemovePidFile"};
-    CUtilities utilities;
-    CRuntimeParam param("", iLogControl | LOG_CONTROL_ERROR);
-    utilities.OS_FileRemove(&param, &logArgu, pcPath, nullptr);
+    if (CUtilities::OS_IsFileExists(pcPath)) {
+        LogArgu logArgu{"CConsoleUtilities.RemovePidFile"};
+        CUtilities utilities;
+        CRuntimeParam param("", iLogControl | LOG_CONTROL_ERROR);
+        utilities.OS_FileRemove(&param, &logArgu, pcPath, nullptr);
+    }
+    CExitCleanup::Forget(pcPath);
 }

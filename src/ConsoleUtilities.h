@@ -9,7 +9,7 @@ class CFileLogger;
 class CNfsMain;
 class CUtilities;
 
-// Thread safety: used by the main thread; RequestExit may be called from a signal handler.
+// Thread safety: used by the main thread.
 class CConsoleUtilities {
 public:
     CConsoleUtilities() = default;
@@ -21,9 +21,6 @@ public:
     // exit code.
     int Run(const char* pcProgramName, const char* pcArguments);
 
-    // Ends the command loop as an auto-shutdown request does.  Async-signal-safe.
-    static void RequestExit();
-
     // The first two parts of a text split at "="; false when there are fewer.
     static bool SplitValue(CUtilities* pUtilities, const char* pcValue, std::string* psFirst,
                            std::string* psSecond);
@@ -32,7 +29,7 @@ public:
     static void PrintStatus(CNfsMain* pNfsMain);
 
     // Whether a character of standard input waits; it is kept for the next line.  False at the end
-    // of the input, again and again.
+    // of the input, which may go on later, and in the background of a terminal.
     bool IsKeyboardHit();
     static void MsSleep(int iMs);
     // The command loop.
@@ -57,7 +54,6 @@ private:
     static bool IsExitRequested(CNfsMain* pNfsMain);
 
     std::string m_sPending;  // read from standard input, not yet part of a line
-    bool m_bEndOfInput = false;
 };
 
 #endif

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "ExitCleanup.h"
 #include "NfsMain.h"
 #include "RuntimeParam.h"
 
@@ -88,6 +89,7 @@ bool CIpcServer::OpenSocket(LogArgu* pLogArgu, const char* pcChannel, char* pcEr
         inst.socketAddr.sun_path[0] = '\0';  // a cut name would be somebody else's channel
         return Fail(pcError, "Fail to bind ipc server socket. %s", ENAMETOOLONG);
     }
+    CExitCleanup::AddFile(pcChannel);
     std::remove(pcChannel);  // left by an earlier run
     if (m_pRuntimeParam->IsLogIpcState()) {
         LogInfo("[%s] Bind ipc server socket", pLogArgu->pcName);
@@ -135,6 +137,7 @@ bool CIpcServer::Close(char* /*pcError*/) {
         if (CUtilities::OS_IsFileExists(pcChannel)) {
             m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
         }
+        CExitCleanup::Forget(pcChannel);
     }
     inst = {};
     inst.iSocket = -1;

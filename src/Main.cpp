@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -37,8 +36,11 @@ void RaiseDescriptorLimit() {
 int main(int argc, char* argv[]) {
     OpenStandardStreams();
     RaiseDescriptorLimit();
-    std::signal(SIGPIPE, SIG_IGN);  // whoever reads our output may go away, the services stay
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // The services stay when whoever reads our output goes away, and when the terminal is used from
+    // the background: it then answers with an error instead of stopping the process.
+    for (const int iSignal : {SIGPIPE, SIGTTIN, SIGTTOU}) {
+        std::signal(iSignal, SIG_IGN);
+    }
 
     const char* pcProgram = argc > 0 ? argv[0] : "";
     const char* pcSlash = std::strrchr(pcProgram, '\\');

@@ -11,6 +11,7 @@
 #include "RpcServer.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
+#include "StandardOutput.h"
 #include "Utilities.h"
 
 namespace {
@@ -338,6 +339,7 @@ bool CNfsMain::RequestAutoShutdown() {
         return false;
     }
     m_bAutoShutdownRequested = true;
+    CStandardOutput::EndWaits();  // the front end that is to notice may be printing
     return true;
 }
 

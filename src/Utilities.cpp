@@ -22,8 +22,10 @@
 #include <type_traits>
 
 #include "Callback.h"
+#include "ExitCleanup.h"
 #include "FileLogger.h"
 #include "RedirectedFile.h"
+#include "StandardOutput.h"
 #include "VSphereWebController.h"
 
 namespace {
@@ -1318,6 +1320,9 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
                 "Cannot start platrorm test. Error=Test directory \"%s\" already exist", pcTestDir);
         return;
     }
+    CExitCleanup::AddFile(pcTestFile);
+    CExitCleanup::AddFile(pcSecondFile);
+    CExitCleanup::AddFolder(pcTestDir);
 
     LogInfo(pRuntimeParam, "%s",
             "=============================== START TEST ===============================");
@@ -1431,6 +1436,9 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
     }
     if (OS_IsFileExists(pcTestDir)) {
         OS_FolderRemove(pRuntimeParam, &logArgu, pcTestDir, nullptr);
+    }
+    for (const char* pcPath : {pcTestFile, pcSecondFile, pcTestDir}) {
+        CExitCleanup::Forget(pcPath);
     }
     LogInfo(pRuntimeParam, "%s",
             "================================ END TEST ================================");
@@ -1673,8 +1681,7 @@ void CUtilities::LogInfo(const char* pcID, char* pcMessage) {
     if (pFileLogger != nullptr && pFileLogger->LogInfo(pcMessage)) {
         return;
     }
-    std::printf("[info] (%s) %s\n", pcID, pcMessage);
-    std::fflush(stdout);
+    CStandardOutput::Print("[info] (%s) %s\n", pcID, pcMessage);
 }
 
 void CUtilities::LogError(const char* pcID, char* pcMessage) {
@@ -1686,8 +1693,7 @@ void CUtilities::LogError(const char* pcID, char* pcMessage) {
     if (pFileLogger != nullptr && pFileLogger->LogError(pcMessage)) {
         return;
     }
-    std::printf("[erro] (%s) %s\n", pcID, pcMessage);
-    std::fflush(stdout);
+    CStandardOutput::Print("[erro] (%s) %s\n", pcID, pcMessage);
 }
 
 void CUtilities::LogRaw(const char* pcID, char* pcMessage) {
@@ -1699,8 +1705,7 @@ void CUtilities::LogRaw(const char* pcID, char* pcMessage) {
     if (pFileLogger != nullptr && pFileLogger->LogRaw(pcMessage)) {
         return;
     }
-    std::printf("%s\n", pcMessage);
-    std::fflush(stdout);
+    CStandardOutput::Print("%s\n", pcMessage);
 }
 
 int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,

@@ -1,17 +1,24 @@
 #include "VSphereWebController.h"
 
+#include <paths.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #if !defined(__linux__)
 #include <sys/sysctl.h>
 #endif
 
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "ExitCleanup.h"
 #include "Utilities.h"
+
+extern char** environ;
 
 namespace {
 
@@ -43,6 +50,48 @@ std::string GetExecutableFolder() {
     return iSlash != std::string::npos ? sPath.substr(0, iSlash + 1) : "";
 }
 
+// Runs a command through the system shell and waits for it.  It starts as from a login, with every
+// signal at its default effect and none blocked, whatever this process does with them; and in a
+// session of its own, so that a key typed at our terminal does not end it half way, and so that it
+// can be ended together with what it starts.
+void RunCommand(char* pcCommand) {
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t signals;
+    sigfillset(&signals);
+    sigdelset(&signals, SIGKILL);
+    sigdelset(&signals, SIGSTOP);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+#if defined(POSIX_SPAWN_SETSID)
+    constexpr short GROUP_FLAG = POSIX_SPAWN_SETSID;
+#else
+    constexpr short GROUP_FLAG = POSIX_SPAWN_SETPGROUP;
+#endif
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | GROUP_FLAG);
+    char cShell[] = "sh";
+    char cOption[] = "-c";
+    char* pcArguments[] = {cShell, cOption, pcCommand, nullptr};
+    pid_t iProcess = -1;
+    const int iError =
+        posix_spawn(&iProcess, _PATH_BSHELL, nullptr, &attributes, pcArguments, environ);
+    posix_spawnattr_destroy(&attributes);
+    if (iError != 0) {
+        return;
+    }
+    CExitCleanup::SetHelper(iProcess);
+    // Its number stays taken until it is forgotten, so that no other process is ever ended for it.
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(iProcess), &info, WEXITED | WNOWAIT) == -1 &&
+           errno == EINTR) {
+    }
+    CExitCleanup::SetHelper(0);
+    while (waitpid(iProcess, nullptr, 0) == -1 && errno == EINTR) {
+    }
+}
+
 }  // namespace
 
 CVSphereWebController::CVSphereWebController(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
@@ -70,7 +119,7 @@ void CVSphereWebController::RemoveSession(const char* pcMoid, const char* pcHost
                                pcMoid);
     } else {
         // What the helper answers changes nothing: the service stops in any case.
-        [[maybe_unused]] const int iStatus = std::system(cCommand);
+        RunCommand(cCommand);
     }
     explicit_bzero(cCommand, sizeof(cCommand));  // it held the password
 }

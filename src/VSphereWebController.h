@@ -18,9 +18,10 @@ public:
     CVSphereWebController(const CVSphereWebController&) = delete;
     CVSphereWebController& operator=(const CVSphereWebController&) = delete;
 
-    // Runs the helper once, through the system shell, and waits for it; what it answers is ignored.
-    // Only the helper's path is quoted: the shell sees the values as they are.  Does nothing when
-    // an argument is null; logs an error, and runs nothing, when the command exceeds 1,023 bytes.
+    // Runs the helper once, through the system shell, with every signal at its default effect and
+    // in a session of its own, and waits for it; what it answers is ignored. Only the helper's path
+    // is quoted: the shell sees the values as they are.  Does nothing when an argument is null;
+    // logs an error, and runs nothing, when the command exceeds 1,023 bytes.
     void RemoveSession(const char* pcMoid, const char* pcHost, const char* pcPort,
                        const char* pcUser, const char* pcPwd);
 

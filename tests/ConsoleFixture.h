@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -208,24 +209,38 @@ inline long SleepCount(pid_t pid) {
     return std::stol(status.substr(status.find(label) + label.size()));
 }
 
-// The program with a pseudo terminal as its standard streams and controlling terminal.
+// The program with a pseudo terminal as its standard streams and, unless told otherwise, its
+// controlling terminal.
 class TerminalRun {
 public:
-    explicit TerminalRun(std::vector<std::string> arguments) {
+    enum class Terminal { Controlling, NotControlling };
+
+    explicit TerminalRun(std::vector<std::string> arguments,
+                         Terminal terminal = Terminal::Controlling) {
         arguments = CommandLine(std::move(arguments));
         std::vector<char*> pointers;
         for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
         }
         pointers.push_back(nullptr);
-        m_pid = forkpty(&m_master, nullptr, nullptr, nullptr);
-        if (m_pid == -1) {
-            throw std::runtime_error(std::string("forkpty: ") + std::strerror(errno));
+        int slave = -1;
+        if (openpty(&m_master, &slave, nullptr, nullptr, nullptr) != 0 || (m_pid = fork()) == -1) {
+            throw std::runtime_error(std::string("terminal: ") + std::strerror(errno));
         }
         if (m_pid == 0) {
+            close(m_master);
+            setsid();
+            if (terminal == Terminal::Controlling) {
+                ioctl(slave, TIOCSCTTY, 0);
+            }
+            for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                dup2(slave, fd);
+            }
+            close(slave);
             execv(pointers[0], pointers.data());
             _exit(127);
         }
+        close(slave);
         m_settings = Settings();
     }
     ~TerminalRun() {
@@ -234,7 +249,7 @@ public:
             kill(m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
         }
-        close(m_master);
+        HangUp();
     }
     TerminalRun(const TerminalRun&) = delete;
     TerminalRun& operator=(const TerminalRun&) = delete;
@@ -243,6 +258,13 @@ public:
         ASSERT_EQ(static_cast<ssize_t>(text.size()), write(m_master, text.data(), text.size()));
     }
     void Signal(int number) const { kill(m_pid, number); }
+    // Takes the terminal away.
+    void HangUp() {
+        if (m_master != -1) {
+            close(m_master);
+            m_master = -1;
+        }
+    }
 
     // Waits until the screen shows a text behind an offset of Output().
     [[nodiscard]] bool WaitForOutput(const std::string& text, std::size_t from = 0) {

@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,17 @@ inline Words Unmount(const std::string& moid, const std::string& host, const std
                      const std::string& user, const std::string& password) {
     return {"-host",  host,      "-port",           port,    "-user", user, "-pwd",
             password, "-method", "removeDatastore", "-argu", moid};
+}
+
+// A set of signals in the kernel's description of a process, without the two (32 and 33) that a C
+// library keeps for itself, and that posix_spawn starts a program with ignored.
+inline std::uint64_t SignalSet(const std::string& status, const std::string& name) {
+    const std::string label = "\n" + name + ":\t";
+    const std::size_t begin = status.find(label);
+    if (begin == std::string::npos) {
+        throw std::runtime_error("no " + name + " in: " + status);
+    }
+    return std::stoull(status.substr(begin + label.size(), 16), nullptr, 16) & ~0x180000000ULL;
 }
 
 // The helper in a folder that exists. It never succeeds, so that every test shows that what it

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -60,16 +62,22 @@ ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
     return static_cast<ssize_t>(count);
 }
 
-int system(const char* command) {
-    static auto* const next = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const arguments[],
+                char* const environment[]) {
+    static auto* const next =
+        reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
+    EXPECT_STREQ("/bin/sh", path);
+    EXPECT_STREQ("-c", arguments[1]);
+    EXPECT_EQ(nullptr, arguments[3]);
     {
         const std::lock_guard<std::mutex> lock(g_mutex);
-        g_commands.emplace_back(command);
+        g_commands.emplace_back(arguments[2]);
     }
     if (g_beforeCommand) {
         g_beforeCommand();
     }
-    return next(command);
+    return next(pid, path, actions, attributes, arguments, environment);
 }
 
 }  // extern "C"
@@ -181,6 +189,31 @@ TEST_F(VSphereWebController, WithoutTheExecutablesPathTheSearchPathCounts) {
                 ElementsAre("\"dsPurgeToolFbdX86\" -host host1 -port 443 -user root -pwd secret"
                             " -method removeDatastore -argu ds-1"));
     EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
+}
+
+TEST_F(VSphereWebController, HelperStartsWithDefaultSignalsAndASessionOfItsOwn) {
+    const std::string status = m_folder / "status";
+    const RecordingHelper helper(m_folder.Path(),
+                                 "cat /proc/self/status /proc/self/stat >'" + status + "'");
+    sigset_t blocked;
+    sigset_t saved;
+    sigfillset(&blocked);
+    ASSERT_EQ(0, pthread_sigmask(SIG_SETMASK, &blocked, &saved));
+    const std::vector<int> ignored{SIGPIPE, SIGHUP, SIGTTIN, SIGTTOU, SIGUSR1, SIGTERM};
+    for (const int number : ignored) {
+        signal(number, SIG_IGN);
+    }
+    m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
+    for (const int number : ignored) {
+        signal(number, SIG_DFL);
+    }
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    const std::string text = support::ReadFile(status);
+    EXPECT_EQ(0u, datastore::SignalSet(text, "SigBlk"));
+    EXPECT_EQ(0u, datastore::SignalSet(text, "SigIgn"));
+    // Number (name) state parent group session terminal: its own session has none.
+    EXPECT_THAT(text,
+                ::testing::ContainsRegex("\n([0-9]+) \\([^)]*\\) [A-Z] [0-9]+ [0-9]+ [0-9]+ 0 "));
 }
 
 TEST_F(VSphereWebController, MissingHelperIsNoError) {

@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <tuple>
 
 #include "ConsoleFixture.h"
@@ -216,8 +218,8 @@ TEST(CommandLineTest, AnEmptyIdIsAValueAndIsRefusedLater) {
     EXPECT_FALSE(FileExists(pidFile));
 }
 
-TEST(CommandLineTest, EmptyFileOptionsMeanNoFile) {
-    const RunResult result = RunConsole({"-md", "int", "-pidfile", "", "-logfile", ""}, "quit\n");
+TEST(CommandLineTest, AnEmptyPidFileMeansNone) {
+    const RunResult result = RunConsole({"-md", "int", "-pidfile", ""}, "quit\n");
     EXPECT_EQ(ExitStatus::Code(0), result.status);
     EXPECT_EQ(kOpening + "\nExit\n", result.output);
 }
@@ -642,6 +644,70 @@ TEST(ConsoleInputTest, CommandsComeFromAFileToo) {
     EXPECT_EQ(kOpening + kPrompt + "[info] (cRun) x\n" + kPrompt + "\nExit\n", program.Output());
 }
 
+TEST(ConsoleInputTest, TheLastLineOfAFileNeedsNoNewline) {
+    const ScopedTempDir folder;
+    WriteFile(folder / "commands", "help\nquit");
+    Process program(
+        {"sh", "-c", "exec \"$0\" -md int <\"$1\"", ServerProgram(), folder / "commands"});
+    EXPECT_EQ(ExitStatus::Code(0), program.WaitExit());
+    EXPECT_EQ(kOpening + kHelp + kHelpEnd + kPrompt + "\nExit\n", program.Output());
+}
+
+TEST(ConsoleInputTest, AFifoIsReadEachTimeThatItIsWritten) {
+    const ScopedTempDir folder;
+    const std::string fifo = folder / "ctl";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    Process program({"sh", "-c", "exec \"$0\" -md int <\"$1\"", ServerProgram(), fifo});
+    for (const auto& [text, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"help\n", kHelp + kHelpEnd},
+             {"", ""},
+             {"status\n", "\n" + Status("Stopped")},
+             {"\nhelp", kPrompt + kHelp + kHelpEnd},  // who closes it has ended the line
+             {"debug\nprint x\n", kPrompt + "[info] (cRun) x\n"}}) {
+        const std::size_t from = program.OutputSize();
+        std::ofstream(fifo) << text;  // opened, written and closed, as `echo >ctl` does
+        EXPECT_TRUE(program.WaitForOutput(answer.empty() ? "" : answer + kPrompt, kPatience, from))
+            << program.Output(from);
+        EXPECT_LE(TicksOfASecond(program.Pid()), 20) << "with no writer";
+    }
+    std::ofstream(fifo) << "quit\n";
+    EXPECT_EQ(ExitStatus::Code(0), program.WaitExit());
+}
+
+TEST(ConsoleInputTest, AFileIsReadOnAsItGrows) {
+    const ScopedTempDir folder;
+    const std::string path = folder / "commands";
+    const auto append = [&](const std::string& text) {
+        std::ofstream(path, std::ios::app) << text;
+    };
+    WriteFile(path, "debug\n");
+    Process program({"sh", "-c", "exec \"$0\" -md int <\"$1\"", ServerProgram(), path});
+    ASSERT_TRUE(program.WaitForOutput(kOpening + kPrompt));
+    EXPECT_LE(TicksOfASecond(program.Pid()), 20);
+    for (const std::string text : {"one", "two"}) {
+        const std::size_t from = program.OutputSize();
+        append("print " + text + "\n");
+        EXPECT_TRUE(
+            program.WaitForOutput("[info] (cRun) " + text + "\n" + kPrompt, kPatience, from));
+    }
+    // A writer's buffer may end anywhere in a line.  The program looks ten times for the rest; a
+    // test that was held up for longer tries again.
+    for (int i = 0;; ++i) {
+        ASSERT_LT(i, 20) << program.Output();
+        const std::size_t from = program.OutputSize();
+        const long sleeps = SleepCount(program.Pid());
+        append("pri");
+        ASSERT_TRUE(WaitFor([&] { return SleepCount(program.Pid()) >= sleeps + 3; }));
+        append("nt three\n");
+        ASSERT_TRUE(program.WaitForOutput(kPrompt, kPatience, from));
+        if (program.Output(from) == "[info] (cRun) three\n" + kPrompt) {
+            break;
+        }
+    }
+    append("quit\n");
+    EXPECT_EQ(ExitStatus::Code(0), program.WaitExit());
+}
+
 TEST(ConsoleInputTest, OutputAppearsAtOnceInAPipe) {
     Process program(CommandLine({"-md", "int"}));
     // Neither a full buffer nor the program's end brings these out.
@@ -778,15 +844,54 @@ TEST(ConsoleTerminalTest, TheEndOfFileKeyIsNotTheEndOfTheTerminal) {
     EXPECT_EQ(ExitStatus::Code(0), run.WaitExit());
 }
 
+TEST(ConsoleTerminalTest, ATerminalThatDoesNotControlTheProgramIsReadAsAnyOther) {
+    TerminalRun run({"-md", "int"}, TerminalRun::Terminal::NotControlling);
+    ASSERT_TRUE(run.WaitForOutput(kOpening));
+    std::size_t from = run.Output().size();
+    run.Type("status\r");
+    EXPECT_TRUE(run.WaitForOutput("status\n\n" + Status("Stopped") + kPrompt, from));
+    from = run.Output().size();
+    run.Type("sta");
+    const long sleeps = SleepCount(run.Pid());
+    ASSERT_TRUE(WaitFor([&] { return SleepCount(run.Pid()) >= sleeps + 4; }));
+    run.Type("tus\r");
+    EXPECT_TRUE(run.WaitForOutput("\n" + Status("Stopped") + kPrompt, from));
+    EXPECT_LE(TicksOfASecond(run.Pid()), 20);
+    run.Type("quit\r");
+    EXPECT_EQ(ExitStatus::Code(0), run.WaitExit());
+    EXPECT_TRUE(run.HasFirstSettings());
+}
+
+TEST(ConsoleTerminalTest, TheLossOfATerminalThatDoesNotControlTheProgramEndsNothing) {
+    for (const std::string half : {"", "quit"}) {
+        const ScopedTempDir folder;
+        const std::string log = folder / "log";
+        TerminalRun run({"-md", "int", "-logfile", log}, TerminalRun::Terminal::NotControlling);
+        ASSERT_TRUE(run.WaitForOutput(kPrompt));
+        run.Type(half);
+        long sleeps = SleepCount(run.Pid());
+        ASSERT_TRUE(WaitFor([&] { return SleepCount(run.Pid()) >= sleeps + 4; }));
+        run.HangUp();
+        EXPECT_LE(TicksOfASecond(run.Pid()), 20) << "nor does it make it spin";
+        sleeps = SleepCount(run.Pid());
+        EXPECT_TRUE(WaitFor([&] { return SleepCount(run.Pid()) >= sleeps + 10; }))
+            << "the beginning of a line is no command";
+        run.Signal(SIGTERM);
+        EXPECT_EQ(ExitStatus::Code(0), run.WaitExit());
+    }
+}
+
 // ================================================================================================
 // The end
 // ================================================================================================
 
 class ConsoleSignalTest : public testing::TestWithParam<int> {};
 
-INSTANTIATE_TEST_SUITE_P(Signals, ConsoleSignalTest, testing::Values(SIGINT, SIGTERM),
+INSTANTIATE_TEST_SUITE_P(Signals, ConsoleSignalTest, testing::Values(SIGINT, SIGTERM, SIGHUP),
                          [](const auto& param) {
-                             return param.param == SIGINT ? "Interrupt" : "Terminate";
+                             return param.param == SIGINT    ? "Interrupt"
+                                    : param.param == SIGTERM ? "Terminate"
+                                                             : "HangUp";
                          });
 
 TEST_P(ConsoleSignalTest, EndsTheServerInOrder) {
@@ -815,7 +920,8 @@ TEST_P(ConsoleSignalTest, EndsTheServerInOrder) {
 TEST_P(ConsoleSignalTest, ReleasesThePorts) {
     Server server;
     EXPECT_EQ(6u, TakenPorts(kDefaultPorts).size());
-    server.Stop(GetParam() == SIGINT ? Server::StopBy::Interrupt : Server::StopBy::Terminate);
+    server.Program().Signal(GetParam());
+    EXPECT_EQ(ExitStatus::Code(0), server.WaitForDeath());
     EXPECT_TRUE(TakenPorts(kDefaultPorts).empty());
 }
 
@@ -839,11 +945,18 @@ TEST_P(ConsoleSignalTest, DoesNotWaitForTheRestOfALine) {
 }
 
 TEST_P(ConsoleSignalTest, MayComeTwice) {
-    Server server;
+    const ScopedTempDir folder;
+    Server server({.arguments = {"-pidfile", folder / "pid"}});
     server.Program().Signal(GetParam());
     server.Program().Signal(GetParam());
-    EXPECT_EQ(ExitStatus::Code(0), server.WaitForDeath());
-    EXPECT_TRUE(server.Output().ends_with(kPrompt + "\nExit by request\n")) << server.Output();
+    const ExitStatus status = server.WaitForDeath();
+    if (GetParam() == SIGHUP || status.exited) {
+        EXPECT_EQ(ExitStatus::Code(0), status);
+        EXPECT_TRUE(server.Output().ends_with(kPrompt + "\nExit by request\n")) << server.Output();
+    } else {
+        EXPECT_EQ(ExitStatus::Signal(GetParam()), status);  // it came before the end
+    }
+    EXPECT_FALSE(FileExists(folder / "pid"));
 }
 
 TEST(ConsoleTest, QuitStopsTheServices) {

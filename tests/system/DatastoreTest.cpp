@@ -235,6 +235,20 @@ TEST_F(Datastores, MissingHelperStopsNothing) {
     EXPECT_THAT(output, Not(HasSubstr("[erro]")));
 }
 
+// The program ignores some signals; the helper does not.
+TEST_F(Datastores, HelperStartsWithDefaultSignals) {
+    const ScopedTempDir folder;
+    const RecordingHelper helper(m_program.Path(),
+                                 "cat /proc/self/status >'" + (folder / "status") + "'");
+    Server server({.start = false});
+    server.Console("debug");
+    server.Console("addvsphereinfo ds-1 host1 443 root secret");
+    server.Stop();
+    const std::string status = ReadFile(folder / "status");
+    EXPECT_EQ(0u, datastore::SignalSet(status, "SigIgn"));
+    EXPECT_EQ(0u, datastore::SignalSet(status, "SigBlk"));
+}
+
 // A helper that stays behind must not keep the ports or the files of exports.
 TEST_F(Datastores, HelperInheritsNoSocketsOrFiles) {
     const ScopedTempDir folder;

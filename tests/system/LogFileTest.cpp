@@ -135,6 +135,18 @@ TEST_F(LogFileTest, ThatCannotBeMadeIsToldAndTheProgramGoesOn) {
               result.output);
 }
 
+TEST_F(LogFileTest, OfNoNameIsGivenAndCannotBeMade) {
+    const RunResult result = RunConsole({"-md", "int", "-logfile", ""}, "quit\n");
+    EXPECT_EQ(ExitStatus::Code(0), result.status);
+    const std::string reason = "No such file or directory (2)\n";
+    EXPECT_EQ("[erro] () [CFileLogger.Open] OS create file \"\". Error=" + reason +
+                  "[erro] () Fail to create log file \"\". Reason=" + reason +
+                  "Fail to create log file: \n" +
+                  "[info] (cRun) ID = cRun, LogControl = 0, AccessMode = 0\n" + kOpening +
+                  "\nExit\n",
+              result.output);
+}
+
 TEST_F(LogFileTest, ThatCannotBeMadeStillHasASize) {
     const RunResult result =
         RunConsole({"-md", "int", "-logfile", m_folder.Path(), "-pidfile", m_folder / "pid"},

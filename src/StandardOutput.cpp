@@ -1,0 +1,90 @@
+#include "StandardOutput.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+constexpr int STEP_MS = 50;
+constexpr int GRACE_MS = 1000;
+
+std::mutex g_hMutex;
+int g_iGraceMs = GRACE_MS;  // what is left of it; guarded by g_hMutex
+std::atomic<bool> g_bEndWaits{false};
+
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+
+// REQUIRES: g_hMutex held.  False when the output takes nothing any more.
+bool WaitForRoom() {
+    struct pollfd output {
+        STDOUT_FILENO, POLLOUT, 0
+    };
+    for (;;) {
+        const int iReady = poll(&output, 1, g_iGraceMs > 0 ? STEP_MS : 0);
+        if (iReady > 0) {
+            return true;
+        }
+        if (iReady == -1 && errno != EINTR) {
+            return false;
+        }
+        if (g_bEndWaits) {
+            g_iGraceMs -= STEP_MS;
+            if (g_iGraceMs <= 0) {
+                return false;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+void CStandardOutput::EndWaits() { g_bEndWaits = true; }
+
+void CStandardOutput::Print(const char* pcFmt, ...) {
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    PrintArgs(pcFmt, vaArgs);
+    va_end(vaArgs);
+}
+
+void CStandardOutput::PrintArgs(const char* pcFmt, va_list vaArgs) {
+    va_list vaAgain;
+    va_copy(vaAgain, vaArgs);
+    char cText[4096];  // a log line always fits, so that it never needs memory
+    const int iLen = std::vsnprintf(cText, sizeof(cText), pcFmt, vaArgs);
+    if (iLen >= static_cast<int>(sizeof(cText))) {
+        std::vector<char> vText(static_cast<std::size_t>(iLen) + 1);
+        std::vsnprintf(vText.data(), vText.size(), pcFmt, vaAgain);
+        Write(vText.data(), static_cast<std::size_t>(iLen));
+    } else if (iLen > 0) {
+        Write(cText, static_cast<std::size_t>(iLen));
+    }
+    va_end(vaAgain);
+}
+
+void CStandardOutput::Write(const char* pcText, std::size_t iLen) {
+    const std::lock_guard<std::mutex> lock(g_hMutex);
+    while (iLen > 0) {
+        if (!WaitForRoom()) {
+            return;
+        }
+        // A pipe that is ready takes this many bytes at once.
+        const ssize_t iWritten =
+            write(STDOUT_FILENO, pcText, std::min(iLen, static_cast<std::size_t>(PIPE_BUF)));
+        if (iWritten == -1 && errno != EINTR && errno != EAGAIN) {
+            return;  // the reader is gone
+        }
+        if (iWritten > 0) {
+            pcText += iWritten;
+            iLen -= static_cast<std::size_t>(iWritten);
+        }
+    }
+}
