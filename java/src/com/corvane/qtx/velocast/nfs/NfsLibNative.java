@@ -18,7 +18,12 @@ import java.io.IOException;
  * <p>The methods may be called from several threads. The callback methods are called from native
  * threads too, several at once, and must not block for long: the client's request, and with it all
  * NFS traffic, waits for their answer. An exception that one of them throws is printed and counts as
- * its default result (-1 for the notifications).
+ * its default result (-1 for the notifications). Inside a callback {@link #stopServer}, {@link
+ * #stopRemoteController} and {@link #terminate} throw an {@link IllegalStateException} and stop
+ * nothing: another thread must call them.
+ *
+ * <p>Paths are compared as they are given with those that clients cause, which begin with the
+ * canonical path of the export's folder: pass canonical paths ({@code Path.toRealPath}).
  *
  * <p>The library is {@code libvelocastnfs.so}: the file named by the system property {@value
  * #LIBRARY_PROPERTY}, else the one found in {@code java.library.path}.
@@ -59,7 +64,12 @@ public class NfsLibNative {
      */
     public native long initial(String id, int accessMode, int logControl) throws IOException;
 
-    /** Ends everything and forgets the main object. */
+    /**
+     * Ends everything and forgets the main object. Every {@link #receiveCallbackLoop} on the handle must
+     * have returned before.
+     *
+     * @throws IllegalStateException inside a callback
+     */
     public native void terminate(long handle);
 
     /**
@@ -67,7 +77,11 @@ public class NfsLibNative {
      */
     public native boolean startRemoteController(long handle) throws IOException;
 
-    /** Closes the channel. */
+    /**
+     * Closes the channel.
+     *
+     * @throws IllegalStateException inside a callback
+     */
     public native void stopRemoteController(long handle);
 
     /**
@@ -81,7 +95,11 @@ public class NfsLibNative {
     public native boolean startServer(long handle, int mountPort, int nfsPort, boolean readOnly)
             throws IOException;
 
-    /** Stops the service; a client never stops the server of another process. */
+    /**
+     * Stops the service; a client never stops the server of another process.
+     *
+     * @throws IllegalStateException inside a callback
+     */
     public native void stopServer(long handle);
 
     /** Whether the NFS service runs. */
@@ -89,6 +107,8 @@ public class NfsLibNative {
 
     /**
      * Lends the calling thread and this object for callbacks that come while no other method runs.
+     * While none is lent, every client's write to a redirected file fails. End it before {@link
+     * #terminate}.
      *
      * @param seconds how long, counted in steps of one second; negative: until {@link
      *     #isInterrupted} answers true; 0: returns at once
@@ -127,6 +147,9 @@ public class NfsLibNative {
      * Makes a path inside an export a redirected file, whose content is put together from segments of
      * other files. A file must exist at the path.
      *
+     * <p>An info file is appended to and never truncated: empty it before. After the redirected file
+     * is closed, its records are what clients see at the path.
+     *
      * @param size the size of the virtual file, in bytes
      * @param createInfoFile keep the segments in the file at the path instead of in memory
      * @param segmentSizeMB block size of the info file in MiB, 0 for 32
@@ -136,7 +159,7 @@ public class NfsLibNative {
             long handle, String path, long size, boolean createInfoFile, int segmentSizeMB,
             int checkPointSizeMB);
 
-    /** Makes the path an ordinary file again. */
+    /** Makes the path an ordinary file again, with the content that lies there (see above). */
     public native void closeRedirectedFile(long handle, String path);
 
     /** The same for the path and everything below it. */
@@ -144,6 +167,11 @@ public class NfsLibNative {
 
     /**
      * Describes a range of a redirected file.
+     *
+     * <p>Add the segments in ascending order of their offset, and cover gaps and the tail with segments
+     * without a source. A read across an uncovered gap comes short, and what lies behind the gap comes
+     * in its place; of an uncovered tail every second read comes empty once a read has reached the end
+     * of the file.
      *
      * @param srcPath the source file; null for a range of zeros
      * @param srcFileOffset where the range begins in the source, in bytes
@@ -155,10 +183,17 @@ public class NfsLibNative {
             long handle, String path, String srcPath, long srcFileOffset, long offset, long length)
             throws IOException;
 
-    /** Writes the content of a redirected file into an existing file inside an export. */
+    /**
+     * Writes the content of a redirected file into an existing file inside an export; nothing is written
+     * elsewhere. It starts where the server's descriptor for that file stands, which {@link
+     * #closeOpenedFile} sets back to the beginning, and truncates nothing.
+     */
     public native void exportRedirectedFile(long handle, String path, String exportPath);
 
-    /** Writes the segments of a redirected file as text into an existing file inside an export. */
+    /**
+     * Writes the segments of a redirected file as text into an existing file inside an export, in the
+     * same way.
+     */
     public native void exportRedirectedFileInfo(
             long handle, String path, String exportPath, boolean mergeRange);
 
@@ -245,7 +280,7 @@ public class NfsLibNative {
     /**
      * A client removed a redirected file.
      *
-     * @return 0 for success; anything else fails the client's call
+     * @return 0 for success; anything else fails the client's call, although the file is gone
      */
     protected int removeRedirectedFile(String id, String path) {
         return 0;
@@ -254,7 +289,7 @@ public class NfsLibNative {
     /**
      * A client renamed a redirected file.
      *
-     * @return 0 for success; anything else fails the client's call
+     * @return 0 for success; anything else fails the client's call, although the file has its new name
      */
     protected int renameRedirectedFile(String id, String pathFrom, String pathTo) {
         return 0;
