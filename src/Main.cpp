@@ -36,9 +36,10 @@ void RaiseDescriptorLimit() {
 int main(int argc, char* argv[]) {
     OpenStandardStreams();
     RaiseDescriptorLimit();
-    // The services stay when whoever reads our output goes away, and when the terminal is used from
-    // the background: it then answers with an error instead of stopping the process.
-    for (const int iSignal : {SIGPIPE, SIGTTIN, SIGTTOU}) {
+    // The services stay when whoever reads our output goes away, when a file reaches the limit of
+    // file sizes, and when the terminal is used from the background: it then answers with an error
+    // instead of stopping the process.
+    for (const int iSignal : {SIGPIPE, SIGXFSZ, SIGTTIN, SIGTTOU}) {
         std::signal(iSignal, SIG_IGN);
     }
 

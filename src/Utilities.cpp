@@ -1,6 +1,7 @@
 #include "Utilities.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/statvfs.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -61,6 +62,28 @@ bool IsRegularFile(const char* pcPath) {
     const bool bRegular = stat(pcPath, &data) == 0 && S_ISREG(data.st_mode);
     errno = iError;
     return bRegular;
+}
+
+// A call that makes a file larger.  At the limit of file sizes (ulimit -f) it fails with EFBIG
+// instead of ending the process.  SIGXFSZ is masked and not handled, because the dispositions of a
+// process belong to the host that has loaded us.
+template <typename Call>
+auto Grow(Call call) {
+    sigset_t signals;
+    sigset_t old;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &signals, &old);
+    const auto iResult = call();
+    const int iError = errno;
+    if (iResult == -1 && iError == EFBIG && sigismember(&old, SIGXFSZ) == 0) {
+        // Unmasked, the signal of this call would be delivered after all.
+        const struct timespec noTime {};
+        sigtimedwait(&signals, nullptr, &noTime);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    errno = iError;
+    return iResult;
 }
 
 // The reason why a system call failed, taken from errno at once; no text when it worked.  A call
@@ -641,8 +664,8 @@ int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
 
 int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                              const void* pvBuf, unsigned int iLen, char* pcStatus) {
-    const ssize_t iWritten =
-        iFile != -1 ? Retry([&] { return write(iFile, pvBuf, iLen); }) : ssize_t{-1};
+    const auto writeOnce = [&] { return Grow([&] { return write(iFile, pvBuf, iLen); }); };
+    const ssize_t iWritten = iFile != -1 ? Retry(writeOnce) : ssize_t{-1};
     const OsError error(iWritten != -1, iFile);
     ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS write file (%d)",
              "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile);
@@ -674,7 +697,7 @@ long long CUtilities::OS_FileCopyRange([[maybe_unused]] int iFromFile,
                                        [[maybe_unused]] unsigned int iLen) {
 #if defined(__linux__) || defined(__FreeBSD__)
     off_t iPos = iFromPos;
-    return copy_file_range(iFromFile, &iPos, iToFile, nullptr, iLen, 0);
+    return Grow([&] { return copy_file_range(iFromFile, &iPos, iToFile, nullptr, iLen, 0); });
 #else
     return -1;
 #endif
@@ -726,7 +749,8 @@ bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
         struct stat data {};
         if (fstat(iFile, &data) != -1) {
             bChanged = static_cast<unsigned long long>(data.st_size) != iSize;
-            bOk = !bChanged || ftruncate(iFile, static_cast<off_t>(iSize)) != -1;
+            bOk = !bChanged ||
+                  Grow([&] { return ftruncate(iFile, static_cast<off_t>(iSize)); }) != -1;
         }
         iError = errno;
         close(iFile);
