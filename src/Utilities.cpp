@@ -548,7 +548,9 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     }
     const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
     if (OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, iSeek, iSeekType, nullptr) == -1) {
-        return -1;  // the bytes at any other place would be the wrong ones
+        // A place that no file can have lies behind the end of this one.  Anywhere else the bytes
+        // at another place would be the wrong ones.
+        return iSeekType == SEEK_SET && file.pUse->IsRegularFile() ? 0 : -1;
     }
     const int iRead = OS_FileRead(pRuntimeParam, pLogArgu, file.iFile, pvBuf, iLen, nullptr);
     const long long iPos = OS_FileTell(pRuntimeParam, pLogArgu, file.iFile, nullptr);

@@ -484,12 +484,17 @@ TEST_F(Nfs3DataTest, ReadThatFailsIsInvalid) {
                      "error [Nfs3Prog.ProcedureREAD] Read fail"}),
               log.From(""))
         << "told whatever the log control";
-    log.Forget();
-    EXPECT_EQ(22u, nfs->Read(file, 1ULL << 63, 8).status);
-    EXPECT_TRUE(log.Has("error", "[Nfs3Prog.ProcedureREAD] Read return -1 (path=" + PathOf("f") +
-                                     ", offset=9223372036854775808 length=8)"));
-    EXPECT_EQ(22u, nfs->Read(file, ~0ULL, 8).status);
     EXPECT_EQ(8u, nfs->Read(file, 0, 8).count) << "the file is none the worse";
+}
+
+TEST_F(Nfs3DataTest, ReadAtAnOffsetThatNoFileCanHaveIsBehindTheEnd) {
+    const Handle file = NewFile("f", "0123456789");
+    Log(0);
+    for (const std::uint64_t offset : {std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
+        EXPECT_EQ(Hex(Words({0, 0, 0, 1, 0})), Hex(Call(6, ReadArguments(file, offset, 8)).body));
+    }
+    EXPECT_EQ(Texts{}, log.From(""));
+    EXPECT_EQ(8u, nfs->Read(file, 0, 8).count);
 }
 
 TEST_F(Nfs3DataTest, ReadLogsItsArgumentsAndResult) {

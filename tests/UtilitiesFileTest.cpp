@@ -1026,8 +1026,15 @@ TEST_F(Transfers, AReadThatTheDeviceRefusesFails) {
     EXPECT_EQ("01234", Read(&m_Silent, m_sFile, 0, 5));
 }
 
-TEST_F(Transfers, AReadAtAnImpossiblePlaceFails) {
-    EXPECT_EQ("-1", Read(&m_Silent, m_sFile, 1ULL << 63, 5));
+TEST_F(Transfers, AReadAtAPlaceThatNoFileCanHaveIsBehindTheEnd) {
+    for (const unsigned long long iSeek : {1ULL << 63, ~0ULL}) {
+        EXPECT_EQ("", Read(&m_Silent, m_sFile, iSeek, 5));
+        EXPECT_TRUE(m_bEof);
+    }
+    EXPECT_EQ("-1", Read(&m_Silent, m_sFile, ~0ULL - 10, 5, SEEK_END)) << "before the beginning";
+    const std::string sPipe = m_Dir / "pipe";
+    ASSERT_EQ(0, mkfifo(sPipe.c_str(), 0600));
+    EXPECT_EQ("-1", Read(&m_Silent, sPipe, 0, 5)) << "no ordinary file";
 }
 
 TEST_F(Transfers, AReadSeesWhatOthersWrite) {
