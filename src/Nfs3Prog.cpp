@@ -1204,9 +1204,12 @@ bool CNfs3Prog::WriteEntries(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CO
             return true;
         }
         char cPath[PATH_SIZE];
-        AppendFilePath(pcDir, pEntry->d_name, cPath);
+        // A path that does not fit has no ID of its own, and nothing can be said of what lies
+        // there.
+        const bool bFits = AppendFilePath(pcDir, pEntry->d_name, cPath);
         Write(pOut, true);
-        Write(pOut, std::uint64_t{m_pUtilities->GetFileID(pRuntimeParam, pLogArgu, cPath)});
+        Write(pOut, std::uint64_t{bFits ? m_pUtilities->GetFileID(pRuntimeParam, pLogArgu, cPath)
+                                        : static_cast<std::uint32_t>(pEntry->d_ino)});
         Write(pOut, COpaquePath{pEntry->d_name}, false);
         ++iCookie;
         Write(pOut, iCookie);
@@ -1215,10 +1218,14 @@ bool CNfs3Prog::WriteEntries(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CO
                                   static_cast<unsigned long long>(iCookie), pEntry->d_name);
         }
         if (bPlus) {
-            Write(pOut, GetPostOpAttr(pRuntimeParam, pLogArgu, cPath));
+            post_op_attr attr;
             post_op_fh3 handle;
-            handle.handle_follows =
-                GetNfsFileHandle(pRuntimeParam, pLogArgu, cPath, &handle.handle);
+            if (bFits) {
+                attr = GetPostOpAttr(pRuntimeParam, pLogArgu, cPath);
+                handle.handle_follows =
+                    GetNfsFileHandle(pRuntimeParam, pLogArgu, cPath, &handle.handle);
+            }
+            Write(pOut, attr);
             Write(pOut, handle);
         }
     }

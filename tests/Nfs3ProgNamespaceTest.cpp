@@ -4,6 +4,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <map>
 #include <set>
 
 #include "Nfs3Prog.h"
@@ -734,6 +735,57 @@ TEST_P(Nfs3ListingTest, NamesOfEveryLengthAreWhole) {
     EXPECT_EQ(Listed(PathOf("d")), Names(result));
     EXPECT_EQ(8u, result.entries.size());
     EXPECT_EQ(0u, result.unread);
+}
+
+TEST_P(Nfs3ListingTest, EntriesWhosePathIsTooLongAreListedByTheirInode) {
+    // Down to a folder whose path has 3,900 bytes; the names in it make it 4,095, 4,096 and more.
+    const std::string nameOf255(255, 'n');
+    Handle folder = rootHandle;
+    std::string path = root;
+    while (path.size() < 3900) {
+        const std::string name(std::min<std::size_t>(255, 3900 - path.size() - 1), 'd');
+        path += '/' + name;
+        ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+        folder = nfs->Lookup(folder, name).handle;
+        ASSERT_EQ(56u, folder.size());
+        if (3900 - path.size() == 1) {
+            break;  // no room for a further name
+        }
+    }
+    const int directory = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_NE(-1, directory);
+    std::map<std::string, std::uint64_t> inodes;
+    for (const std::size_t length :
+         {4095 - path.size() - 1, 4096 - path.size() - 1, std::size_t{255}}) {
+        const std::string name(length, 'n');
+        const int file = openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        ASSERT_NE(-1, file);
+        struct stat data {};
+        ASSERT_EQ(0, fstat(file, &data));
+        inodes[name] = static_cast<std::uint32_t>(data.st_ino);
+        close(file);
+    }
+    Log(0);
+    const DirectoryResult result = List(folder);
+    ASSERT_EQ(0u, result.status);
+    ASSERT_EQ(3u, result.entries.size());
+    EXPECT_TRUE(result.eof);
+    for (const DirectoryEntry& entry : result.entries) {
+        const bool fits = path.size() + 1 + entry.name.size() < 4096;
+        SCOPED_TRACE(entry.name.size());
+        EXPECT_EQ(fits, entry.fileid != inodes[entry.name]);
+        EXPECT_EQ(fits && Plus(), entry.attributes.has_value());
+        EXPECT_EQ(fits && Plus(), entry.handle.has_value());
+    }
+    // The empty path has got no row.
+    char none[PATH_SIZE] = "";
+    for (std::uint32_t id = 0; id < 100; ++id) {
+        CRuntimeParam param("", 0);
+        if (service.GetUtils()->GetFilePath(&param, HandleOfId(id).data(), none, PATH_SIZE)) {
+            EXPECT_STRNE("", none);
+        }
+    }
+    close(directory);
 }
 
 TEST_P(Nfs3ListingTest, FolderThatCannotBeOpenedIsAnEmptyListAtItsEnd) {
