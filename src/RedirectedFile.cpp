@@ -112,7 +112,7 @@ void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, std::int64_t iSize, int
     if (pcInfoFile != nullptr) {
         m_sInfoFile = pcInfoFile;
         struct stat data {};
-        if (stat(pcInfoFile, &data) == 0) {
+        if (stat(pcInfoFile, &data) == 0 && IsInfoFile(data)) {
             m_iInfoFileStart = data.st_size;
         }
         if (iInfoFileSegmentSizeMB > 0) {
@@ -150,8 +150,35 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
 
 CRedirectedFile::Context CRedirectedFile::MakeContext(CRuntimeParam* pRuntimeParam,
                                                       LogArgu* pLogArgu) {
-    return {pRuntimeParam, pLogArgu,
-            m_pUtilities->UseCachedFile(pRuntimeParam, pLogArgu, m_sInfoFile.c_str(), true)};
+    Context context{
+        pRuntimeParam, pLogArgu,
+        m_pUtilities->UseCachedFile(pRuntimeParam, pLogArgu, m_sInfoFile.c_str(), true)};
+    if (context.infoFile.iFile == -1) {
+        return context;
+    }
+    struct stat data {};
+    if (fstat(context.infoFile.iFile, &data) != 0 || !IsInfoFile(data)) {
+        // The records went away with a rename, and what lies here now is somebody's file: it must
+        // be neither read as records nor written to.
+        context.infoFile = {};
+        return context;
+    }
+    context.iInfoFileLen = data.st_size;
+    if (context.iInfoFileLen !=
+        m_iInfoFileStart +
+            static_cast<std::int64_t>(m_RecordSummary.GetCount() * SegmentRecord::SIZE)) {
+        m_bRecordSummaryValid = false;  // somebody else has written to the file, or cut it
+    }
+    return context;
+}
+
+bool CRedirectedFile::IsInfoFile(const struct stat& data) {
+    if (!m_bInfoFileKnown) {
+        m_bInfoFileKnown = true;
+        m_iInfoFileDevice = data.st_dev;
+        m_iInfoFileNode = data.st_ino;
+    }
+    return data.st_dev == m_iInfoFileDevice && data.st_ino == m_iInfoFileNode;
 }
 
 // =================================================================================================
@@ -324,6 +351,9 @@ std::size_t CRedirectedFile::GetRecordNumber() const {
 }
 
 bool CRedirectedFile::ReadRecord(const Context& context, Segment* pSegment) {
+    if (m_iRecordPos + static_cast<std::int64_t>(SegmentRecord::SIZE) > context.iInfoFileLen) {
+        return false;  // also of a file that grows as fast as it is read
+    }
     const std::int64_t iAhead = m_iRecordPos - m_Chunk.iPos;
     if (iAhead < 0 || iAhead + static_cast<std::int64_t>(SegmentRecord::SIZE) >
                           static_cast<std::int64_t>(m_Chunk.iLen)) {
@@ -367,7 +397,7 @@ void CRedirectedFile::GetSegment(const Context& context, std::int64_t iSeek,
     for (;;) {
         if (m_bRecordSummaryValid) {
             const std::size_t iNumber = m_RecordSummary.SkipToCovering(GetRecordNumber(), iSeek);
-            if (iNumber == m_RecordSummary.GetCount()) {
+            if (iNumber >= m_RecordSummary.GetCount()) {
                 return;
             }
             m_iRecordPos =

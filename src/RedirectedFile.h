@@ -97,6 +97,7 @@ private:
         CRuntimeParam* pRuntimeParam;
         LogArgu* pLogArgu;
         CachedFile infoFile;
+        std::int64_t iInfoFileLen = 0;  // bytes; what comes behind is for later operations
     };
     // An open source.  What ReadAt and CopyStep do leaves its position as it was until Settle.
     struct SourceUse {
@@ -127,6 +128,8 @@ private:
     };
 
     Context MakeContext(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    // Whether this is the file that the records are in; the first one asked for is.
+    bool IsInfoFile(const struct stat& data);
     int Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf, unsigned int iLen,
              bool* pbEof, SourceUse* pSource);
     int Read(const Context& context, std::int64_t iSeek, unsigned char* pcBuf, unsigned int iLen,
@@ -148,11 +151,13 @@ private:
     std::int32_t RegisterSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                 const char* pcSourcePath);
     bool AppendRecords(const Context& context, Segment segment);
-    // Where in the info file the search for an offset begins.
+    // Where in the info file the search for an offset begins.  The summary and every later step of
+    // the walk lead forwards only, whatever others have written to the file, so that it ends.
     std::int64_t EstimateRecord(std::int64_t iSeek) const;
     // The number of the record at m_iRecordPos, for the summary.  REQUIRES: m_bRecordSummaryValid.
     std::size_t GetRecordNumber() const;
-    // The record at m_iRecordPos, which moves on; false at the end of the file.
+    // The record at m_iRecordPos, which moves on; false where the file ended when the operation
+    // began.
     bool ReadRecord(const Context& context, Segment* pSegment);
     // Bytes written to the target of an export, or -1.  *pbWait tells whether to wait for room in a
     // pipe; false once that was in vain.
@@ -181,7 +186,10 @@ private:
     std::vector<CheckPointSegment> m_vInfoFileCheckPoint;
     bool m_bCheckPointsAscending = true;
     std::int64_t m_iInfoFileStart = 0;  // where the records begin: the size of the file as found
-    CSegmentSummary m_RecordSummary;    // of the records, while they are all our own
+    bool m_bInfoFileKnown = false;      // the next two are set
+    dev_t m_iInfoFileDevice = 0;
+    ino_t m_iInfoFileNode = 0;
+    CSegmentSummary m_RecordSummary;  // of the records, while they are all our own
     bool m_bRecordSummaryValid = true;
     std::int64_t m_iRecordPos = 0;  // of the next record of the walk, in the info file
     RecordChunk m_Chunk;            // read ahead by the walk

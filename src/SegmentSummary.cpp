@@ -41,7 +41,7 @@ void CSegmentSummary::CutTo(std::size_t iCount) {
 template <typename Accepts>
 std::size_t CSegmentSummary::Skip(std::size_t iSegment, Accepts accepts) const {
     if (iSegment >= m_iCount) {
-        return m_iCount;
+        return iSegment;
     }
     if (accepts(m_vRuns[iSegment / RUN])) {
         return iSegment;

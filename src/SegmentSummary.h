@@ -22,7 +22,7 @@ public:
     std::size_t GetCount() const { return m_iCount; }
 
     // iSegment, or the first segment of the next run, that may cover the offset; GetCount() when
-    // there is none.
+    // there is none.  Never before iSegment, which may lie behind all segments.
     std::size_t SkipToCovering(std::size_t iSegment, std::int64_t iOffset) const;
     // The same for segments that begin or end beyond the position.
     std::size_t SkipToReaching(std::size_t iSegment, std::int64_t iPos) const;

@@ -41,12 +41,12 @@ TEST(SegmentSummary, ARunThatMayCoverTheOffsetIsNotSkipped) {
     EXPECT_EQ(1u, summary.SkipToCovering(0, 200));
 }
 
-TEST(SegmentSummary, AStartBehindTheLastSegmentIsTheEnd) {
+TEST(SegmentSummary, AStartBehindTheLastSegmentStaysWhereItIs) {
     CSegmentSummary summary;
     Fill(summary, 3, 0);
     EXPECT_EQ(3u, summary.SkipToCovering(3, 0));
-    EXPECT_EQ(3u, summary.SkipToCovering(1000, 0));
-    EXPECT_EQ(3u, summary.SkipToReaching(1000, -5));
+    EXPECT_EQ(1000u, summary.SkipToCovering(1000, 0)) << "not moved back";
+    EXPECT_EQ(1000u, summary.SkipToReaching(1000, -5));
 }
 
 TEST(SegmentSummary, ASkipEndsAtTheFirstSegmentOfTheRunThatMayCover) {
