@@ -1,6 +1,8 @@
 #include "FileTable.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 CFileTable::~CFileTable() { Clear(); }
 
@@ -11,10 +13,11 @@ void CFileTable::Clear() {
     m_mCachedRows.clear();
     m_mCacheTurn.clear();
     m_iNextTurn = 0;
+    m_mLeftBehind.clear();
 }
 
-std::uint32_t CFileTable::GetIDByPath(const char* pcPath) {
-    FileItem* pItem = FindItemByPath(pcPath);
+std::uint32_t CFileTable::GetIDByPath(const char* pcPath, bool bTaken) {
+    FileItem* pItem = FindItemByPath(pcPath, bTaken);
     if (pItem == nullptr) {
         pItem = AddItem(pcPath);
     }
@@ -36,11 +39,11 @@ bool CFileTable::GetPathByID(std::uint32_t iID, char* pcBuf, int iBufSize) {
     return true;
 }
 
-bool CFileTable::UpdateItemPath(const char* pcOldPath, const char* pcNewPath) {
+bool CFileTable::UpdateItemPath(const char* pcOldPath, const char* pcNewPath, bool bTaken) {
     if (pcOldPath == nullptr || pcNewPath == nullptr) {
         return false;
     }
-    FileItem* pItem = FindItemByPath(pcOldPath);
+    FileItem* pItem = FindItemByPath(pcOldPath, bTaken);
     if (pItem == nullptr) {
         return false;
     }
@@ -52,9 +55,52 @@ bool CFileTable::UpdateItemPath(const char* pcOldPath, const char* pcNewPath) {
         m_mCachedRows.erase(itCached);
     }
     pItem->sPath = pcNewPath;
+    m_mLeftBehind.erase(pItem->iID);  // renamed by its path, it means what lies there
     m_mRows[pItem->sPath].insert(pItem->iID);
     m_mCachedRows[pItem->sPath].emplace(itTurn->second, pItem->iID);
     return true;
+}
+
+void CFileTable::LeaveBehind(const char* pcOldPath, const char* pcNewPath, bool bFolder) {
+    const std::string sOldFolder = std::string(pcOldPath) + '/';
+    const auto isBelow = [&](const std::string& sPath) {
+        return bFolder && sPath.starts_with(sOldFolder);
+    };
+    const auto newPlace = [&](const std::string& sPath) {
+        return pcNewPath + sPath.substr(sOldFolder.size() - 1);
+    };
+    for (auto it = m_mLeftBehind.begin(); it != m_mLeftBehind.end();) {
+        std::string& sPlace = it->second;
+        if (sPlace == pcOldPath || isBelow(sPlace)) {
+            sPlace = newPlace(sPlace);
+        }
+        it = sPlace == GetItemByID(it->first)->sPath ? m_mLeftBehind.erase(it) : std::next(it);
+    }
+    const auto leave = [&](const auto& rows) {
+        for (const std::uint32_t iID : rows.second) {
+            m_mLeftBehind.try_emplace(iID, newPlace(rows.first));
+        }
+    };
+    if (const auto it = m_mRows.find(pcOldPath); it != m_mRows.end()) {
+        leave(*it);
+    }
+    if (bFolder) {
+        for (const auto& rows : m_mRows) {
+            if (isBelow(rows.first)) {
+                leave(rows);
+            }
+        }
+    }
+}
+
+bool CFileTable::HasLeftBehind(const char* pcPath) const {
+    if (m_mLeftBehind.empty() || pcPath == nullptr) {
+        return false;
+    }
+    const auto it = m_mRows.find(pcPath);
+    return it != m_mRows.end() &&
+           std::any_of(it->second.begin(), it->second.end(),
+                       [this](std::uint32_t iID) { return IsLeftBehind(iID); });
 }
 
 FileItem* CFileTable::AddItem(const char* pcPath) {
@@ -80,20 +126,29 @@ bool CFileTable::IsMatchItem(const FileItem* pItem, const char* pcPath, int iPat
     return pItem->sPath.compare(0, std::string::npos, pcPath, pItem->sPath.size()) == 0;
 }
 
-FileItem* CFileTable::FindItemByPath(const char* pcPath) {
+FileItem* CFileTable::FindItemByPath(const char* pcPath, bool bTaken) {
     if (pcPath == nullptr) {
         return nullptr;
     }
     const std::string sPath(pcPath);
+    const auto isMeant = [&](std::uint32_t iID) { return !bTaken || !IsLeftBehind(iID); };
     const auto itCached = m_mCachedRows.find(sPath);
     if (itCached != m_mCachedRows.end()) {
-        return GetItemByID(itCached->second.begin()->second);
+        for (const auto& [iTurn, iID] : itCached->second) {
+            if (isMeant(iID)) {
+                return GetItemByID(iID);
+            }
+        }
     }
     const auto itRows = m_mRows.find(sPath);
     if (itRows == m_mRows.end()) {
         return nullptr;
     }
-    FileItem* pItem = GetItemByID(*itRows->second.begin());
+    const auto itID = std::find_if(itRows->second.begin(), itRows->second.end(), isMeant);
+    if (itID == itRows->second.end()) {
+        return nullptr;
+    }
+    FileItem* pItem = GetItemByID(*itID);
     AddToCache(*pItem);
     return pItem;
 }

@@ -23,6 +23,11 @@ struct FileItem {
 // first the recently found rows, oldest first, then all rows in order.  Indexes give the same
 // answer without the walk.
 //
+// A rename of a folder leaves the rows below it behind, under their old paths.  Such a row means an
+// object that lies elsewhere now: once another object lies at the old path (bTaken), a search for
+// it passes over the row, so that no client that still holds the row's ID can mistake the two.  The
+// row counts again when its object is renamed back.
+//
 // Thread safety: none; the owner holds its own mutex around every call.
 // Invariants: m_mRows holds every row's ID under its path; m_mCachedRows and m_mCacheTurn hold
 // exactly the IDs of m_vCache, and no ID is in the cache twice (a cached row is found there).
@@ -37,16 +42,24 @@ public:
     void Clear();
 
     // The ID of the path, which gets a row if it has none; FILE_ID_NONE for a null path.
-    std::uint32_t GetIDByPath(const char* pcPath);
+    std::uint32_t GetIDByPath(const char* pcPath, bool bTaken = false);
     // Copies the path of a row with its NUL into pcBuf of iBufSize bytes.  False without such a row
     // or when the path does not fit; a null buffer only asks whether the row exists.
     bool GetPathByID(std::uint32_t iID, char* pcBuf, int iBufSize);
     // Renames the one row that a search for the old path finds; rows below a directory keep theirs.
-    bool UpdateItemPath(const char* pcOldPath, const char* pcNewPath);
+    bool UpdateItemPath(const char* pcOldPath, const char* pcNewPath, bool bTaken = false);
+
+    // The object at pcOldPath (bFolder: with all that lies below it) is at pcNewPath now: rows that
+    // still have the old paths are left behind, and those left behind before follow their objects.
+    // For a folder this looks at every row.
+    void LeaveBehind(const char* pcOldPath, const char* pcNewPath, bool bFolder);
+    bool IsLeftBehind(std::uint32_t iID) const { return m_mLeftBehind.count(iID) != 0; }
+    // Whether a row of this path is left behind.
+    bool HasLeftBehind(const char* pcPath) const;
 
     // Rows stay where they are until Clear.  Null for a null path.
     FileItem* AddItem(const char* pcPath);
-    FileItem* FindItemByPath(const char* pcPath);
+    FileItem* FindItemByPath(const char* pcPath, bool bTaken = false);
     FileItem* GetItemByID(std::uint32_t iID);
     static bool IsMatchItem(const FileItem* pItem, const char* pcPath, int iPathLen);
 
@@ -64,6 +77,7 @@ private:
     std::unordered_map<std::string, std::map<std::uint64_t, std::uint32_t>> m_mCachedRows;
     std::unordered_map<std::uint32_t, std::uint64_t> m_mCacheTurn;  // ID to its turn in the cache
     std::uint64_t m_iNextTurn = 0;
+    std::map<std::uint32_t, std::string> m_mLeftBehind;  // ID to where its object lies now
 };
 
 #endif

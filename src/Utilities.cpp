@@ -45,6 +45,11 @@ bool StartsWith(const char* pcText, const char* pcPrefix) {
     return std::strncmp(pcText, pcPrefix, std::strlen(pcPrefix)) == 0;
 }
 
+bool IsFolder(const char* pcPath) {
+    struct stat data {};
+    return stat(pcPath, &data) == 0 && S_ISDIR(data.st_mode);
+}
+
 // A system call that a signal interrupted is made again.
 template <typename Call>
 auto Retry(Call call) {
@@ -382,7 +387,11 @@ std::uint32_t CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     char cPath[PATH_SIZE];
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcPath));
     const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
-    return m_pFileTable != nullptr ? m_pFileTable->GetIDByPath(cPath) : FILE_ID_NONE;
+    if (m_pFileTable == nullptr) {
+        return FILE_ID_NONE;
+    }
+    return m_pFileTable->GetIDByPath(cPath,
+                                     m_pFileTable->HasLeftBehind(cPath) && OS_IsFileExists(cPath));
 }
 
 bool CUtilities::GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
@@ -416,7 +425,11 @@ bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const unsigned ch
         return false;
     }
     const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
-    return m_pFileTable != nullptr && m_pFileTable->GetPathByID(iID, pcPath, iBufSize);
+    if (m_pFileTable == nullptr || !m_pFileTable->GetPathByID(iID, pcPath, iBufSize)) {
+        return false;
+    }
+    // What lies at the path of a row that was left behind is not what the client means.
+    return pcPath == nullptr || !m_pFileTable->IsLeftBehind(iID) || !OS_IsFileExists(pcPath);
 }
 
 void CUtilities::ResetFileTable() {
@@ -445,6 +458,10 @@ long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
 }
 
 bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    if (!OS_IsFileExists(pcPath)) {
+        // Still open from a file that was removed behind our back.
+        CloseOutdatedFileHandles(pRuntimeParam, pLogArgu, pcPath, false);
+    }
     const int iFile = OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, nullptr);
     if (iFile == -1) {
         return false;
@@ -497,23 +514,70 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     if (std::strcmp(pathFrom, pathTo) == 0) {
         return true;  // removing the target first would destroy the file
     }
-    if (OS_IsFileExists(pathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pathTo)) {
+    if (OS_IsFileExists(pathTo) && !IsImpossibleRename(pathFrom, pathTo) &&
+        !RemoveFile(pRuntimeParam, pLogArgu, pathTo)) {
         return false;
     }
-    if (OS_IsFileExists(pathFrom)) {
+    const bool bExists = OS_IsFileExists(pathFrom);
+    const bool bFolder = bExists && IsFolder(pathFrom);
+    if (bExists) {
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pathFrom);
+        if (bFolder) {
+            CloseOutdatedFileHandles(pRuntimeParam, pLogArgu, pathFrom, true);
+        }
         if (OS_FileRename(pRuntimeParam, pLogArgu, pathFrom, pathTo, nullptr) == -1) {
             return false;
         }
+        // Another thread may have opened the old path once more; the new one may still be open from
+        // a file that was removed behind our back.
+        CloseOutdatedFileHandles(pRuntimeParam, pLogArgu, pathFrom, bFolder);
+        CloseOutdatedFileHandles(pRuntimeParam, pLogArgu, pathTo, bFolder);
     }
+    bool bAccepted = true;
     if (GetRedirectedFile(pathFrom) != nullptr) {
         RenameRedirectedFile(pRuntimeParam, pathFrom, pathTo);
-        if (LogRenameRedirectedFile(pRuntimeParam, pathFrom, pathTo) != 0) {
-            return false;
-        }
+        bAccepted = LogRenameRedirectedFile(pRuntimeParam, pathFrom, pathTo) == 0;
+    }
+    if (bFolder) {
+        RenameRedirectedFilesBelow(pRuntimeParam, pathFrom, pathTo);
     }
     const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
-    return m_pFileTable == nullptr || m_pFileTable->UpdateItemPath(pathFrom, pathTo);
+    if (m_pFileTable == nullptr) {
+        return bAccepted;
+    }
+    bool bRow = false;
+    // All rows of the path: a client that holds one that stayed would mean the next file there.
+    while (bAccepted && m_pFileTable->UpdateItemPath(pathFrom, pathTo, bExists)) {
+        bRow = true;
+    }
+    if (bExists) {
+        m_pFileTable->LeaveBehind(pathFrom, pathTo, bFolder);
+    }
+    return bRow;
+}
+
+bool CUtilities::IsImpossibleRename(const char* pathFrom, const char* pathTo) {
+    const std::string sFrom(pathFrom);
+    const std::string sTo(pathTo);
+    if (!OS_IsFileExists(pathFrom)) {
+        return false;  // nothing is renamed
+    }
+    if (sTo.starts_with(sFrom + '/')) {
+        return true;  // a folder into itself
+    }
+    const auto getDevice = [](const std::string& sPath, dev_t* piDevice) {
+        const std::size_t iSlash = sPath.rfind('/');
+        const std::string sFolder = iSlash == std::string::npos ? "."
+                                    : iSlash == 0               ? "/"
+                                                                : sPath.substr(0, iSlash);
+        struct stat data {};
+        const bool bOk = stat(sFolder.c_str(), &data) == 0;
+        *piDevice = data.st_dev;
+        return bOk;
+    };
+    dev_t iFrom = 0;
+    dev_t iTo = 0;
+    return getDevice(sFrom, &iFrom) && getDevice(sTo, &iTo) && iFrom != iTo;
 }
 
 bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
@@ -997,6 +1061,33 @@ void CUtilities::CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLo
     m_OpenedFileLastAccessList.clear();
 }
 
+void CUtilities::CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                          const char* pcPath, bool bBelow) {
+    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    const auto close = [&](auto it) {
+        if (it->second.iFile == -1) {
+            return std::next(it);
+        }
+        m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
+        CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
+        return m_OpenedFileHandles.erase(it);
+    };
+    const auto itSelf = m_OpenedFileHandles.find(pcPath);
+    if (itSelf != m_OpenedFileHandles.end()) {
+        close(itSelf);
+    }
+    if (!bBelow) {
+        return;
+    }
+    char cFolder[PATH_SIZE];
+    CopyPath(cFolder, pcPath);
+    SetPathToCompare(cFolder);
+    for (auto it = m_OpenedFileHandles.lower_bound(cFolder);
+         it != m_OpenedFileHandles.end() && StartsWith(it->first.c_str(), cFolder);) {
+        it = close(it);
+    }
+}
+
 void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                        const char* pcPath) {
     if (pcPath == nullptr || *pcPath == '\0') {
@@ -1184,6 +1275,29 @@ void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     if (!node.empty()) {
         node.key() = Text(pathTo);
         m_mRedirectedFiles.insert(std::move(node));
+    }
+}
+
+void CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
+                                            const char* pathTo) {
+    char cFrom[PATH_SIZE];
+    char cTo[PATH_SIZE];
+    CopyPath(cFrom, pathFrom);
+    CopyPath(cTo, pathTo);
+    SetPathToCompare(cFrom);
+    SetPathToCompare(cTo);
+    std::vector<std::string> vPaths;
+    {
+        const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+        for (auto it = m_mRedirectedFiles.lower_bound(cFrom);
+             it != m_mRedirectedFiles.end() && StartsWith(it->first.c_str(), cFrom); ++it) {
+            vPaths.push_back(it->first);
+        }
+    }
+    for (const std::string& sPath : vPaths) {
+        const std::string sTo = cTo + sPath.substr(std::strlen(cFrom));
+        RenameRedirectedFile(pRuntimeParam, sPath.c_str(), sTo.c_str());
+        LogRenameRedirectedFile(pRuntimeParam, sPath.c_str(), sTo.c_str());
     }
 }
 

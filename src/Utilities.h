@@ -232,7 +232,8 @@ public:
                               std::uint32_t lAccessTimeNanoSec, bool bLastModifiedTime,
                               std::uint32_t lLastModifiedTimeSec,
                               std::uint32_t lLastModifiedTimeNanoSec);
-    // Replaces an existing target; also renames the row of the file table, and fails without one.
+    // Replaces an existing target; also renames the rows of the file table, and fails without one.
+    // Redirected files below a folder go with it.
     bool RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pathFrom,
                     const char* pathTo);
     bool RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
@@ -415,6 +416,12 @@ private:
     template <typename... Args>
     void ReportOs(CRuntimeParam* pRuntimeParam, const char* pcError, char* pcStatus,
                   const char* pcInfoFmt, const char* pcErrorFmt, Args... args);
+    // Whether a rename fails for certain, so that its target must not be removed for it.
+    static bool IsImpossibleRename(const char* pathFrom, const char* pathTo);
+    // Moves the redirected files below a renamed folder and tells the controller of each.  What it
+    // answers changes nothing: the folder as a whole has been renamed.
+    void RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
+                                    const char* pathTo);
     // The steps of the platform test.
     void RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFile,
                                long long iFileSize, const char* pcPrefix);
@@ -428,7 +435,11 @@ private:
                                                     RedirectedFileMap::iterator it);
     // Removes the share of the cache in a descriptor.  REQUIRES: m_hMutexOpenedFileHandles held.
     void CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo* pInfo);
-    // Closes every entry and clears both maps.  REQUIRES: the same.
+    // Closes what is open under a path at which another file lies now, or none; with bBelow also
+    // what is open below it.  An entry that could not be opened stays: it is tried again anyway.
+    void CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                  const char* pcPath, bool bBelow);
+    // Closes every entry and clears both maps.  REQUIRES: m_hMutexOpenedFileHandles held.
     void CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
 
     std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;      // path to descriptor

@@ -190,6 +190,64 @@ TEST(FileTable, ARenamedFolderLeavesTheRowsBelowIt) {
     EXPECT_EQ(FILE_ID_NONE, FindID(&table, "/e/f"));
 }
 
+TEST(FileTable, ATakenPlaceIsNotThatOfTheRowLeftBehind) {
+    CFileTable table;
+    table.AddItem("/d/f");
+    table.AddItem("/d2/f");
+    EXPECT_FALSE(table.HasLeftBehind("/d/f"));
+    table.LeaveBehind("/d", "/e", true);
+    EXPECT_TRUE(table.IsLeftBehind(0));
+    EXPECT_FALSE(table.IsLeftBehind(1)) << "only begins alike";
+    EXPECT_TRUE(table.HasLeftBehind("/d/f"));
+    EXPECT_FALSE(table.HasLeftBehind("/e/f")) << "keeps its path";
+    EXPECT_FALSE(table.HasLeftBehind(nullptr));
+    EXPECT_EQ(0u, table.GetIDByPath("/d/f")) << "nothing has come there";
+    EXPECT_FALSE(table.UpdateItemPath("/d/f", "/x", true));
+    EXPECT_EQ(2u, table.GetIDByPath("/d/f", true));
+    EXPECT_EQ(2u, table.GetIDByPath("/d/f", true));
+    EXPECT_EQ(0u, table.GetIDByPath("/d/f"));
+    EXPECT_TRUE(table.UpdateItemPath("/d/f", "/x", true));
+    EXPECT_EQ("/x", table.GetItemByID(2)->sPath);
+}
+
+TEST(FileTable, ARowLeftBehindCountsAgainWhenItsObjectIsBack) {
+    CFileTable table;
+    table.AddItem("/d/f");
+    table.AddItem("/d/g/h");
+    table.LeaveBehind("/d", "/e", true);
+    table.LeaveBehind("/e", "/k/e", true);
+    table.LeaveBehind("/k/e/f", "/f", false);
+    table.LeaveBehind("/d", "/nowhere", true);  // their objects are not there any more
+    EXPECT_TRUE(table.IsLeftBehind(0));
+    table.LeaveBehind("/f", "/d/f", false);
+    EXPECT_FALSE(table.IsLeftBehind(0));
+    EXPECT_TRUE(table.IsLeftBehind(1));
+    table.LeaveBehind("/k/e", "/d", true);
+    EXPECT_FALSE(table.IsLeftBehind(1));
+    EXPECT_EQ(1u, table.GetIDByPath("/d/g/h", true));
+}
+
+TEST(FileTable, ARowThatIsRenamedByItsPathIsNotLeftBehind) {
+    CFileTable table;
+    table.AddItem("/d/f");
+    table.LeaveBehind("/d", "/e", true);
+    EXPECT_TRUE(table.UpdateItemPath("/d/f", "/x"));
+    EXPECT_FALSE(table.IsLeftBehind(0));
+}
+
+TEST(FileTable, ARowKeepsItsPathWhenItsFileIsLeftToMoveAlone) {
+    CFileTable table;
+    table.AddItem("/f");
+    table.AddItem("/f/below");
+    table.LeaveBehind("/f", "/g", false);
+    EXPECT_EQ("/f", table.GetItemByID(0)->sPath);
+    EXPECT_TRUE(table.IsLeftBehind(0));
+    EXPECT_FALSE(table.IsLeftBehind(1)) << "not of a folder";
+    table.Clear();
+    table.AddItem("/f");
+    EXPECT_FALSE(table.IsLeftBehind(0));
+}
+
 TEST(FileTable, ClearStartsFromZeroAndForgetsEverything) {
     CFileTable table;
     AddRows(&table, "/f", 1500);

@@ -535,6 +535,40 @@ TEST_F(Nfs3NamespaceTest, RenameOfAFolderLeavesTheRowsBelowItBehind) {
     EXPECT_EQ(0u, nfs->Lookup(directory, "f").status);
 }
 
+TEST_F(Nfs3NamespaceTest, BytesOfANewFolderDoNotLandInTheRenamedOne) {
+    MakeFolder("d");
+    const Handle old = nfs->Create(Lookup("d"), "disk").handle.value();
+    ASSERT_EQ(3u, nfs->Write(old, 0, ToBytes("old")).count);
+    ASSERT_EQ(0u, nfs->Rename(rootHandle, "d", rootHandle, "e").status);
+    const Handle folder = nfs->MkDir(rootHandle, "d").handle.value();
+    const Handle disk = nfs->Create(folder, "disk").handle.value();
+    ASSERT_EQ(3u, nfs->Write(disk, 0, ToBytes("new")).count);
+    EXPECT_EQ("new", ReadFile(PathOf("d/disk")));
+    EXPECT_EQ("old", ReadFile(PathOf("e/disk")));
+    // Nor does what the client still writes to the file that it has open.
+    EXPECT_NE(old, disk);
+    EXPECT_EQ(5u, nfs->Write(old, 0, ToBytes("lost")).status);
+    EXPECT_EQ("new", ReadFile(PathOf("d/disk")));
+    EXPECT_EQ(0u, nfs->Remove(folder, "disk").status);
+    EXPECT_EQ(0u, nfs->RmDir(rootHandle, "d").status);
+    EXPECT_EQ(0u, nfs->Rename(rootHandle, "e", rootHandle, "d").status);
+    EXPECT_EQ(4u, nfs->Write(old, 0, ToBytes("back")).count) << "the file is where it was";
+    EXPECT_EQ("back", ReadFile(PathOf("d/disk")));
+}
+
+TEST_F(Nfs3NamespaceTest, AFileThatReplacedAnotherTakesItsHandleToItsNextName) {
+    const Handle a = NewFile("a", "a");
+    NewFile("b", "b");
+    Lookup("b");
+    ASSERT_EQ(0u, nfs->Rename(rootHandle, "a", rootHandle, "b").status);
+    ASSERT_EQ(0u, nfs->Rename(rootHandle, "b", rootHandle, "c").status);
+    const Handle b = nfs->Create(rootHandle, "b").handle.value();
+    EXPECT_NE(a, b);
+    EXPECT_EQ(5u, nfs->Write(a, 0, ToBytes("again")).count);
+    EXPECT_EQ("again", ReadFile(PathOf("c")));
+    EXPECT_EQ("", ReadFile(PathOf("b")));
+}
+
 TEST_F(Nfs3NamespaceTest, RenameLogsBothPairsOfArguments) {
     NewFile("f");
     Log(LOG_CONTROL_PROC_FUNC_ARGU);

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <limits>
 #include <memory>
@@ -504,6 +505,44 @@ TEST_F(RedirectedRegistryTest, ARenamedFileLosesTheSegmentsOfItsInfoFile) {
     ASSERT_TRUE(Add(to, a, 0, 0, 10)) << "and goes on in memory";
     EXPECT_EQ(std::string(10, 'a'), Read(to, 0, 10).data);
     EXPECT_FALSE(FileExists(disk));
+}
+
+TEST_F(RedirectedRegistryTest, ARenamedFolderTakesTheRedirectedFilesBelowIt) {
+    ExportFolder();
+    const std::string from = dir / "d";
+    const std::string to = dir / "e";
+    std::filesystem::create_directory(from);
+    Make("d/disk.img");
+    Make("d/inner.img");
+    Make("d2");
+    OpenLetter(from + "/disk.img", 'a');
+    OpenLetter(from + "/inner.img", 'b');
+    OpenLetter(dir / "d2", 'c');
+    utilities.GetFileID(&param, &argu, from.c_str());
+    utilities.SetAnswer(-1);
+    EXPECT_TRUE(Rename(from, to)) << "the controller is told and not asked";
+    EXPECT_THAT(utilities.TakeNotifications(),
+                ElementsAre("rename (vm01) " + from + "/disk.img -> " + to + "/disk.img",
+                            "rename (vm01) " + from + "/inner.img -> " + to + "/inner.img"));
+    EXPECT_EQ(std::string(100, 'a'), Read(to + "/disk.img", 0, 100).data);
+    EXPECT_TRUE(IsRedirected(dir / "d2"));
+    // What comes to the old place is an ordinary file.
+    std::filesystem::create_directory(from);
+    ASSERT_TRUE(utilities.NewFile(&param, &argu, (from + "/disk.img").c_str()));
+    EXPECT_EQ(3, Write(from + "/disk.img", 0, "new"));
+    EXPECT_EQ("new", ReadFile(from + "/disk.img"));
+    EXPECT_THAT(utilities.TakeNotifications(), IsEmpty());
+}
+
+TEST_F(RedirectedRegistryTest, ARefusedRenameLeavesTheRowAndNothingNewIsMistakenForTheFile) {
+    Make("disk.img");
+    Open(disk);
+    EXPECT_EQ(0u, utilities.GetFileID(&param, &argu, disk.c_str()));
+    utilities.SetAnswer(1);
+    EXPECT_FALSE(Rename(disk, dir / "new.img"));
+    EXPECT_EQ(0u, utilities.GetFileID(&param, &argu, disk.c_str()));
+    Make("disk.img");
+    EXPECT_EQ(1u, utilities.GetFileID(&param, &argu, disk.c_str()));
 }
 
 // ------------------------------------------------------------------------------------------------

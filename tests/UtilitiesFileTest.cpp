@@ -642,6 +642,15 @@ TEST_F(Files, ANewFileInPlaceOfAnExistingOneKeepsItsContent) {
     EXPECT_EQ("0123456789", Content());
 }
 
+TEST_F(Files, ANewFileIsNotTheOneThatWasRemovedBehindOurBack) {
+    Export(m_Dir.Path(), "vm01");
+    ASSERT_NE(-1, Cached(m_sFile));
+    ASSERT_TRUE(std::filesystem::remove(m_sFile));
+    ASSERT_TRUE(m_Utilities.NewFile(&m_Silent, &m_Argu, m_sFile.c_str()));
+    EXPECT_EQ(3, m_Utilities.WriteFile(&m_Silent, &m_Argu, m_sFile.c_str(), 0, SEEK_SET, "new", 3));
+    EXPECT_EQ("new", Content());
+}
+
 TEST_F(Files, ANewFileThatCannotBeCreatedIsAFailure) {
     EXPECT_FALSE(m_Utilities.NewFile(&m_Errors, &m_Argu, (m_Dir / "none/f").c_str()));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -799,6 +808,12 @@ protected:
     bool Rename(CRuntimeParam* pParam, const std::string& sFrom, const std::string& sTo) {
         return m_Utilities.RenameFile(pParam, &m_Argu, sFrom.c_str(), sTo.c_str());
     }
+    // The path of a handle with this ID, or nothing.
+    std::string PathOf(unsigned char iID) {
+        const unsigned char cHandle[56] = {iID};
+        char cPath[PATH_SIZE] = "";
+        return m_Utilities.GetFilePath(&m_Silent, cHandle, cPath, sizeof(cPath)) ? cPath : "";
+    }
     const std::string m_sTo = m_Dir / "to";
 };
 
@@ -909,6 +924,102 @@ TEST_F(Renaming, AFolderKeepsTheRowsBelowUnderTheirOldPaths) {
     EXPECT_EQ(0u, FileID(m_sTo));
     EXPECT_EQ(2u, FileID(m_Dir / "to/f"));
     EXPECT_EQ(1u, FileID(m_Dir / "folder/f"));
+}
+
+TEST_F(Renaming, OntoATargetWithARowMovesBothRowsTheNextTime) {
+    support::WriteFile(m_sTo, "old");
+    FileID(m_sTo);
+    FileID(m_sTo);  // among the recently found, where the next search begins
+    EXPECT_EQ(1u, FileID(m_sFile));
+    ASSERT_TRUE(Rename(&m_Silent, m_sFile, m_sTo));
+    const std::string sThird = m_Dir / "third";
+    ASSERT_TRUE(Rename(&m_Silent, m_sTo, sThird));
+    EXPECT_EQ(sThird, PathOf(1)) << "the file's own row";
+    EXPECT_EQ(sThird, PathOf(0));
+    EXPECT_EQ(2u, FileID(m_sTo)) << "what comes there next is another file";
+}
+
+TEST_F(Renaming, AFolderClosesWhatIsOpenBelowItAndNoSibling) {
+    const std::string sSibling = m_Dir / "folder2";
+    support::WriteFile(m_sFolder + "/f", "x");
+    std::filesystem::create_directory(m_sFolder + "/inner");
+    support::WriteFile(m_sFolder + "/inner/g", "x");
+    support::WriteFile(sSibling, "x");
+    FileID(m_sFolder);
+    for (const std::string& sPath : {m_sFolder + "/f", m_sFolder + "/inner/g", sSibling, m_sFile}) {
+        ASSERT_NE(-1, Cached(sPath));
+    }
+    ASSERT_EQ(-1, Cached(m_sFolder + "/missing"));
+    ASSERT_TRUE(Rename(&m_All, m_sFolder, m_sTo));
+    EXPECT_THAT(
+        m_Utilities.TakeLines(),
+        ElementsAre(
+            "info: [Test.Case] Rename file, pathFrom=" + m_sFolder + ", pathTo=" + m_sTo,
+            "info: [Test.Case] OS close file \"" + m_sFolder + "/f\"",
+            "info: [Test.Case] OS close file \"" + m_sFolder + "/inner/g\"",
+            "info: [Test.Case] OS rename file from \"" + m_sFolder + "\" to \"" + m_sTo + "\""));
+    EXPECT_EQ(0, OpenCount(m_sTo + "/f"));
+    EXPECT_EQ(0, OpenCount(m_sTo + "/inner/g"));
+    EXPECT_EQ(1, OpenCount(sSibling));
+}
+
+TEST_F(Renaming, WhatIsStillOpenAtTheTargetFromRemovedFilesIsClosed) {
+    support::WriteFile(m_sFolder + "/f", "x");
+    FileID(m_sFolder);
+    FileID(m_sFile);
+    // Removed by somebody else, so that the server does not know.
+    std::filesystem::create_directory(m_sTo);
+    support::WriteFile(m_sTo + "/f", "gone");
+    support::WriteFile(m_sNone, "gone");
+    ASSERT_NE(-1, Cached(m_sTo + "/f"));
+    ASSERT_NE(-1, Cached(m_sNone));
+    std::filesystem::remove_all(m_sTo);
+    std::filesystem::remove(m_sNone);
+    ASSERT_TRUE(Rename(&m_Silent, m_sFolder, m_sTo));
+    ASSERT_TRUE(Rename(&m_Silent, m_sFile, m_sNone));
+    char cBuf[16] = "";
+    bool bEof = false;
+    EXPECT_EQ(1, m_Utilities.ReadFile(&m_Silent, &m_Argu, (m_sTo + "/f").c_str(), 0, SEEK_SET, cBuf,
+                                      16, &bEof));
+    EXPECT_EQ(10, m_Utilities.ReadFile(&m_Silent, &m_Argu, m_sNone.c_str(), 0, SEEK_SET, cBuf, 16,
+                                       &bEof));
+}
+
+TEST_F(Renaming, ARowLeftBehindMeansNothingThatComesToItsPlace) {
+    support::WriteFile(m_sFolder + "/f", "x");
+    EXPECT_EQ(0u, FileID(m_sFolder));
+    EXPECT_EQ(1u, FileID(m_sFolder + "/f"));
+    ASSERT_TRUE(Rename(&m_Silent, m_sFolder, m_sTo));
+    EXPECT_EQ(m_sFolder + "/f", PathOf(1)) << "nothing is there";
+    std::filesystem::create_directory(m_sFolder);
+    support::WriteFile(m_sFolder + "/f", "another");
+    EXPECT_EQ("", PathOf(1));
+    EXPECT_EQ(2u, FileID(m_sFolder + "/f"));
+    EXPECT_EQ(m_sFolder + "/f", PathOf(2));
+    // Back at its place it counts again.
+    std::filesystem::remove_all(m_sFolder);
+    ASSERT_TRUE(Rename(&m_Silent, m_sTo, m_sFolder));
+    EXPECT_EQ(m_sFolder + "/f", PathOf(1));
+    EXPECT_EQ(1u, FileID(m_sFolder + "/f"));
+}
+
+TEST_F(Renaming, AFolderIntoItselfRemovesNothing) {
+    support::WriteFile(m_sFolder + "/f", "kept");
+    FileID(m_sFolder);
+    EXPECT_FALSE(Rename(&m_Errors, m_sFolder, m_sFolder + "/f"));
+    EXPECT_THAT(m_Utilities.TakeLines(),
+                ElementsAre("error: [Test.Case] OS rename file from \"" + m_sFolder + "\" to \"" +
+                            m_sFolder + "/f\". Error=Invalid argument (22)"));
+    EXPECT_EQ("kept", support::ReadFile(m_sFolder + "/f"));
+}
+
+TEST_F(Renaming, OntoAnotherFileSystemRemovesNothing) {
+    const CTinyFileSystem tiny(m_Dir / "tiny");
+    support::WriteFile(m_Dir / "tiny/f", "kept");
+    FileID(m_sFile);
+    EXPECT_FALSE(Rename(&m_Silent, m_sFile, m_Dir / "tiny/f"));
+    EXPECT_EQ("kept", support::ReadFile(m_Dir / "tiny/f"));
+    EXPECT_EQ("0123456789", Content());
 }
 
 // --- Removing ---
