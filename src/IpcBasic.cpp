@@ -128,19 +128,21 @@ void CIpcBasic::PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData) {
 }
 
 void CIpcBasic::LogInfo(const char* pcFmt, ...) {
+    char cMessage[STATUS_SIZE];
     va_list vaArgs;
     va_start(vaArgs, pcFmt);
-    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFmt, vaArgs);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
     va_end(vaArgs);
-    LogInfo(cLogBuf);
+    LogInfo(cMessage);
 }
 
 void CIpcBasic::LogError(const char* pcFmt, ...) {
+    char cMessage[STATUS_SIZE];
     va_list vaArgs;
     va_start(vaArgs, pcFmt);
-    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFmt, vaArgs);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
     va_end(vaArgs);
-    LogError(cLogBuf);
+    LogError(cMessage);
 }
 
 // Not through the operations that a variant replaces: telling a controller of the message that

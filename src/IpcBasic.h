@@ -434,7 +434,7 @@ bool SetIpcText(char (&cField)[N], const char* pcText) {
 // The channel of an identity, "/tmp/nfs-" and the name, in IPC_CHANNEL_SIZE bytes.
 void MakeIpcChannel(const char* pcName, char* pcChannel);
 
-// Thread safety: an object is used by one thread at a time.
+// Thread safety: the operations of this class keep nothing and may be called from any thread.
 class CIpcBasic {
 public:
     // Both borrowed.
@@ -467,8 +467,6 @@ protected:
 
 private:
     static void InitialData(IpcDataBuf* pData, IPC_GROUP iGroup, int iType, std::size_t iSize);
-
-    char cLogBuf[STATUS_SIZE] = {};
 };
 
 #endif

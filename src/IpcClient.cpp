@@ -1,12 +1,20 @@
 #include "IpcClient.h"
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "IpcWaits.h"
+
+namespace {
+
+constexpr int STEP_MS = 50;  // of a wait, between two looks at whether it is to end
+
+}  // namespace
 
 CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, CIpcWaits* pWaits)
     : CIpcBasic(pUtilities, pRuntimeParam), m_pWaits(pWaits) {}
@@ -22,49 +30,57 @@ bool CIpcClient::SendRequest(const char* pcChannel) {
 
 bool CIpcClient::SendRequest(const char* pcChannel, char* pcError) {
     LogArgu logArgu{"IpcClient.SendRequest"};
-    const bool bLogState = m_pRuntimeParam->IsLogIpcState();
     if (pcChannel == nullptr) {
         CUtilities::SetStatus(pcError, "Channel is not defined");
         return false;
     }
-    if (bLogState) {
+    if (m_pRuntimeParam->IsLogIpcState()) {
         LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     }
     PrintData(&logArgu, &m_IpcDataInst.request);
-    if (bLogState) {
-        LogInfo("[%s] Open ipc client socket", logArgu.pcName);
-    }
+    LogState("[%s] Open ipc client socket", &logArgu);
+    const CIpcWait wait(m_pWaits);
     const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (iSocket == -1) {
         return Fail(pcError, "Fail to open ipc client socket. %s", errno);
     }
-    const bool bMayWait = m_pWaits == nullptr || m_pWaits->Enter(iSocket);
-    const bool bOk = bMayWait ? Exchange(&logArgu, iSocket, pcChannel, pcError)
-                              : Fail(pcError, "Fail to connect ipc client socket. %s", ECANCELED);
-    if (m_pWaits != nullptr) {
-        m_pWaits->Leave(iSocket);
-    }
+    const bool bOk = Exchange(&logArgu, wait, iSocket, pcChannel, pcError);
     shutdown(iSocket, SHUT_RDWR);
     close(iSocket);
     return bOk;
 }
 
-bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const char* pcChannel, char* pcError) {
-    const bool bLogState = m_pRuntimeParam->IsLogIpcState();
+// The log control may change while an exchange waits, so it is asked for each line.
+void CIpcClient::LogState(const char* pcFmt, LogArgu* pLogArgu) {
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfo(pcFmt, pLogArgu->pcName);
+    }
+}
+
+bool CIpcClient::Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket,
+                          const char* pcChannel, char* pcError) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (bLogState) {
-        LogInfo("[%s] Connect ipc client socket", pLogArgu->pcName);
-    }
+    LogState("[%s] Connect ipc client socket", pLogArgu);
     if (!SetIpcText(addr.sun_path, pcChannel)) {
         return Fail(pcError, "Fail to connect ipc client socket. %s", ENAMETOOLONG);
     }
-    if (connect(iSocket, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1) {
-        return Fail(pcError, "Fail to connect ipc client socket. %s", errno);
+    // A peer whose queue is full makes connect wait, for one step at a time.
+    const timeval step{0, STEP_MS * 1000L};
+    setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &step, sizeof(step));
+    int iError = 0;
+    do {
+        if (wait.IsEnded()) {
+            return Fail(pcError, "Fail to connect ipc client socket. %s", ECANCELED);
+        }
+        const bool bOk =
+            connect(iSocket, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
+        iError = bOk ? 0 : errno;
+    } while (iError == EAGAIN || iError == EINTR);
+    if (iError != 0) {
+        return Fail(pcError, "Fail to connect ipc client socket. %s", iError);
     }
-    if (bLogState) {
-        LogInfo("[%s] Send ipc client request", pLogArgu->pcName);
-    }
+    LogState("[%s] Send ipc client request", pLogArgu);
     const IpcDataBuf& request = m_IpcDataInst.request;
     const ssize_t iSent =
         send(iSocket, request.cBuf, static_cast<std::size_t>(request.lDataLen), MSG_NOSIGNAL);
@@ -75,8 +91,14 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const char* pcChannel,
         LogError("[%s] Fail to send complete ipc client request. (Send = %d, Target = %ld)",
                  pLogArgu->pcName, static_cast<int>(iSent), static_cast<long>(request.lDataLen));
     }
-    if (bLogState) {
-        LogInfo("[%s] Read ipc server reply", pLogArgu->pcName);
+    LogState("[%s] Read ipc server reply", pLogArgu);
+    struct pollfd answer {
+        iSocket, POLLIN, 0
+    };
+    while (poll(&answer, 1, STEP_MS) <= 0) {
+        if (wait.IsEnded()) {
+            return Fail(pcError, "Fail to read ipc server reply. %s", ECANCELED);
+        }
     }
     IpcDataBuf& reply = m_IpcDataInst.reply;
     ssize_t iRead = 0;

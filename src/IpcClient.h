@@ -4,19 +4,21 @@
 
 #include "IpcBasic.h"
 
+class CIpcWait;
 class CIpcWaits;
 
 // Made for one exchange.  The caller fills the request of GetDataInst, sends it, and reads the
 // reply.
 class CIpcClient : public CIpcBasic {
 public:
-    // With pWaits (borrowed, may be null) a stop of the service ends the exchange.
+    // With pWaits (borrowed, may be null) the exchange can be ended.
     CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, CIpcWaits* pWaits = nullptr);
 
     // Both buffers start as zeros.
     IpcDataInst* GetDataInst() { return &m_IpcDataInst; }
 
-    // True when a reply came; waits for it without a limit.  pcError points to STATUS_SIZE bytes.
+    // True when a reply came; waits for it without a limit, also for a peer that has no room for
+    // another connection.  pcError points to STATUS_SIZE bytes.
     bool SendRequest(const char* pcChannel, char* pcError);
     // Logs the error instead.
     bool SendRequest(const char* pcChannel);
@@ -32,7 +34,9 @@ private:
     bool IsReply(IPC_REPLY_TYPE iType) const;
     const char* GetTextReply(IPC_REPLY_TYPE iType);
     // The exchange on an open socket.
-    bool Exchange(LogArgu* pLogArgu, int iSocket, const char* pcChannel, char* pcError);
+    bool Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket, const char* pcChannel,
+                  char* pcError);
+    void LogState(const char* pcFmt, LogArgu* pLogArgu);
 
     CIpcWaits* m_pWaits;
     IpcDataInst m_IpcDataInst{};

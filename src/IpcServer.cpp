@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <vector>
 
 #include "ExitCleanup.h"
@@ -21,10 +24,30 @@ constexpr int SOCKET_FILE_MODE = 0777;    // processes of other users may connec
 constexpr std::size_t MAX_WAITING = 256;  // silent connections; one more drops the oldest
 constexpr int PAUSE_MS = 100;
 
-constexpr int INTERRUPTED = -1;
-constexpr int FAILED = -2;
+constexpr std::size_t MAX_REPORTS = 64;  // whose requesters do not take their lines
+constexpr std::chrono::milliseconds PATIENCE{
+    250};  // of all requests, with the first such requester
+constexpr std::size_t MAX_FORWARDS = 256;
+
+// The label of the lines about a message.
+constexpr LogArgu MESSAGE_ARGU{"IpcServer.ReadRequest"};
+
+// Overwrites a text at the end of its life.
+class Wiper {
+public:
+    Wiper(char* pc, std::size_t iSize) : m_pc(pc), m_iSize(iSize) {}
+    ~Wiper() { explicit_bzero(m_pc, m_iSize); }
+    Wiper(const Wiper&) = delete;
+    Wiper& operator=(const Wiper&) = delete;
+
+private:
+    char* m_pc;
+    std::size_t m_iSize;
+};
 
 }  // namespace
+
+CIpcServer::Connection::~Connection() { close(m_iSocket); }
 
 CIpcServer::CIpcServer(CNfsMain* pNfsHandle)
     : CIpcBasic(pNfsHandle->GetUtils(), pNfsHandle->GetRuntimeParam()), m_pNfsHandle(pNfsHandle) {
@@ -72,6 +95,9 @@ bool CIpcServer::Open(const char* pcChannel, char* pcError) {
         LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     }
     m_bOpened = true;
+    if (m_pNfsHandle->GetAccessMode() == ACCESS_MODE_IPC_CLIENT) {
+        m_pForwarder = std::make_unique<CIpcWorker>(&m_Waits);
+    }
     if (!OpenSocket(&logArgu, pcChannel, pcError)) {
         Close();
         return false;
@@ -90,6 +116,7 @@ bool CIpcServer::OpenSocket(LogArgu* pLogArgu, const char* pcChannel, char* pcEr
         return Fail(pcError, "Fail to bind ipc server socket. %s", ENAMETOOLONG);
     }
     CExitCleanup::AddFile(pcChannel);
+    m_bFile = true;
     std::remove(pcChannel);  // left by an earlier run
     if (m_pRuntimeParam->IsLogIpcState()) {
         LogInfo("[%s] Bind ipc server socket", pLogArgu->pcName);
@@ -121,38 +148,45 @@ bool CIpcServer::Close() {
 }
 
 bool CIpcServer::Close(char* /*pcError*/) {
-    LogArgu logArgu{"IpcServer.Close"};
     if (!m_bOpened.exchange(false)) {
         return true;
     }
-    CloseWaiting();
+    // Before any connection ends: its peer then finds no channel, and makes its own without ours
+    // being removed after that.
+    RemoveFile();
+    m_Waits.Refuse();
+    m_pForwarder.reset();
+    m_pReport.reset();
+    m_vReports.clear();
+    m_Waits.Allow();
+    m_vWaiting.clear();
     IpcServerInst& inst = m_IpcServerInst;
     if (inst.iSocket != -1) {
         shutdown(inst.iSocket, SHUT_RDWR);
         close(inst.iSocket);
-    }
-    const char* pcChannel = inst.socketAddr.sun_path;
-    if (*pcChannel != '\0') {
-        std::remove(pcChannel);
-        if (CUtilities::OS_IsFileExists(pcChannel)) {
-            m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
-        }
-        CExitCleanup::Forget(pcChannel);
     }
     inst = {};
     inst.iSocket = -1;
     return true;
 }
 
-void CIpcServer::CloseWaiting() {
-    for (const int fd : m_vWaiting) {
-        close(fd);
+void CIpcServer::RemoveFile() {
+    LogArgu logArgu{"IpcServer.Close"};
+    if (!m_bFile.exchange(false)) {
+        return;
     }
-    m_vWaiting.clear();
+    const char* pcChannel = m_IpcServerInst.socketAddr.sun_path;
+    std::remove(pcChannel);
+    if (CUtilities::OS_IsFileExists(pcChannel)) {
+        m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
+    }
+    CExitCleanup::Forget(pcChannel);
 }
 
 void CIpcServer::Interrupt() {
     m_bInterrupted = true;
+    RemoveFile();  // before exchanges, and with them connections, end
+    m_Waits.Refuse();
     const char c = 0;
     [[maybe_unused]] const ssize_t iWritten = write(m_iWake[1], &c, 1);  // stays readable
 }
@@ -191,84 +225,92 @@ bool CIpcServer::ReadRequest() {
     return bOk;
 }
 
+// The log control may change while a connection is waited for, so it is asked for each line.
+void CIpcServer::LogState(const char* pcFmt, const LogArgu& logArgu) {
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfo(pcFmt, logArgu.pcName);
+    }
+}
+
 bool CIpcServer::ReadRequest(char* pcError) {
-    LogArgu logArgu{"IpcServer.ReadRequest"};
-    const bool bLogState = m_pRuntimeParam->IsLogIpcState();
-    const auto log = [&](const char* pcFmt) {
-        if (bLogState) {
-            LogInfo(pcFmt, logArgu.pcName);
-        }
-    };
-    log("[%s] Start");
+    LogArgu logArgu = MESSAGE_ARGU;
+    LogState("[%s] Start", logArgu);
     if (!m_bOpened) {
         CUtilities::SetStatus(pcError, "Channel not yet opened.");
         return false;
     }
     if (m_IpcServerInst.iSocket == -1) {
-        log("[%s] Socket closed");
+        LogState("[%s] Socket closed", logArgu);
         return true;
     }
-    log("[%s] Accept ipc request");
-    const int iConnection = WaitForMessage(pcError);
-    if (iConnection == INTERRUPTED) {
-        log("[%s] Socket closed");
-        return true;
+    LogState("[%s] Accept ipc request", logArgu);
+    try {
+        const ConnectionPtr pConnection = WaitForMessage(pcError);
+        if (m_bInterrupted) {
+            LogState("[%s] Socket closed", logArgu);
+            return true;
+        }
+        if (pConnection == nullptr) {
+            Pause();  // a failure that lasts must not keep a core busy
+            return false;
+        }
+        LogState("[%s] Read ipc request", logArgu);
+        return ServeConnection(&logArgu, pConnection, pcError);
+    } catch (const std::bad_alloc&) {
+        Pause();
+        return Fail(pcError, "Fail to read ipc request. %s", ENOMEM);
     }
-    if (iConnection == FAILED) {
-        Pause();  // a failure that lasts must not keep a core busy
-        return false;
-    }
-    log("[%s] Read ipc request");
-    const bool bOk = ServeConnection(&logArgu, iConnection, pcError);
-    close(iConnection);
-    return bOk;
 }
 
-int CIpcServer::WaitForMessage(char* pcError) {
+CIpcServer::ConnectionPtr CIpcServer::WaitForMessage(char* pcError) {
     for (;;) {
         std::vector<struct pollfd> vPoll;
         vPoll.push_back({m_iWake[0], POLLIN, 0});
         vPoll.push_back({m_IpcServerInst.iSocket, POLLIN, 0});
-        for (const int fd : m_vWaiting) {
-            vPoll.push_back({fd, POLLIN, 0});
+        for (const ConnectionPtr& pConnection : m_vWaiting) {
+            vPoll.push_back({pConnection->Get(), POLLIN, 0});
         }
         const int iReady = poll(vPoll.data(), vPoll.size(), -1);
         const int iError = errno;
         if (m_bInterrupted) {
-            return INTERRUPTED;
+            return nullptr;
         }
         if (iReady == -1) {
             if (iError == EINTR) {
                 continue;
             }
             Fail(pcError, "Fail to accept ipc request. %s", iError);
-            return FAILED;
+            return nullptr;
         }
         const auto itReady = std::find_if(vPoll.begin() + 2, vPoll.end(),
                                           [](const auto& entry) { return entry.revents != 0; });
         if (itReady != vPoll.end()) {
-            m_vWaiting.erase(m_vWaiting.begin() + (itReady - vPoll.begin() - 2));
-            return itReady->fd;
+            const auto itWaiting = m_vWaiting.begin() + (itReady - vPoll.begin() - 2);
+            ConnectionPtr pConnection = *itWaiting;
+            m_vWaiting.erase(itWaiting);
+            return pConnection;
         }
         if (vPoll[1].revents != 0) {
             const int iConnection =
                 accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
             if (iConnection == -1) {
                 Fail(pcError, "Fail to accept ipc request. %s", errno);
-                return FAILED;
+                return nullptr;
             }
-            m_vWaiting.push_back(iConnection);
+            auto pOwner = std::make_unique<Connection>(iConnection);
+            m_vWaiting.push_back(std::move(pOwner));
             if (m_vWaiting.size() > MAX_WAITING) {
-                close(m_vWaiting.front());
                 m_vWaiting.pop_front();
             }
         }
     }
 }
 
-bool CIpcServer::ServeConnection(LogArgu* pLogArgu, int iConnection, char* pcError) {
+bool CIpcServer::ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnection,
+                                 char* pcError) {
+    std::erase_if(m_vReports, [](const auto& pReport) { return pReport->IsDone(); });
     IpcDataInst& data = m_IpcServerInst.data;
-    const ssize_t iRead = recv(iConnection, data.request.cBuf, sizeof(data.request.cBuf), 0);
+    const ssize_t iRead = recv(pConnection->Get(), data.request.cBuf, sizeof(data.request.cBuf), 0);
     if (iRead == -1) {
         return Fail(pcError, "Fail to read ipc request. %s", errno);
     }
@@ -276,20 +318,66 @@ bool CIpcServer::ServeConnection(LogArgu* pLogArgu, int iConnection, char* pcErr
         return true;  // closed without a message: what an earlier one left is not executed again
     }
     data.request.lDataLen = static_cast<std::int32_t>(iRead);
-    ParseData(pLogArgu, &data);
-    if (m_pRuntimeParam->IsLogIpcState()) {
-        LogInfo("[%s] Send ipc reply", pLogArgu->pcName);
+    if (m_pForwarder != nullptr && data.request.Get<Ipc_Header>().iGroup == IPC_GROUP_REQUEST) {
+        return Forward(pConnection, pcError);
     }
-    const ssize_t iSent = send(iConnection, data.reply.cBuf,
-                               static_cast<std::size_t>(data.reply.lDataLen), MSG_NOSIGNAL);
+    ParseData(pLogArgu, &data);
+    const std::shared_ptr<CIpcReport> pReport = std::move(m_pReport);
+    if (pReport == nullptr || !pReport->IsUsed()) {
+        return SendReply(*pLogArgu, *pConnection, data.reply, pcError);
+    }
+    m_vReports.reserve(m_vReports.size() + 1);
+    pReport->Deliver([this, pConnection, reply = data.reply] { SendReply(*pConnection, reply); });
+    if (!pReport->IsDone()) {
+        m_vReports.push_back(pReport);
+    }
+    return true;
+}
+
+bool CIpcServer::Forward(const ConnectionPtr& pConnection, char* pcError) {
+    if (m_pForwarder->GetCount() >= MAX_FORWARDS) {
+        return Fail(pcError, "Fail to read ipc request. %s", EAGAIN);
+    }
+    IpcDataBuf& request = m_IpcServerInst.data.request;
+    const auto pData = std::make_shared<IpcDataInst>(m_IpcServerInst.data);
+    if (request.Get<Ipc_Header>().iType == IPC_REQUEST_TYPE_ADD_VSPHERE_INFO) {
+        explicit_bzero(request.cBuf + offsetof(IpcRequest_AddVSphereInfo, cPwd), IPC_ID_SIZE);
+    }
+    const auto forward = [this, pConnection, pData] {
+        const CIpcWait wait(&m_Waits);
+        LogArgu logArgu = MESSAGE_ARGU;
+        ParseData(&logArgu, pData.get());
+        // Without an answer whoever asks for the version learns that the channel is free.
+        if (!wait.IsEnded()) {
+            SendReply(*pConnection, pData->reply);
+        }
+    };
+    if (!m_pForwarder->Add(forward)) {
+        forward();
+    }
+    return true;
+}
+
+bool CIpcServer::SendReply(const LogArgu& logArgu, const Connection& connection,
+                           const IpcDataBuf& reply, char* pcError) {
+    LogState("[%s] Send ipc reply", logArgu);
+    const ssize_t iSent =
+        send(connection.Get(), reply.cBuf, static_cast<std::size_t>(reply.lDataLen), MSG_NOSIGNAL);
     if (iSent == -1) {
         return Fail(pcError, "Fail to send ipc reply. %s", errno);
     }
-    if (iSent != data.reply.lDataLen) {
+    if (iSent != reply.lDataLen) {
         LogError("Fail to send ipc complete reply. (Send = %d, Target = %ld)",
-                 static_cast<int>(iSent), static_cast<long>(data.reply.lDataLen));
+                 static_cast<int>(iSent), static_cast<long>(reply.lDataLen));
     }
     return true;
+}
+
+void CIpcServer::SendReply(const Connection& connection, const IpcDataBuf& reply) {
+    char cError[STATUS_SIZE] = "";
+    if (!SendReply(MESSAGE_ARGU, connection, reply, cError) && m_pRuntimeParam->IsLogError()) {
+        LogError("[%s] %s", "IpcServer.SendRequest", cError);
+    }
 }
 
 // =================================================================================================
@@ -325,6 +413,26 @@ void CIpcServer::ReplyResult(IpcDataInst* pData, bool bOk) {
 void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pData) {
     PrintData(pLogArgu, &pData->request);
     std::memset(pData->reply.cBuf, 0, sizeof(pData->reply.cBuf));
+    const auto fail = [pData](const char* pcReason) {
+        std::memset(pData->reply.cBuf, 0, sizeof(pData->reply.cBuf));
+        CUtilities::SetStatus(pData->reply.cBuf + offsetof(IpcReply_Message, cMsg), "%s", pcReason);
+        ReplyText(pData, IPC_REPLY_TYPE_EXPT);
+    };
+    try {
+        Execute(pData);
+    } catch (const std::bad_alloc&) {
+        char cReason[STATUS_SIZE] = "";
+        CUtilities::GetLastErrorText(cReason, ENOMEM);
+        fail(cReason);
+    } catch (const std::exception& exception) {
+        fail(exception.what());
+    } catch (...) {
+        fail("Unknown exception");
+    }
+    PrintData(pLogArgu, &pData->reply);
+}
+
+void CIpcServer::Execute(IpcDataInst* pData) {
     char* pcText = pData->reply.cBuf + offsetof(IpcReply_Message, cMsg);
     const auto header = pData->request.Get<Ipc_Header>();
     switch (header.iGroup) {
@@ -344,23 +452,35 @@ void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pData) {
             ReplyText(pData, IPC_REPLY_TYPE_EXPT);
             break;
     }
-    PrintData(pLogArgu, &pData->reply);
+}
+
+// Own identity, and the requester's channel for the lines.  A controlling process asks without an
+// identity: whoever asked is not this process, on whose console the lines would be nobody's.
+std::shared_ptr<CRuntimeParam> CIpcServer::MakeListingParam(const std::string& sIpcID,
+                                                            bool bLines) {
+    const int iLogControl = m_pRuntimeParam->GetLogControl();
+    if (m_pForwarder != nullptr) {
+        return std::make_shared<CRuntimeParam>("", iLogControl);
+    }
+    const char* pcID = m_pRuntimeParam->GetID();
+    // Every other request has waited for a requester that does not take its lines; once is enough.
+    m_pReport = std::make_shared<CIpcReport>(
+        pcID, iLogControl, &m_Waits, m_vReports.empty() ? PATIENCE : std::chrono::milliseconds(0));
+    m_pReport->SetIpcID(sIpcID.c_str());
+    if (bLines && m_vReports.size() >= MAX_REPORTS) {
+        m_pReport->Mute();
+        if (m_pRuntimeParam->IsLogError()) {
+            LogError("[%s] Lines are not sent to \"%s\". Reason=%d requests wait for controllers",
+                     MESSAGE_ARGU.pcName, sIpcID.c_str(), static_cast<int>(MAX_REPORTS));
+        }
+    }
+    return m_pReport;
 }
 
 void CIpcServer::ProcessRequest(IpcDataInst* pData, int iType) {
     CNfsMain* pMain = m_pNfsHandle;
     const IpcDataBuf& buf = pData->request;
     char* pcText = pData->reply.cBuf + offsetof(IpcReply_Message, cMsg);
-    // The parameters of a listing: own identity, and the requester's channel for its lines.  In a
-    // controlling process the identity would ask the server for lines on this very channel, which
-    // takes none before this request is done: both processes would wait for ever.
-    const auto listingParam = [this](const std::string& sIpcID) {
-        const bool bForwarded = m_pNfsHandle->GetAccessMode() == ACCESS_MODE_IPC_CLIENT;
-        auto pParam = std::make_unique<CRuntimeParam>(bForwarded ? "" : m_pRuntimeParam->GetID(),
-                                                      m_pRuntimeParam->GetLogControl());
-        pParam->SetIpcID(sIpcID.c_str());
-        return pParam;
-    };
     switch (iType) {
         case IPC_REQUEST_TYPE_GET_VERSION:
             pMain->GetVersion(pcText);
@@ -473,24 +593,24 @@ void CIpcServer::ProcessRequest(IpcDataInst* pData, int iType) {
             break;
         case IPC_REQUEST_TYPE_GET_MOUNT_INFO: {
             const auto request = buf.Get<IpcRequest_GetMountInfo>();
-            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            const bool bLines = buf.GetBool(offsetof(IpcRequest_GetMountInfo, bPrintDetails));
+            const auto pParam = MakeListingParam(GetIpcText(request.cIpcID), bLines);
             ReplyInt(pData, pMain->GetMountInfo(
                                 pParam.get(),
                                 buf.GetBool(offsetof(IpcRequest_GetMountInfo, bClientMountedOnly)),
-                                buf.GetBool(offsetof(IpcRequest_GetMountInfo, bPrintDetails))));
+                                bLines));
             break;
         }
         case IPC_REQUEST_TYPE_GET_SESSION_INFO: {
             const auto request = buf.Get<IpcRequest_GetSessionInfo>();
-            const auto pParam = listingParam(GetIpcText(request.cIpcID));
-            ReplyInt(pData, pMain->GetSessionInfo(
-                                pParam.get(),
-                                buf.GetBool(offsetof(IpcRequest_GetSessionInfo, bPrintDetails))));
+            const bool bLines = buf.GetBool(offsetof(IpcRequest_GetSessionInfo, bPrintDetails));
+            const auto pParam = MakeListingParam(GetIpcText(request.cIpcID), bLines);
+            ReplyInt(pData, pMain->GetSessionInfo(pParam.get(), bLines));
             break;
         }
         case IPC_REQUEST_TYPE_RUN_TEST_MODE: {
             const auto request = buf.Get<IpcRequest_RunTestMode>();
-            const auto pParam = listingParam(GetIpcText(request.cIpcID));
+            const auto pParam = MakeListingParam(GetIpcText(request.cIpcID), true);
             pMain->RunTestMode(pParam.get(), GetIpcText(request.cDirPath).c_str(),
                                request.iFileSize);
             ReplyBool(pData, true);
@@ -513,23 +633,22 @@ void CIpcServer::ProcessRequest(IpcDataInst* pData, int iType) {
             break;
         case IPC_REQUEST_TYPE_GET_VSPHERE_INFO: {
             const auto request = buf.Get<IpcRequest_GetVSphereInfo>();
-            const auto pParam = listingParam(GetIpcText(request.cIpcID));
-            ReplyInt(pData, pMain->GetVSphereInfo(
-                                pParam.get(),
-                                buf.GetBool(offsetof(IpcRequest_GetVSphereInfo, bPrintDetails))));
+            const bool bLines = buf.GetBool(offsetof(IpcRequest_GetVSphereInfo, bPrintDetails));
+            const auto pParam = MakeListingParam(GetIpcText(request.cIpcID), bLines);
+            ReplyInt(pData, pMain->GetVSphereInfo(pParam.get(), bLines));
             break;
         }
         case IPC_REQUEST_TYPE_ADD_VSPHERE_INFO: {
             auto request = buf.Get<IpcRequest_AddVSphereInfo>();
             std::string sPwd = GetIpcText(request.cPwd);
+            // The password stays in the table alone.
+            const Wiper wipeText(sPwd.data(), sPwd.size());
+            const Wiper wipeCopy(request.cPwd, sizeof(request.cPwd));
+            const Wiper wipeBuffer(pData->request.cBuf + offsetof(IpcRequest_AddVSphereInfo, cPwd),
+                                   sizeof(request.cPwd));
             pMain->AddVSphereInfo(
                 GetIpcText(request.cDatastoreMoid).c_str(), GetIpcText(request.cHost).c_str(),
                 GetIpcText(request.cPort).c_str(), GetIpcText(request.cUser).c_str(), sPwd.c_str());
-            // The password stays in the table alone.
-            explicit_bzero(sPwd.data(), sPwd.size());
-            explicit_bzero(request.cPwd, sizeof(request.cPwd));
-            explicit_bzero(pData->request.cBuf + offsetof(IpcRequest_AddVSphereInfo, cPwd),
-                           sizeof(request.cPwd));
             ReplyBool(pData, true);
             break;
         }

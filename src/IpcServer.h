@@ -6,19 +6,33 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "IpcBasic.h"
+#include "IpcReport.h"
+#include "IpcWaits.h"
 
 class CNfsMain;
 
 // Serves requests in a server process and callbacks in a controlling process.
 //
-// A connection whose message has not come yet waits aside, so that a silent peer keeps nobody but
-// itself waiting; messages are executed one after another in the order in which they arrive.
+// Order: the next message is that of the oldest connection whose message is there; a connection
+// whose message has not come yet waits aside, so that a silent peer keeps nobody but itself
+// waiting.  Messages are executed one after another, with two exceptions that keep a wait for
+// another process from holding up the rest:
+//   - A request whose lines go to its requester is executed in its turn, but lines that the
+//     requester does not take, and then the answer, are delivered on a thread of their own.
+//   - In a controlling process, requests are forwarded one after another by a second thread, so
+//   that
+//     callbacks, which are executed in their own order, never wait for the server process.
 //
 // Errors go to pcError (STATUS_SIZE bytes); the forms without it log the error.
 //
 // Thread safety: one thread opens, serves and closes; Interrupt and IsOpened may be called by any.
+// ParseData and what it calls are also run by the forwarding thread, with a pair of buffers of its
+// own.
 class CIpcServer : public CIpcBasic {
 public:
     // pNfsHandle is borrowed and lends its utilities and runtime parameters.
@@ -31,7 +45,8 @@ public:
     bool Close(char* pcError);
     bool Close();
     bool IsOpened() const { return m_bOpened; }
-    // Makes ReadRequest, now and from now on, return at once.
+    // Makes ReadRequest, now and from now on, return at once, and ends what waits for other
+    // processes.
     void Interrupt();
     bool IsInterrupted() const { return m_bInterrupted; }
 
@@ -40,12 +55,27 @@ public:
     // Also ends the process's service after an accepted auto-shutdown request was answered.
     bool ReadRequest();
 
-    // Executes the request of the pair and fills its reply.
+    // Executes the request of the pair and fills its reply; what an operation throws becomes an
+    // EXPT with its reason.
     void ParseData(LogArgu* pLogArgu, IpcDataInst* pData);
     void ProcessRequest(IpcDataInst* pData, int iType);
     void ProcessCallback(IpcDataInst* pData, int iType);
 
 private:
+    // An accepted connection.
+    class Connection {
+    public:
+        explicit Connection(int iSocket) : m_iSocket(iSocket) {}
+        ~Connection();
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
+        int Get() const { return m_iSocket; }
+
+    private:
+        int m_iSocket;
+    };
+    using ConnectionPtr = std::shared_ptr<Connection>;
+
     struct IpcServerInst {
         int iSocket;             // listening; -1: none
         sockaddr_un socketAddr;  // its path is the channel
@@ -60,21 +90,39 @@ private:
     static void ReplyResult(IpcDataInst* pData, bool bOk);
 
     bool OpenSocket(LogArgu* pLogArgu, const char* pcChannel, char* pcError);
-    // Waits until a connection has something to read, and takes it over; -1 when interrupted, -2
-    // with an error.
-    int WaitForMessage(char* pcError);
-    bool ServeConnection(LogArgu* pLogArgu, int iConnection, char* pcError);
+    // Waits until a connection has something to read, and takes it over; null when interrupted, and
+    // with a text in pcError when it failed.
+    ConnectionPtr WaitForMessage(char* pcError);
+    bool ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnection, char* pcError);
+    // Gives the message to the forwarding thread; false, with a text in pcError, when that has too
+    // much to do.
+    bool Forward(const ConnectionPtr& pConnection, char* pcError);
+    bool SendReply(const LogArgu& logArgu, const Connection& connection, const IpcDataBuf& reply,
+                   char* pcError);
+    // For the other threads: logs the error.
+    void SendReply(const Connection& connection, const IpcDataBuf& reply);
+    void LogState(const char* pcFmt, const LogArgu& logArgu);
+    // The context of a request that, with bLines, has lines for its requester.
+    std::shared_ptr<CRuntimeParam> MakeListingParam(const std::string& sIpcID, bool bLines);
+    // Once only, so that a file that another process has put in its place stays.
+    void RemoveFile();
     // Waits a moment, or until interrupted.
     void Pause();
-    void CloseWaiting();
+    void Execute(IpcDataInst* pData);
 
     std::atomic<bool> m_bOpened{false};
     std::atomic<bool> m_bInterrupted{false};
     IpcServerInst m_IpcServerInst{};
     CNfsMain* m_pNfsHandle;
-    bool m_bAutoShutdownRequested = false;
-    int m_iWake[2] = {-1, -1};   // a pipe; readable once interrupted
-    std::deque<int> m_vWaiting;  // accepted, no message yet; oldest first
+    bool m_bAutoShutdownRequested = false;  // only the serving thread of a server process sets it
+    int m_iWake[2] = {-1, -1};              // a pipe; readable once interrupted
+    std::deque<ConnectionPtr> m_vWaiting;   // accepted, no message yet; oldest first
+
+    std::atomic<bool> m_bFile{false};          // the channel's file may be there
+    CIpcWaits m_Waits;                         // of the reports and the forwarding thread
+    std::unique_ptr<CIpcWorker> m_pForwarder;  // null in a server process
+    std::shared_ptr<CIpcReport> m_pReport;     // of the request being executed
+    std::vector<std::shared_ptr<CIpcReport>> m_vReports;  // whose deliveries are not done
 };
 
 #endif

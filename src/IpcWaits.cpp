@@ -1,30 +1,26 @@
 #include "IpcWaits.h"
 
-#include <sys/socket.h>
+namespace {
 
-bool CIpcWaits::Enter(int iSocket) {
-    const std::lock_guard<std::mutex> lock(m_hMutex);
-    if (m_bRefused) {
-        return false;
-    }
-    m_Sockets.insert(iSocket);
-    return true;
-}
+thread_local CIpcWaits* t_pWaits = nullptr;  // in place of those of an exchange; null: none
 
-void CIpcWaits::Leave(int iSocket) {
-    const std::lock_guard<std::mutex> lock(m_hMutex);
-    m_Sockets.erase(iSocket);
-}
+}  // namespace
 
 void CIpcWaits::Refuse() {
-    const std::lock_guard<std::mutex> lock(m_hMutex);
-    m_bRefused = true;
-    for (const int iSocket : m_Sockets) {
-        shutdown(iSocket, SHUT_RDWR);
-    }
+    ++m_iRefusals;
+    ++m_iEnds;  // an exchange that looks only after Allow is ended all the same
 }
 
-void CIpcWaits::Allow() {
-    const std::lock_guard<std::mutex> lock(m_hMutex);
-    m_bRefused = false;
+void CIpcWaits::Allow() { --m_iRefusals; }
+
+CIpcWaits::ThreadScope::ThreadScope(CIpcWaits* pWaits) : m_pOuter(t_pWaits) { t_pWaits = pWaits; }
+
+CIpcWaits::ThreadScope::~ThreadScope() { t_pWaits = m_pOuter; }
+
+CIpcWait::CIpcWait(const CIpcWaits* pWaits)
+    : m_pWaits(t_pWaits != nullptr ? t_pWaits : pWaits),
+      m_iEnds(m_pWaits != nullptr ? m_pWaits->m_iEnds.load() : 0) {}
+
+bool CIpcWait::IsEnded() const {
+    return m_pWaits != nullptr && (m_pWaits->m_iRefusals > 0 || m_pWaits->m_iEnds != m_iEnds);
 }

@@ -1,10 +1,13 @@
 #include "NfsIpcServerMain.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <string>
 
 #include "IpcClient.h"
 #include "IpcServerThread.h"
+#include "StandardOutput.h"
 #include "UtilitiesIpcServer.h"
 
 CNfsIpcServerMain::CNfsIpcServerMain() = default;
@@ -54,6 +57,15 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     if (m_pIpcServerThread != nullptr) {
         return true;
     }
+    try {
+        return OpenIpcServerThread(logArgu, pcStatus);
+    } catch (const std::bad_alloc&) {
+        CUtilities::GetLastErrorText(pcStatus, ENOMEM);
+        return false;
+    }
+}
+
+bool CNfsIpcServerMain::OpenIpcServerThread(const LogArgu& logArgu, char* pcStatus) {
     char cChannel[IPC_CHANNEL_SIZE];
     GetIpcServerThreadChannel(cChannel);
     CIpcClient probe(m_pUtilities.get(), m_pRuntimeParam.get());
@@ -80,4 +92,7 @@ void CNfsIpcServerMain::StopRemoteController() {
     CloseIpcServerThread();
 }
 
-void CNfsIpcServerMain::CloseIpcServerThread() { m_pIpcServerThread.reset(); }
+void CNfsIpcServerMain::CloseIpcServerThread() {
+    const CStandardOutput::ServiceStop stop;
+    m_pIpcServerThread.reset();
+}

@@ -7,6 +7,7 @@
 #include "NfsMain.h"
 
 class CIpcServerThread;
+struct LogArgu;
 
 class CNfsIpcServerMain : public CNfsMain {
 public:
@@ -35,6 +36,8 @@ protected:
     void CloseIpcServerThread();
 
 private:
+    bool OpenIpcServerThread(const LogArgu& logArgu, char* pcStatus);
+
     std::unique_ptr<CIpcServerThread> m_pIpcServerThread;  // null until the controller starts
 };
 

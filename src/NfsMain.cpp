@@ -1,6 +1,8 @@
 #include "NfsMain.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "DatagramSocket.h"
@@ -41,7 +43,12 @@ CNfsMain::CNfsMain(const char* pcID, int iLogControl) {
     CNfsMain::InitMemberVaribles(pcID, iLogControl);
 }
 
-CNfsMain::~CNfsMain() { CloseSockets(); }
+CNfsMain::~CNfsMain() {
+    if (m_pUtilities != nullptr) {
+        m_pUtilities->RefuseWaits();
+    }
+    CloseSockets();
+}
 
 void CNfsMain::InitMemberVaribles(const char* pcID, int iLogControl) {
     m_pRuntimeParam = std::make_unique<CRuntimeParam>(pcID, iLogControl);
@@ -123,6 +130,23 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
         CUtilities::SetStatus(pcStatus, "NFS already running");
         return false;
     }
+    bool bStarted = false;
+    try {
+        bStarted = StartServices(iMountPort, iNfsPort, iUId, iGId, bReadOnly, pcStatus);
+    } catch (const std::bad_alloc&) {
+        char cReason[STATUS_SIZE] = "";
+        CUtilities::GetLastErrorText(cReason, ENOMEM);
+        CUtilities::SetStatus(pcStatus, "%s", cReason);
+    }
+    m_bServerRunning = bStarted;
+    if (!bStarted) {
+        StopServer();
+    }
+    return bStarted;
+}
+
+bool CNfsMain::StartServices(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId,
+                             bool bReadOnly, char* pcStatus) {
     CUtilities* pUtilities = m_pUtilities.get();
     m_pMountProg = std::make_unique<CMountProg>(pUtilities);
     m_pPortmap = std::make_unique<CPortmap>(pUtilities, m_pRuntimeParam.get());
@@ -173,13 +197,8 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
         handle.pDatagramSocket->SetListener(m_pRpcServer.get());
     }
 
-    m_bServerRunning =
-        OpenServices(iMountPort, iNfsPort, pcStatus) && (!bExternal || RegisterServices(pcStatus));
-    if (!m_bServerRunning) {
-        StopServer();
-        return false;
-    }
-    return true;
+    return OpenServices(iMountPort, iNfsPort, pcStatus) &&
+           (!bExternal || RegisterServices(pcStatus));
 }
 
 bool CNfsMain::OpenSockets(std::size_t iIndex, int iProgram, int iPort, int iSlots,
@@ -282,17 +301,21 @@ void CNfsMain::CloseSockets() {
 
 void CNfsMain::StopServer() {
     LogArgu logArgu{"NfsMain.StopServer"};
+    const CStandardOutput::ServiceStop stop;
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
     m_pUtilities->StopExports();
     if (m_bServerRunning) {
         LogToFile("Stop NFS");
     }
     // Before the exports go, the hosts let go of the datastores that they are.
-    m_pUtilities->RemoveAllVSphereInfoWithWebCtrl(m_pRuntimeParam.get());
+    try {
+        m_pUtilities->RemoveAllVSphereInfoWithWebCtrl(m_pRuntimeParam.get());
+    } catch (const std::bad_alloc&) {
+        // A datastore that stays mounted must not keep the service from stopping.
+    }
     m_bServerRunning = false;
     m_pUtilities->RefuseWaits();
     CloseSockets();
-    m_pUtilities->AllowWaits();
     m_pMountProg.reset();
     m_pPortmapProg.reset();
     if (m_pPortmap != nullptr && m_pPortmap->IsRunning()) {
@@ -306,6 +329,7 @@ void CNfsMain::StopServer() {
         m_pRpcServer.reset();
     }
     m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
+    m_pUtilities->AllowWaits();
 }
 
 // =================================================================================================

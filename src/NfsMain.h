@@ -148,6 +148,9 @@ protected:
     std::unique_ptr<CUtilities> m_pUtilities;
 
 private:
+    // Everything of a start but what follows its failure; may throw when memory runs out.
+    bool StartServices(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId,
+                       bool bReadOnly, char* pcStatus);
     // Opens the TCP and the UDP socket of a program; the reason goes to pcReason.
     bool OpenSockets(std::size_t iIndex, int iProgram, int iPort, int iSlots, char* pcReason);
     bool OpenServices(int iMountPort, int iNfsPort, char* pcStatus);

@@ -17,8 +17,9 @@ constexpr int STEP_MS = 50;
 constexpr int GRACE_MS = 1000;
 
 std::mutex g_hMutex;
-int g_iGraceMs = GRACE_MS;  // what is left of it; guarded by g_hMutex
+std::atomic<int> g_iGraceMs{GRACE_MS};  // what is left of it
 std::atomic<bool> g_bEndWaits{false};
+std::atomic<int> g_iStops{0};  // services that stop
 
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
@@ -35,11 +36,8 @@ bool WaitForRoom() {
         if (iReady == -1 && errno != EINTR) {
             return false;
         }
-        if (g_bEndWaits) {
-            g_iGraceMs -= STEP_MS;
-            if (g_iGraceMs <= 0) {
-                return false;
-            }
+        if ((g_bEndWaits || g_iStops > 0) && (g_iGraceMs -= STEP_MS) <= 0) {
+            return false;
         }
     }
 }
@@ -47,6 +45,14 @@ bool WaitForRoom() {
 }  // namespace
 
 void CStandardOutput::EndWaits() { g_bEndWaits = true; }
+
+CStandardOutput::ServiceStop::ServiceStop() { ++g_iStops; }
+
+CStandardOutput::ServiceStop::~ServiceStop() {
+    if (--g_iStops == 0 && !g_bEndWaits) {
+        g_iGraceMs = GRACE_MS;
+    }
+}
 
 void CStandardOutput::Print(const char* pcFmt, ...) {
     va_list vaArgs;

@@ -14,11 +14,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <string_view>
 #include <type_traits>
 
@@ -116,6 +118,63 @@ struct OsError {
 
 }  // namespace
 
+// While it lives, the lines that the calling thread logs are kept; at its end, which is that of the
+// outermost one, they are delivered in their order.  It stands before the locks of an operation, so
+// that no line is delivered under them: whoever takes the line may be waiting for what they guard.
+// Not for an operation that waits for a controller's answer, nor for one without an end in sight.
+class CUtilities::HeldLines {
+public:
+    using Log = void (CUtilities::*)(CRuntimeParam*, char*);
+
+    explicit HeldLines(CUtilities* pUtilities)
+        : m_pUtilities(pUtilities), m_bOutermost(t_pHeldLines == nullptr) {
+        if (m_bOutermost) {
+            t_pHeldLines = this;
+        }
+    }
+    ~HeldLines() {
+        if (!m_bOutermost) {
+            return;
+        }
+        t_pHeldLines = nullptr;
+        for (Line& line : m_vLines) {
+            try {
+                (m_pUtilities->*line.log)(line.pRuntimeParam, line.sMessage.data());
+            } catch (const std::bad_alloc&) {
+                // Without memory there is no line.
+            }
+        }
+    }
+    HeldLines(const HeldLines&) = delete;
+    HeldLines& operator=(const HeldLines&) = delete;
+
+    // Whether the line is kept, and so not to be delivered yet.
+    static bool Hold(CUtilities* pUtilities, Log log, CRuntimeParam* pRuntimeParam,
+                     const char* pcMessage) {
+        HeldLines* pHeldLines = t_pHeldLines;
+        if (pHeldLines == nullptr || pHeldLines->m_pUtilities != pUtilities) {
+            return false;
+        }
+        pHeldLines->m_vLines.push_back({log, pRuntimeParam, pcMessage});
+        return true;
+    }
+
+private:
+    struct Line {
+        Log log;
+        CRuntimeParam* pRuntimeParam;  // the caller's, who is still in the operation
+        std::string sMessage;
+    };
+
+    static thread_local HeldLines* t_pHeldLines;  // the outermost one; null: none
+
+    CUtilities* m_pUtilities;
+    bool m_bOutermost;
+    std::vector<Line> m_vLines;
+};
+
+thread_local CUtilities::HeldLines* CUtilities::HeldLines::t_pHeldLines = nullptr;
+
 // =================================================================================================
 // Object and reset
 // =================================================================================================
@@ -201,6 +260,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                    const char* pcLocalMountPath, const char* pcExportName,
                                    char* pcStatus) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
     if (pcExportName != nullptr && m_MountInfos.count(pcExportName) != 0) {
         SetStatus(pcStatus, "Export name \"%s\" already defined", pcExportName);
@@ -248,6 +308,7 @@ bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     CopyPath(cTarget, Text(pcPath));
     SetPathToCompare(cTarget);
 
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
     for (const auto& [sName, info] : m_MountInfos) {
         const char* pcLocal = info.sLocalMountPath.c_str();
@@ -318,18 +379,24 @@ bool CUtilities::IsRemoteAddrExists(const char* pcRemoteAddr) {
 
 int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
                              bool bPrintDetails) {
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    std::vector<MountInfo> vRows;
     int iCount = 0;
-    for (const auto& [sName, info] : m_MountInfos) {
-        if (bClientMountedOnly && info.sRemoteIpAddr.empty()) {
-            continue;
+    {
+        const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+        for (const auto& [sName, info] : m_MountInfos) {
+            if (bClientMountedOnly && info.sRemoteIpAddr.empty()) {
+                continue;
+            }
+            ++iCount;
+            if (bPrintDetails) {
+                vRows.push_back(info);
+            }
         }
-        ++iCount;
-        if (bPrintDetails) {
-            LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", iCount,
-                   info.sLocalMountPath.c_str(), info.sExportName.c_str(),
-                   info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
-        }
+    }
+    int iRow = 0;
+    for (const MountInfo& info : vRows) {
+        LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", ++iRow, info.sLocalMountPath.c_str(),
+               info.sExportName.c_str(), info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
     }
     return iCount;
 }
@@ -366,14 +433,21 @@ bool CUtilities::IsSessionExists(const char* pcSessionID) {
 }
 
 int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    std::vector<SessionInfo> vRows;
     int iCount = 0;
-    for (const auto& [sID, info] : m_SessionInfos) {
-        ++iCount;
-        if (bPrintDetails) {
-            LogRaw(pRuntimeParam, " session%d - %s : %s", iCount, info.sSessionID.c_str(),
-                   info.sLocalMountPath.c_str());
+    {
+        const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+        for (const auto& [sID, info] : m_SessionInfos) {
+            ++iCount;
+            if (bPrintDetails) {
+                vRows.push_back(info);
+            }
         }
+    }
+    int iRow = 0;
+    for (const SessionInfo& info : vRows) {
+        LogRaw(pRuntimeParam, " session%d - %s : %s", ++iRow, info.sSessionID.c_str(),
+               info.sLocalMountPath.c_str());
     }
     return iCount;
 }
@@ -448,6 +522,7 @@ long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     if (const auto pRedirected = GetRedirectedFile(pcPath)) {
         return pRedirected->GetFileSize();
     }
+    const HeldLines lines(this);
     const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
     std::unique_lock<std::mutex> lock;
     if (file.pUse != nullptr) {
@@ -602,6 +677,7 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
         LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
                 pLogArgu->pcName, pcPath, iSeek, iSeekType, iLen);
     }
+    const HeldLines lines(this);
     *pbEof = true;
     if (const RedirectedFileUse redirected = UseRedirectedFile(pcPath); redirected.pFile) {
         return redirected.pFile->Read(pRuntimeParam, iSeek, pvBuf, iLen, pbEof);
@@ -633,6 +709,7 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     if (GetRedirectedFile(pcPath) != nullptr) {
         return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
     }
+    const HeldLines lines(this);
     const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
     if (file.iFile == -1) {
         return -1;
@@ -1003,6 +1080,7 @@ CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
         return {};
     }
     const std::string sPath(pcPath);
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     OpenedFileInfo info;
     const auto it = m_OpenedFileHandles.find(sPath);
@@ -1093,6 +1171,7 @@ void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pL
     if (pcPath == nullptr || *pcPath == '\0') {
         return;
     }
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     const auto it = m_OpenedFileHandles.find(pcPath);
     if (it == m_OpenedFileHandles.end()) {
@@ -1111,6 +1190,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     char cFolder[PATH_SIZE];
     CopyPath(cFolder, pcPath);
     SetPathToCompare(cFolder);
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     for (auto it = m_OpenedFileHandles.begin(); it != m_OpenedFileHandles.end();) {
         char cEntry[PATH_SIZE];
@@ -1132,11 +1212,13 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
 }
 
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
 }
 
 void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     std::size_t n = m_OpenedFileHandles.size() / 10;
     if (n == 0) {
@@ -1182,6 +1264,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
                                                                 int iInfoFileSegmentSizeMB,
                                                                 int iInfoFileCheckPointSizeMB) {
     CloseRedirectedFile(pRuntimeParam, pcPath);
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     auto pFile = std::make_shared<CRedirectedFile>(this);
     pFile->Open(pRuntimeParam, iSize, static_cast<int>(m_mRedirectedFiles.size()),
@@ -1192,6 +1275,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 }
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it != m_mRedirectedFiles.end()) {
@@ -1200,6 +1284,7 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     if (m_mRedirectedFiles.empty()) {
         return;
@@ -1225,6 +1310,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
         it = EraseRedirectedFile(pRuntimeParam, it);
@@ -1234,6 +1320,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
 bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                           const char* pcSourcePath, long long iSrcFileOffset,
                                           long long iOffset, long long iLength, char* pcStatus) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it == m_mRedirectedFiles.end()) {
@@ -1266,6 +1353,7 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
 
 void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                       const char* pathTo) {
+    const HeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pathTo));
     if (it != m_mRedirectedFiles.end()) {
@@ -1329,9 +1417,27 @@ VSphereInfo::~VSphereInfo() { WipePassword(); }
 
 void VSphereInfo::WipePassword() { explicit_bzero(sPwd.data(), sPwd.size()); }
 
+// A clean-up keeps everybody else out, but it holds no lock while it tells of its steps: whoever
+// takes the lines may be waiting for an answer of ours.  One that has not taken a line within a
+// second is taken to do so.
+std::unique_lock<std::mutex> CUtilities::LockVSphereInfos() {
+    constexpr std::chrono::seconds LINE_TIME{1};
+    std::unique_lock<std::mutex> lock(m_hMutexVSphereInfos);
+    while (m_hVSphereCleaner != std::thread::id() &&
+           m_hVSphereCleaner != std::this_thread::get_id()) {
+        const unsigned long iLine = m_iVSphereLine;
+        const bool bDone = m_hVSphereCleaned.wait_for(
+            lock, LINE_TIME, [this] { return m_hVSphereCleaner == std::thread::id(); });
+        if (!bDone && iLine % 2 == 1 && iLine == m_iVSphereLine) {
+            break;
+        }
+    }
+    return lock;
+}
+
 void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                                 const char* pcUser, const char* pcPwd) {
-    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    const auto lock = LockVSphereInfos();
     // Filled in place: a record that is moved in would leave the password behind.
     VSphereInfo& info = m_VSphereInfos[Text(pcDatastoreMoid)];
     info.sDatastoreMoid = Text(pcDatastoreMoid);
@@ -1343,37 +1449,79 @@ void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
-    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    const auto lock = LockVSphereInfos();
     m_VSphereInfos.erase(Text(pcDatastoreMoid));
 }
 
 int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    struct Row {
+        std::string sMoid;
+        std::string sHost;
+        std::string sPort;
+    };
+    std::vector<Row> vRows;
     int iCount = 0;
-    for (const auto& [sMoid, info] : m_VSphereInfos) {
-        ++iCount;
-        if (bPrintDetails) {
-            LogRaw(pRuntimeParam, " NFS datastore%d - %s (%s:%s)", iCount,
-                   info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+    {
+        const auto lock = LockVSphereInfos();
+        for (const auto& [sMoid, info] : m_VSphereInfos) {
+            ++iCount;
+            if (bPrintDetails) {
+                vRows.push_back({info.sDatastoreMoid, info.sHost, info.sPort});
+            }
         }
+    }
+    int iRow = 0;
+    for (const Row& row : vRows) {
+        LogRaw(pRuntimeParam, " NFS datastore%d - %s (%s:%s)", ++iRow, row.sMoid.c_str(),
+               row.sHost.c_str(), row.sPort.c_str());
     }
     return iCount;
 }
 
 void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
-    const std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    auto lock = LockVSphereInfos();
     if (m_VSphereInfos.empty()) {
         return;
     }
+    // Lets the others in again, in whatever way this ends.
+    struct Cleaning {
+        Cleaning(CUtilities* pUtilities, std::unique_lock<std::mutex>* pLock)
+            : m_pUtilities(pUtilities), m_pLock(pLock) {
+            m_pUtilities->m_hVSphereCleaner = std::this_thread::get_id();
+        }
+        ~Cleaning() {
+            if (!m_pLock->owns_lock()) {
+                m_pLock->lock();
+            }
+            m_pUtilities->m_hVSphereCleaner = std::thread::id();
+            m_pUtilities->m_hVSphereCleaned.notify_all();
+        }
+        Cleaning(const Cleaning&) = delete;
+        Cleaning& operator=(const Cleaning&) = delete;
+
+    private:
+        CUtilities* m_pUtilities;
+        std::unique_lock<std::mutex>* m_pLock;
+    };
+    const Cleaning cleaning(this, &lock);
+    const auto tell = [&](const char* pcFmt, auto... args) {
+        ++m_iVSphereLine;
+        lock.unlock();
+        LogInfo(pRuntimeParam, pcFmt, args...);
+        lock.lock();
+        ++m_iVSphereLine;
+    };
     CVSphereWebController controller(this, pRuntimeParam);
-    LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores");
-    for (auto it = m_VSphereInfos.begin(); it != m_VSphereInfos.end();) {
-        VSphereInfo& info = it->second;
-        LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
-                info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+    tell("Start cleanup mounted NFS datastores");
+    while (!m_VSphereInfos.empty()) {
+        const auto node = m_VSphereInfos.extract(m_VSphereInfos.begin());
+        const VSphereInfo& info = node.mapped();
+        tell("Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
+             info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+        lock.unlock();
         controller.RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(),
                                  info.sPort.c_str(), info.sUser.c_str(), info.sPwd.c_str());
-        it = m_VSphereInfos.erase(it);
+        lock.lock();
     }
 }
 
@@ -1791,7 +1939,9 @@ void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
     va_start(vaArgs, pcFmt);
     std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
     va_end(vaArgs);
-    LogInfo(pRuntimeParam, cMessage);
+    if (!HeldLines::Hold(this, &CUtilities::LogInfo, pRuntimeParam, cMessage)) {
+        LogInfo(pRuntimeParam, cMessage);
+    }
 }
 
 void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
@@ -1800,7 +1950,9 @@ void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) 
     va_start(vaArgs, pcFmt);
     std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
     va_end(vaArgs);
-    LogError(pRuntimeParam, cMessage);
+    if (!HeldLines::Hold(this, &CUtilities::LogError, pRuntimeParam, cMessage)) {
+        LogError(pRuntimeParam, cMessage);
+    }
 }
 
 void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
@@ -1809,7 +1961,9 @@ void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
     va_start(vaArgs, pcFmt);
     std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
     va_end(vaArgs);
-    LogRaw(pRuntimeParam, cMessage);
+    if (!HeldLines::Hold(this, &CUtilities::LogRaw, pRuntimeParam, cMessage)) {
+        LogRaw(pRuntimeParam, cMessage);
+    }
 }
 
 void CUtilities::LogInfo(const char* pcID, char* pcMessage) {

@@ -6,12 +6,14 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FileTable.h"
@@ -117,6 +119,10 @@ struct RedirectedFileUse {
 //     a redirected file's own  ->  a cached descriptor's (CDescriptorUse), which is a leaf; an
 //     export takes two of them, together (std::scoped_lock)
 //
+// Lines are delivered without any of these mutexes, because a sink may call back, or its process
+// may be waiting for an operation of this object.  The exception is an export: its lines, which
+// concern no client's work, come while it goes on.
+//
 // Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
 // and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
 class CUtilities {
@@ -173,7 +179,7 @@ public:
     static void SplitIntoVector(const char* pcStr, char cDelimiter,
                                 std::vector<std::string>* pvOutput);
 
-    // === Exports (m_hMutexMountInfos, held for each whole operation, logging included) ===
+    // === Exports (m_hMutexMountInfos, held for each whole operation) ===
 
     bool AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                       const char* pcExportName, const char* pcIpcID, char* pcStatus);
@@ -363,7 +369,7 @@ public:
     void RemoveVSphereInfo(const char* pcDatastoreMoid);
     int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
     // Unmounts every datastore from its host, in MOID order, and forgets it, whether that worked or
-    // not.  Holds the table throughout.
+    // not.  The other operations wait until all are unmounted.
     void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
 
     // === Platform test ===
@@ -411,6 +417,10 @@ public:
     CFileLogger* GetFileLogger() const { return m_pFileLogger; }
 
 private:
+    class HeldLines;
+
+    // Locks the table once no clean-up goes on.
+    std::unique_lock<std::mutex> LockVSphereInfos();
     // The "[%s]..." line of one system call: info when it worked (pcError null), else error with
     // the reason, which is also copied to pcStatus.
     template <typename... Args>
@@ -459,8 +469,11 @@ private:
     std::mutex m_hMutexRedirectedFiles;  // guards m_mRedirectedFiles
     std::mutex m_hMutexMountInfos;       // guards m_MountInfos
     std::mutex m_hMutexSessionInfos;     // guards m_SessionInfos
-    std::mutex m_hMutexVSphereInfos;     // guards m_VSphereInfos
-    std::mutex m_hMutexCallbacks;        // guards m_vCallbacks; a leaf
+    std::mutex m_hMutexVSphereInfos;     // guards m_VSphereInfos and these:
+    std::condition_variable m_hVSphereCleaned;
+    std::thread::id m_hVSphereCleaner;  // the thread that cleans up; the default: none
+    unsigned long m_iVSphereLine = 0;   // odd while the clean-up delivers a line
+    std::mutex m_hMutexCallbacks;       // guards m_vCallbacks; a leaf
 };
 
 #endif

@@ -1,6 +1,9 @@
 #include "UtilitiesIpcServer.h"
 
+#include <string>
+
 #include "IpcClient.h"
+#include "IpcReport.h"
 
 namespace {
 
@@ -42,6 +45,17 @@ void CUtilitiesIpcServer::SendMessage(CRuntimeParam* pRuntimeParam, const char* 
     if (!HasController(pRuntimeParam)) {
         return;
     }
+    auto* pReport = dynamic_cast<CIpcReport*>(pRuntimeParam);
+    if (pReport == nullptr) {
+        SendLine(pRuntimeParam, pcMessage, iType);
+    } else if (!pReport->IsMute()) {
+        pReport->Deliver([this, pReport, sMessage = std::string(pcMessage), iType] {
+            SendLine(pReport, sMessage.c_str(), iType);
+        });
+    }
+}
+
+void CUtilitiesIpcServer::SendLine(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType) {
     CIpcClient client(this, pRuntimeParam, &m_Waits);
     auto callback =
         BeginCallback<IpcCb_LogMessage>(&client, IPC_CALLBACK_TYPE_MESSAGE, pRuntimeParam);

@@ -21,7 +21,8 @@ public:
     using CUtilities::LogUpdateRedirectedFileAttributes;
     using CUtilities::LogWriteRedirectedFile;
 
-    // Log here first, then send the line; whether it arrived does not matter.
+    // Log here first, then send the line, or give it to the report that the parameters are; whether
+    // it arrived does not matter.
     void LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage) override;
     void LogError(CRuntimeParam* pRuntimeParam, char* pcMessage) override;
     void LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage) override;
@@ -46,6 +47,7 @@ public:
 
 private:
     void SendMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
+    void SendLine(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
     // Sends a filled callback to the controller; false when no answer came.
     bool SendCallback(CRuntimeParam* pRuntimeParam, CIpcClient* pClient);
 

@@ -5,8 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <memory>
+
 #include "IpcFaults.h"
 #include "IpcFixture.h"
+#include "IpcWaits.h"
 
 using namespace ipctest;
 
@@ -154,6 +158,97 @@ TEST_F(IpcClientTest, EveryExchangeClosesItsSocket) {
     }
     // The peer's own ends close a moment later.
     EXPECT_TRUE(support::WaitFor([&] { return support::OpenFds().size() <= fds; }));
+}
+
+// ================================================================================================
+// Peers that do not answer
+// ================================================================================================
+
+namespace {
+
+// Listens and accepts nobody until it is told to; its queue takes one connection.
+class BusyPeer {
+public:
+    explicit BusyPeer(const std::string& channel) : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        const sockaddr_un address = ChannelAddress(channel);
+        if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            faults::Next<int(int, int)>("listen")(m_fd, 0) != 0) {
+            throw std::runtime_error("listen " + channel);
+        }
+    }
+    ~BusyPeer() { close(m_fd); }
+    BusyPeer(const BusyPeer&) = delete;
+    BusyPeer& operator=(const BusyPeer&) = delete;
+
+    // Accepts the next connection and answers its message, if it sends one.
+    void Serve(const Bytes& answer) const {
+        const int fd = accept(m_fd, nullptr, nullptr);
+        Bytes message(4096);
+        if (recv(fd, message.data(), message.size(), 0) > 0) {
+            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        }
+        close(fd);
+    }
+
+private:
+    int m_fd;
+};
+
+}  // namespace
+
+TEST_F(IpcClientTest, AFullQueueIsWaitedFor) {
+    const BusyPeer peer(channel);
+    std::vector<std::unique_ptr<RawClient>> filling;
+    filling.push_back(std::make_unique<RawClient>(channel));
+    auto sent = std::async(std::launch::async, [this] { return Send(); });
+    EXPECT_EQ(std::future_status::timeout, sent.wait_for(Milliseconds(300))) << "there is no limit";
+    filling.clear();
+    peer.Serve({});
+    peer.Serve(ReplyInt(5));
+    EXPECT_TRUE(sent.get()) << reason;
+    EXPECT_EQ(5, client.GetIntReply());
+}
+
+TEST_F(IpcClientTest, AWaitForAnAnswerCanBeEnded) {
+    const BusyPeer peer(channel);
+    CIpcWaits waits;
+    CIpcClient ended(&utilities, &param, &waits);
+    CIpcBasic::InitialRequestData(&ended.GetDataInst()->request, IPC_REQUEST_TYPE_GET_VERSION);
+    auto sent =
+        std::async(std::launch::async, [&] { return ended.SendRequest(channel.c_str(), reason); });
+    EXPECT_EQ(std::future_status::timeout, sent.wait_for(Milliseconds(300))) << "there is no limit";
+    waits.Refuse();
+    EXPECT_FALSE(sent.get());
+    EXPECT_EQ("Fail to read ipc server reply. " + SystemText(ECANCELED), reason);
+}
+
+TEST_F(IpcClientTest, AWaitForAFullQueueCanBeEnded) {
+    const BusyPeer peer(channel);
+    const RawClient filling(channel);
+    CIpcWaits waits;
+    CIpcClient ended(&utilities, &param, &waits);
+    auto sent =
+        std::async(std::launch::async, [&] { return ended.SendRequest(channel.c_str(), reason); });
+    EXPECT_EQ(std::future_status::timeout, sent.wait_for(Milliseconds(300)));
+    waits.Refuse();
+    EXPECT_FALSE(sent.get());
+    EXPECT_EQ("Fail to connect ipc client socket. " + SystemText(ECANCELED), reason);
+    EXPECT_FALSE(ended.SendRequest(channel.c_str(), reason)) << "refused before it waits";
+}
+
+TEST_F(IpcClientTest, AStateLineFollowsTheLogControlOfItsMoment) {
+    const BusyPeer peer(channel);
+    auto filling = std::make_unique<RawClient>(channel);
+    auto sent = std::async(std::launch::async, [this] { return Send(); });
+    ASSERT_EQ(std::future_status::timeout, sent.wait_for(Milliseconds(300)));
+    param.SetLogControl(LOG_CONTROL_IPC_STATE);
+    filling.reset();
+    peer.Serve({});
+    peer.Serve(ReplyInt(5));
+    EXPECT_TRUE(sent.get()) << reason;
+    const std::string label = "[info] [IpcClient.SendRequest] ";
+    EXPECT_EQ((Texts{label + "Send ipc client request", label + "Read ipc server reply"}),
+              log.Lines());
 }
 
 // ================================================================================================

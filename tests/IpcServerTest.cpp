@@ -338,6 +338,23 @@ TEST_F(IpcServerTest, AnOperationThatFailsWithoutATextIsAnsweredWithAnEmptyOne) 
     EXPECT_EQ(Hex(ReplyExpt("")), Hex(Exchange(ipcvectors::kAddRedirectedFileSegment)));
 }
 
+TEST_F(IpcServerTest, AnOperationThatThrowsIsAnsweredWithItsReason) {
+    main.SetHook([] { throw std::bad_alloc(); });
+    for (const Bytes& request :
+         {ipcvectors::kGetVersion, ipcvectors::kStart, ipcvectors::kRemoveMountPoint,
+          ipcvectors::kGetSessionInfo, ipcvectors::kRunTestMode, ipcvectors::kAddVSphereInfo}) {
+        EXPECT_EQ(Hex(ReplyExpt(SystemText(ENOMEM))), Hex(Exchange(request)));
+    }
+    main.SetHook([] { throw std::runtime_error("a reason"); });
+    EXPECT_EQ(Hex(ReplyExpt("a reason")), Hex(Exchange(ipcvectors::kIsServerRunning)));
+    main.SetHook([] { throw 5; });
+    EXPECT_EQ(Hex(ReplyExpt("Unknown exception")), Hex(Exchange(ipcvectors::kGetDescription)));
+    main.SetHook(nullptr);
+    main.TakeCalls();
+    EXPECT_EQ("AddVSphereInfo|ds1|h1|443|u1|", CallFor(Header(2, 26), kTrue))
+        << "the thread serves on, and the password was wiped all the same";
+}
+
 TEST_F(IpcServerTest, ShorterAnswersCarryNothingOfEarlierOnes) {
     EXPECT_EQ(Hex(ReplyMsg("words")), Hex(Exchange(ipcvectors::kGetDescription)));
     EXPECT_EQ(Hex(ReplyMsg("1.2")), Hex(Exchange(ipcvectors::kGetVersion)));
@@ -390,6 +407,17 @@ TEST_F(IpcServerTest, StateLinesFollowAConnection) {
     log.Clear();
     main.StopRemoteController();
     EXPECT_EQ((Texts{"[info] Stop Remote Controller", label + "Socket closed"}), log.Lines());
+}
+
+TEST_F(IpcServerTest, AStateLineFollowsTheLogControlOfItsMoment) {
+    LogBits(LOG_CONTROL_IPC_STATE);
+    Exchange(ipcvectors::kIsServerRunning);
+    const std::string waiting = "[info] [IpcServer.ReadRequest] Accept ipc request";
+    ASSERT_TRUE(
+        support::WaitFor([&] { return !log.Lines().empty() && log.Lines().back() == waiting; }));
+    LogBits(0);
+    Exchange(ipcvectors::kIsServerRunning);
+    EXPECT_EQ(Texts{}, log.Lines()) << "switched off while a message was waited for";
 }
 
 TEST_F(IpcServerTest, MessagesAreTracedBothWays) {

@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
+#include <future>
+#include <latch>
 #include <memory>
 
 #include "IpcFixture.h"
@@ -483,7 +487,129 @@ TEST_F(NfsIpcClientMainTest, AListingAskedOfTheCallbackChannelBringsNoLinesToIt)
     EXPECT_REQUEST(
         WithText(ipcvectors::kGetSessionInfo, 16, 256, ""),
         EXPECT_EQ(Hex(ReplyInt(4)), Hex(Exchange(ipcvectors::kGetSessionInfo, "/tmp/nfs-ctl"))))
-        << "the channel is busy with the request and could not take them";
+        << "whoever asked is not this process";
+}
+
+TEST_F(NfsIpcClientMainTest, ACallbackIsTakenWhileAForwardedRequestWaits) {
+    StartController(main);
+    log.Clear();
+    std::atomic<int> asked{0};
+    server->SetAnswer([&](const Bytes&) {
+        ++asked;
+        for (const std::uint32_t kind : {1u, 3u}) {
+            EXPECT_EQ(Hex(ReplyBool(true)),
+                      Hex(Exchange(WithU32(ipcvectors::kLogMessage, 2320, kind), "/tmp/nfs-ctl")))
+                << "a line of the server, which answers only then";
+        }
+        return ReplyBool(true);
+    });
+    EXPECT_EQ(Hex(ReplyBool(true)), Hex(Exchange(ipcvectors::kIsServerRunning, "/tmp/nfs-ctl")));
+    EXPECT_EQ(1, asked);
+    EXPECT_EQ((Texts{"[info] hey", " hey"}), log.Lines());
+}
+
+TEST_F(NfsIpcClientMainTest, RequestsAreForwardedOneAfterAnotherInTheirOrder) {
+    StartController(main);
+    std::latch entered(1);
+    std::latch released(1);
+    std::atomic<bool> first{true};
+    server->SetAnswer([&](const Bytes&) {
+        if (first.exchange(false)) {
+            entered.count_down();
+            released.wait();
+        }
+        return ReplyBool(true);
+    });
+    std::vector<std::unique_ptr<RawClient>> clients;
+    std::vector<Bytes> expected;
+    for (int i = 0; i < 5; ++i) {
+        expected.push_back(WithText(ipcvectors::kRemoveSession, 16, 256, "o" + std::to_string(i)));
+        clients.push_back(std::make_unique<RawClient>("/tmp/nfs-ctl"));
+        ASSERT_TRUE(clients.back()->Send(expected.back()));
+        if (i == 0) {
+            entered.wait();
+        }
+    }
+    EXPECT_EQ(Hex(ReplyBool(true)), Hex(Exchange(ipcvectors::kLogMessage, "/tmp/nfs-ctl")));
+    released.count_down();
+    for (const auto& client : clients) {
+        EXPECT_EQ(Hex(ReplyBool(true)), Hex(client->Receive()));
+    }
+    EXPECT_EQ(expected, server->Take());
+}
+
+TEST_F(NfsIpcClientMainTest, AShortMessageToForwardIsCompletedByAnEarlierOneButForThePassword) {
+    StartController(main);
+    for (const Bytes& request : {ipcvectors::kAddSession, ipcvectors::kAddVSphereInfo}) {
+        EXPECT_EQ(Hex(ReplyBool(true)), Hex(Exchange(request, "/tmp/nfs-ctl")));
+    }
+    Requests();
+    EXPECT_EQ(Hex(ReplyBool(true)), Hex(Exchange(Header(2, 26), "/tmp/nfs-ctl")));
+    EXPECT_EQ(std::vector<Bytes>{WithText(ipcvectors::kAddVSphereInfo, 1040, 256, "")}, Requests());
+}
+
+// ================================================================================================
+// Processes that do not answer
+// ================================================================================================
+
+namespace {
+
+// Takes the place of a process that has stopped: connections to its channel wait.
+class MuteOwner {
+public:
+    explicit MuteOwner(const std::string& channel) : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        const sockaddr_un address = ChannelAddress(channel);
+        unlink(channel.c_str());
+        if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            listen(m_fd, 16) != 0) {
+            throw std::runtime_error("listen " + channel);
+        }
+    }
+    ~MuteOwner() { close(m_fd); }
+    MuteOwner(const MuteOwner&) = delete;
+    MuteOwner& operator=(const MuteOwner&) = delete;
+
+    [[nodiscard]] bool WaitForCaller() const {
+        pollfd connection{m_fd, POLLIN, 0};
+        return poll(&connection, 1, static_cast<int>(support::kPatience.count())) == 1;
+    }
+
+private:
+    int m_fd;
+};
+
+}  // namespace
+
+TEST_F(NfsIpcClientMainTest, StoppingDoesNotWaitForWhatIsForwarded) {
+    StartController(main);
+    server->Stop();
+    const MuteOwner mute(kServerChannel);
+    const RawClient asking("/tmp/nfs-ctl");
+    ASSERT_TRUE(asking.Send(ipcvectors::kIsServerRunning));
+    ASSERT_TRUE(mute.WaitForCaller());
+    const RawClient queued("/tmp/nfs-ctl");
+    ASSERT_TRUE(queued.Send(ipcvectors::kGetVersion));
+    const auto begin = std::chrono::steady_clock::now();
+    main.StopRemoteController();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_EQ(Bytes{}, asking.Receive());
+    EXPECT_EQ(Bytes{}, queued.Receive()) << "no made-up version: the channel is free";
+}
+
+TEST_F(NfsIpcClientMainTest, WhoeverAsksAnEndingControllerFindsItsChannelGone) {
+    server->Stop();
+    const MuteOwner mute(kServerChannel);
+    for (int i = 0; i < 20; ++i) {
+        StartController(main);
+        const RawClient asking("/tmp/nfs-ctl");
+        ASSERT_TRUE(asking.Send(ipcvectors::kGetVersion));
+        auto gone = std::async(std::launch::async, [&] {
+            asking.Receive();
+            return !support::FileExists("/tmp/nfs-ctl");
+        });
+        main.StopRemoteController();
+        EXPECT_TRUE(gone.get()) << "its file was still there when the connection ended";
+    }
 }
 
 TEST_F(NfsIpcClientMainTest, ASecondControllerOfTheSameIdentityIsRefused) {

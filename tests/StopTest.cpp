@@ -3,19 +3,27 @@
 // A stop of the service waits for nobody: not for a client that does not read its replies, not for
 // a controller that does not answer, and not for an export of a redirected file.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "IpcFixture.h"
 #include "IpcWaits.h"
 #include "NfsIpcServerMain.h"
 #include "NfsMain.h"
@@ -50,6 +58,20 @@ public:
     ~SilentController() { close(m_fd); }
     SilentController(const SilentController&) = delete;
     SilentController& operator=(const SilentController&) = delete;
+
+    // Takes the next callback, answers it, and gives its text.
+    std::string TakeLine() const {
+        pollfd ready{m_fd, POLLIN, 0};
+        EXPECT_EQ(1, poll(&ready, 1, static_cast<int>(kPatience.count())));
+        const int fd = accept(m_fd, nullptr, nullptr);
+        Bytes line(4096);
+        EXPECT_EQ(2324, recv(fd, line.data(), line.size(), 0));
+        const Bytes answer = ipctest::ReplyBool(true);
+        EXPECT_EQ(static_cast<ssize_t>(answer.size()),
+                  send(fd, answer.data(), answer.size(), MSG_NOSIGNAL));
+        close(fd);
+        return ipctest::TextAt(line, 272, 2048);
+    }
 
     // Waits until somebody has connected, who then waits for an answer.
     [[nodiscard]] bool WaitForCaller() const {
@@ -168,38 +190,216 @@ TEST(Stop, EndsARunningExportAndTheRequestsThatWaitForIt) {
     }
 }
 
-TEST(IpcWaits, RefusingEndsAWaitAndTurnsAwayNewOnesUntilAllowed) {
-    int pair[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-    CIpcWaits waits;
-    ASSERT_TRUE(waits.Enter(pair[0]));
-    auto waiting = std::async(std::launch::async, [&] {
-        char c = 0;
-        return recv(pair[0], &c, 1, 0);
-    });
-    waits.Refuse();
-    EXPECT_EQ(0, waiting.get());
-    waits.Leave(pair[0]);
-    EXPECT_FALSE(waits.Enter(pair[0]));
-    waits.Allow();
-    EXPECT_TRUE(waits.Enter(pair[0]));
-    waits.Leave(pair[0]);
-    close(pair[0]);
-    close(pair[1]);
+namespace {
+
+// While it lives, standard output is a pipe that is full and that nobody reads.
+class UnreadOutput {
+public:
+    UnreadOutput() : m_saved(dup(STDOUT_FILENO)) {
+        std::fflush(stdout);
+        int ends[2];
+        if (pipe(ends) != 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) != 0) {
+            throw std::runtime_error(std::strerror(errno));
+        }
+        const std::string filling(4096, 'x');
+        while (write(ends[1], filling.data(), filling.size()) > 0) {
+        }
+        fcntl(ends[1], F_SETFL, 0);
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[1]);
+        m_reader = ends[0];
+    }
+    ~UnreadOutput() {
+        dup2(m_saved, STDOUT_FILENO);
+        close(m_saved);
+        close(m_reader);
+    }
+    UnreadOutput(const UnreadOutput&) = delete;
+    UnreadOutput& operator=(const UnreadOutput&) = delete;
+
+private:
+    int m_saved;
+    int m_reader = -1;
+};
+
+}  // namespace
+
+TEST(Stop, DoesNotWaitForWhoeverDoesNotReadTheOutput) {
+    const ScopedTempDir dir;
+    CNfsIpcServerMain main("stop", 0);
+    StartWithExport(&main, dir.Path(), "");
+    ipctest::StartController(main);
+    {
+        const UnreadOutput output;
+        main.SetLogControl(ipctest::kAllLogBits);
+        Nfs3Client nfs;
+        nfs.Rpc().SendCall(kNfs, 3, kNull);
+        const ipctest::RawClient controller;
+        EXPECT_TRUE(controller.Send(ipcvectors::kIsServerRunning));
+        EXPECT_FALSE(controller.HasAnswer(Milliseconds(300))) << "who prints waits for the reader";
+        EXPECT_FALSE(nfs.Rpc().TryReceiveReply(Milliseconds(0)).has_value());
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_TRUE(StopsInTime(&main));
+        main.StopRemoteController();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, Milliseconds(5000));
+    }
+    main.SetLogControl(0);
 }
 
-TEST(IpcWaits, ALeftSocketIsNotTouched) {
-    int pair[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+// ------------------------------------------------------------------------------------------------
+// Controllers that connect and then neither take their lines nor answer
+// ------------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr Milliseconds kStopTime{5000};
+
+// Runs an action aside. An action that never ends leaves its thread behind and fails the test.
+[[nodiscard]] bool EndsWithin(Milliseconds time, std::function<void()> action) {
+    auto task = std::make_shared<std::packaged_task<void()>>(std::move(action));
+    auto done = task->get_future();
+    std::thread([task] { (*task)(); }).detach();
+    return done.wait_for(time) == std::future_status::ready;
+}
+
+Bytes ForMute(const Bytes& request) { return ipctest::WithText(request, 16, 256, "mute"); }
+
+// The requests that have lines for whoever asks.
+std::vector<std::pair<std::string, Bytes>> RequestsWithLines(const std::string& folder) {
+    return {{"mounts", ForMute(ipcvectors::kGetMountInfo)},
+            {"sessions", ForMute(ipcvectors::kGetSessionInfo)},
+            {"datastores", ForMute(ipcvectors::kGetVSphereInfo)},
+            {"test", ipctest::WithText(ForMute(ipcvectors::kRunTestMode), 272, 3072, folder)}};
+}
+
+// A server process with one row in each table, and a controller "mute" that takes no line.
+class MuteController : public testing::Test {
+protected:
+    void SetUp() override {
+        ipctest::StartController(main);
+        StartWithExport(&main, dir.Path(), "");
+        main.AddSessionInfo("s1", "/x");
+        main.AddVSphereInfo("ds1", "127.0.0.1", "443", "me", "pw");
+        ASSERT_EQ(0, mkdir(testFolder.c_str(), 0755));
+    }
+    void TearDown() override {
+        main.RemoveVSphereInfo("ds1");
+        EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopServer(); }));
+        EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopRemoteController(); }));
+    }
+
+    const ScopedTempDir dir;
+    const std::string testFolder = dir / "t";
+    const SilentController controller{"/tmp/nfs-mute"};
+    CNfsIpcServerMain main{"stop", 0};
+};
+
+}  // namespace
+
+TEST_F(MuteController, KeepsNobodyElseWaitingForItsListing) {
+    for (const auto& [name, request] : RequestsWithLines(testFolder)) {
+        SCOPED_TRACE(name);
+        const ipctest::RawClient asking;
+        ASSERT_TRUE(asking.Send(request));
+        ASSERT_TRUE(controller.WaitForCaller());
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(ipctest::ReplyMsg("1.2"), ipctest::Exchange(ipcvectors::kGetVersion));
+        EXPECT_EQ(ipctest::ReplyBool(true), ipctest::Exchange(ipcvectors::kAddSession));
+        EXPECT_EQ(ipctest::ReplyBool(true), ipctest::Exchange(ipcvectors::kAddVSphereInfo));
+        EXPECT_EQ(ipctest::ReplyBool(true), ipctest::Exchange(ipctest::WithText(
+                                                ipcvectors::kRemoveMountPoint, 16, 1024, "/none")));
+        MountClient mount;
+        EXPECT_EQ(0u, mount.Mnt("vm01").status);
+        EXPECT_EQ(kSuccess, mount.Umnt("vm01").acceptStat);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, Milliseconds(1500));
+        EXPECT_FALSE(asking.HasAnswer(Milliseconds(0))) << "its lines have not been taken";
+        main.RemoveVSphereInfo("ds1");
+        main.AddVSphereInfo("ds1", "127.0.0.1", "443", "me", "pw");
+    }
+    main.RemoveVSphereInfo("ds1");
+}
+
+TEST_F(MuteController, DoesNotHoldUpAStopByWhatItAskedFor) {
+    std::vector<std::unique_ptr<ipctest::RawClient>> asking;
+    for (const auto& [name, request] : RequestsWithLines(testFolder)) {
+        asking.push_back(std::make_unique<ipctest::RawClient>());
+        ASSERT_TRUE(asking.back()->Send(request)) << name;
+    }
+    ASSERT_TRUE(controller.WaitForCaller());
+    main.RemoveVSphereInfo("ds1");
+    EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopServer(); }));
+    EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopRemoteController(); }));
+    for (const auto& client : asking) {
+        EXPECT_TRUE(client->HasAnswer(kPatience)) << "answered, or closed";
+    }
+}
+
+TEST_F(MuteController, StopsTheRemoteControllerWhileTheServiceGoesOn) {
+    const ipctest::RawClient asking;
+    ASSERT_TRUE(asking.Send(ForMute(ipcvectors::kGetSessionInfo)));
+    ASSERT_TRUE(controller.WaitForCaller());
+    EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopRemoteController(); }));
+    EXPECT_EQ(0u, MountClient().Mnt("vm01").status);
+    ipctest::StartController(main);
+    EXPECT_EQ(ipctest::ReplyMsg("1.2"), ipctest::Exchange(ipcvectors::kGetVersion));
+}
+
+TEST_F(MuteController, GetsItsLinesAndThenItsAnswerWhenItWakesUp) {
+    main.AddSessionInfo("s2", "/y");
+    const ipctest::RawClient asking;
+    ASSERT_TRUE(asking.Send(ForMute(ipcvectors::kGetSessionInfo)));
+    ASSERT_TRUE(controller.WaitForCaller());
+    EXPECT_EQ(ipctest::ReplyMsg("1.2"), ipctest::Exchange(ipcvectors::kGetVersion));
+    for (const char* line : {" session1 - s1 : /x", " session2 - s2 : /y"}) {
+        EXPECT_FALSE(asking.HasAnswer(Milliseconds(0)));
+        EXPECT_EQ(line, controller.TakeLine());
+    }
+    EXPECT_EQ(ipctest::ReplyInt(2), asking.Receive());
+}
+
+TEST_F(MuteController, LosesLinesBeforeItCostsWithoutABound) {
+    std::vector<std::unique_ptr<ipctest::RawClient>> asking;
+    for (int i = 0; i < 64; ++i) {
+        asking.push_back(std::make_unique<ipctest::RawClient>());
+        ASSERT_TRUE(asking.back()->Send(ForMute(ipcvectors::kGetSessionInfo)));
+    }
+    const ipctest::RawClient last;
+    ASSERT_TRUE(last.Send(ForMute(ipcvectors::kGetSessionInfo)));
+    EXPECT_EQ(ipctest::ReplyInt(1), last.Receive()) << "the answer alone";
+    EXPECT_FALSE(asking.front()->HasAnswer(Milliseconds(0)));
+    EXPECT_FALSE(asking.back()->HasAnswer(Milliseconds(0)));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Waits
+// ------------------------------------------------------------------------------------------------
+
+TEST(IpcWaits, RefusingEndsWhatIsUnderWayAndTurnsAwayNewOnesUntilAllowedAsOften) {
     CIpcWaits waits;
-    ASSERT_TRUE(waits.Enter(pair[0]));
-    waits.Leave(pair[0]);
+    const CIpcWait early(&waits);
+    EXPECT_FALSE(early.IsEnded());
     waits.Refuse();
-    EXPECT_EQ(1, send(pair[1], "x", 1, MSG_NOSIGNAL));
-    char c = 0;
-    EXPECT_EQ(1, recv(pair[0], &c, 1, 0));
-    close(pair[0]);
-    close(pair[1]);
+    waits.Refuse();
+    EXPECT_TRUE(early.IsEnded());
+    waits.Allow();
+    EXPECT_TRUE(CIpcWait(&waits).IsEnded());
+    waits.Allow();
+    EXPECT_FALSE(CIpcWait(&waits).IsEnded());
+    EXPECT_TRUE(early.IsEnded()) << "also when it looks only now";
+    EXPECT_FALSE(CIpcWait(nullptr).IsEnded());
+}
+
+TEST(IpcWaits, TheWaitsOfAThreadStandInForOthers) {
+    CIpcWaits own;
+    CIpcWaits other;
+    own.Refuse();
+    {
+        const CIpcWaits::ThreadScope scope(&own);
+        EXPECT_TRUE(CIpcWait(&other).IsEnded());
+        EXPECT_TRUE(CIpcWait(nullptr).IsEnded());
+        std::thread([&] { EXPECT_FALSE(CIpcWait(&other).IsEnded()); }).join();
+    }
+    EXPECT_FALSE(CIpcWait(&other).IsEnded());
 }
 
 TEST(Start, APortBeyond16BitsIsRefused) {

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <thread>
+#include <utility>
 
 #include "UtilitiesFixture.h"
 
@@ -737,4 +740,141 @@ TEST_F(ServiceObject, DestructionClosesNoSourceOfARedirectedFile) {
     EXPECT_TRUE(pFile.expired());
     EXPECT_EQ(m_sFile, DescriptorTarget(iFile)) << "the owner has to call Reset first";
     close(iFile);
+}
+
+// --- Lines ---
+
+namespace {
+
+// A service object whose lines go to somebody who, before taking one, has another thread use every
+// table, as a controller may whose own threads wait for each other.
+class CAskingUtilities : public CUtilities {
+public:
+    CAskingUtilities(const char* pcRedirected, const char* pcFile)
+        : m_sRedirected(pcRedirected), m_sFile(pcFile) {}
+    // Behind the end of what an unanswered thread may still wait for.
+    ~CAskingUtilities() override {
+        for (std::thread& thread : m_vThreads) {
+            thread.join();
+        }
+    }
+
+    void LogInfo(CRuntimeParam* /*pRuntimeParam*/, char* pcMessage) override { Take(pcMessage); }
+    void LogError(CRuntimeParam* /*pRuntimeParam*/, char* pcMessage) override { Take(pcMessage); }
+
+    // The lines so far.
+    std::vector<std::string> TakeLines() { return std::exchange(m_vLines, {}); }
+
+private:
+    void Take(const char* pcMessage) {
+        m_vLines.emplace_back(pcMessage);
+        if (m_bStuck) {
+            return;
+        }
+        std::packaged_task<void()> task([this] { UseEverything(); });
+        auto done = task.get_future();
+        m_vThreads.emplace_back(std::move(task));
+        m_bStuck = done.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
+        EXPECT_FALSE(m_bStuck) << "under a lock: " << pcMessage;
+    }
+    void UseEverything() {
+        CRuntimeParam silent("other", 0);
+        LogArgu argu{"Test.Other"};
+        char cBuf[16];
+        bool bEof = false;
+        GetMountInfo(&silent, false, false);
+        GetSessionInfo(&silent, false);
+        GetVSphereInfo(&silent, false);
+        GetFileID(&silent, &argu, m_sFile.c_str());
+        ReadFile(&silent, &argu, m_sFile.c_str(), 0, SEEK_SET, cBuf, sizeof(cBuf), &bEof);
+        ReadFile(&silent, &argu, m_sRedirected.c_str(), 0, SEEK_SET, cBuf, sizeof(cBuf), &bEof);
+    }
+
+    const std::string m_sRedirected;
+    const std::string m_sFile;
+    std::vector<std::string> m_vLines;
+    std::vector<std::thread> m_vThreads;
+    bool m_bStuck = false;
+};
+
+class Lines : public ::testing::Test {
+protected:
+    Lines() {
+        support::WriteFile(m_sFile, "content");
+        support::WriteFile(m_sSource, "0123456789");
+        char cStatus[STATUS_SIZE] = "";
+        m_Utilities.AddMountInfo(&m_Silent, &m_Argu, m_Dir.Path().c_str(), "vm01", "", cStatus);
+        Redirect();
+    }
+    ~Lines() override { m_Utilities.Reset(&m_Silent, &m_Argu); }
+
+    void Redirect() {
+        m_Utilities.OpenRedirectedFile(&m_Silent, m_sRedirected.c_str(), 10, false, 0, 0);
+        m_Utilities.AddRedirectedFileSegment(&m_Silent, m_sRedirected.c_str(), m_sSource.c_str(), 0,
+                                             0, 10, nullptr);
+    }
+    int Read(const std::string& sPath) {
+        char cBuf[16];
+        bool bEof = false;
+        return m_Utilities.ReadFile(&m_All, &m_Argu, sPath.c_str(), 0, SEEK_SET, cBuf, 10, &bEof);
+    }
+
+    support::ScopedTempDir m_Dir;
+    const std::string m_sFile = m_Dir / "f";
+    const std::string m_sSource = m_Dir / "s";
+    const std::string m_sRedirected = m_Dir / "r";
+    CAskingUtilities m_Utilities{m_sRedirected.c_str(), m_sFile.c_str()};
+    CRuntimeParam m_Silent{"vm01", 0};
+    CRuntimeParam m_All{"vm01", LOG_CONTROL_ALL};
+    LogArgu m_Argu{"Test.Case"};
+};
+
+}  // namespace
+
+TEST_F(Lines, OfAPathAreDeliveredInOrderAndUnderNoLock) {
+    EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&m_All, &m_Argu, m_sFile.c_str(), nullptr));
+    EXPECT_THAT(
+        m_Utilities.TakeLines(),
+        ElementsAre("[Test.Case] Path scan: \"" + m_sFile + "/\" vs \"" + m_Dir.Path() + '"',
+                    "[Test.Case] Path compare: \"" + m_sFile + "/\" vs \"" + m_Dir.Path() + "/\"",
+                    "[Test.Case] Path match"));
+    char cStatus[STATUS_SIZE] = "";
+    EXPECT_FALSE(
+        m_Utilities.AddMountInfo(&m_All, &m_Argu, m_Dir.Path().c_str(), "vm02", "", cStatus));
+    EXPECT_EQ(2u, m_Utilities.TakeLines().size()) << "the folder is resolved twice";
+}
+
+TEST_F(Lines, OfFileAccessAreDeliveredUnderNoLock) {
+    EXPECT_EQ(7, Read(m_sFile));
+    const std::vector<std::string> vLines = m_Utilities.TakeLines();
+    ASSERT_EQ(5u, vLines.size());
+    EXPECT_TRUE(vLines.front().starts_with("[Test.Case] Read file, path=")) << vLines.front();
+    EXPECT_TRUE(vLines.back().starts_with("[Test.Case] OS seek file (")) << vLines.back();
+    EXPECT_EQ(-1, Read(m_Dir / "none"));
+    EXPECT_EQ(3, m_Utilities.WriteFile(&m_All, &m_Argu, m_sFile.c_str(), 0, SEEK_SET, "new", 3));
+    EXPECT_EQ(7, m_Utilities.GetFileSize(&m_All, &m_Argu, m_sFile.c_str(), -1));
+    m_Utilities.CloseCachedFileHandle(&m_All, &m_Argu, m_sFile.c_str());
+    EXPECT_EQ(7, Read(m_sFile));
+    m_Utilities.CloseAllCachedFileHandles(&m_All, &m_Argu, m_Dir.Path().c_str());
+    EXPECT_EQ(7, Read(m_sFile));
+    m_Utilities.CloseExceededCachedFileHandle(&m_All, &m_Argu);
+    EXPECT_EQ(7, Read(m_sFile));
+    m_Utilities.CloseAllCachedFileHandles(&m_All, &m_Argu);
+    EXPECT_FALSE(m_Utilities.TakeLines().empty());
+}
+
+TEST_F(Lines, OfRedirectedFilesAreDeliveredUnderNoLock) {
+    EXPECT_EQ(10, Read(m_sRedirected));
+    EXPECT_GE(m_Utilities.TakeLines().size(), 2u);
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_All, m_sRedirected.c_str(),
+                                                     m_sSource.c_str(), 0, 0, 1, nullptr));
+    m_Utilities.RenameRedirectedFile(&m_All, m_sRedirected.c_str(), (m_Dir / "r2").c_str());
+    Redirect();
+    m_Utilities.RenameRedirectedFile(&m_All, m_sRedirected.c_str(), (m_Dir / "r2").c_str());
+    m_Utilities.OpenRedirectedFile(&m_All, m_sRedirected.c_str(), 10, false, 0, 0);
+    m_Utilities.CloseRedirectedFile(&m_All, m_sRedirected.c_str());
+    m_Utilities.CloseAllRedirectedFiles(&m_All, m_Dir.Path().c_str());
+    Redirect();
+    m_Utilities.CloseAllRedirectedFiles(&m_All);
+    EXPECT_FALSE(m_Utilities.TakeLines().empty());
 }

@@ -435,6 +435,55 @@ TEST_F(VSphereInfos, LinesComeBeforeTheirRuns) {
     EXPECT_THAT(lines, ElementsAre(2u, 3u));
 }
 
+// A service object whose host does something whenever it is told a line.
+class HostedUtilities : public RecordingUtilities {
+public:
+    using RecordingUtilities::LogInfo;
+    void LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage) override {
+        RecordingUtilities::LogInfo(pRuntimeParam, pcMessage);
+        onLine();
+    }
+    std::function<void()> onLine;
+};
+
+TEST_F(DatastoreCase, WhoeverTakesALineOfACleanUpMayAskForTheTable) {
+    HostedUtilities utilities;
+    for (const char* moid : {"ds-1", "ds-2"}) {
+        utilities.AddVSphereInfo(moid, "h", "1", "u", "w");
+    }
+    std::vector<int> own;
+    std::vector<int> others;
+    utilities.onLine = [&] {
+        own.push_back(utilities.GetVSphereInfo(&m_param, false));
+        if (own.size() == 2) {
+            // The line waits for another thread, as for one that holds a monitor of the host.
+            std::thread([&] { others.push_back(utilities.GetVSphereInfo(&m_param, true)); }).join();
+        }
+    };
+    utilities.RemoveAllVSphereInfoWithWebCtrl(&m_param);
+    EXPECT_THAT(own, ElementsAre(2, 1, 0)) << "a datastore being unmounted is no longer counted";
+    EXPECT_THAT(others, ElementsAre(1));
+    EXPECT_EQ(2u, Commands().size());
+}
+
+TEST_F(VSphereInfos, AListingWaitsForTheWholeCleanUp) {
+    Add("ds-1");
+    Add("ds-2");
+    Add("ds-3");
+    std::atomic<int> count{-1};
+    std::unique_ptr<Doing> listing;
+    g_beforeCommand = [&] {
+        if (listing == nullptr) {
+            listing = std::make_unique<Doing>([&] { count = Count(); });
+            EXPECT_TRUE(listing->Waits());
+        }
+        EXPECT_FALSE(listing->Done());
+    };
+    CleanUp();
+    listing.reset();
+    EXPECT_EQ(0, count);
+}
+
 TEST_F(VSphereInfos, DatastoreWhoseCommandIsTooLongIsForgottenAsWell) {
     Add("ds-1");
     Add("ds-2", std::string(1000, 'w'));
