@@ -12,7 +12,6 @@ namespace {
 constexpr std::uint32_t MNT3_OK = 0;
 constexpr std::uint32_t MNT3ERR_ACCES = 13;
 
-constexpr std::uint32_t HANDLE_SIZE = 56;     // version 3: variable-length opaque
 constexpr std::uint32_t HANDLE_SIZE_V1 = 32;  // version 1: fixed-length opaque
 constexpr int HANDLE_BUFFER_SIZE = 88;
 
@@ -147,8 +146,8 @@ int CMountProg::ProcedureMNT(CInputStream* pIn, COutputStream* pOut, ProcessPara
     if (pParam->iVersion == 1) {
         pOut->Write(cHandle, HANDLE_SIZE_V1);
     } else {
-        pOut->Write(HANDLE_SIZE);
-        pOut->Write(cHandle, HANDLE_SIZE);
+        pOut->Write(NFS_HANDLE_SIZE);
+        pOut->Write(cHandle, NFS_HANDLE_SIZE);
         pOut->Write(0U);  // number of authentication flavours
     }
     return PROG_RESULT_DONE;

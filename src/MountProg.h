@@ -2,16 +2,10 @@
 #ifndef VELOCAST_MOUNTPROG_H
 #define VELOCAST_MOUNTPROG_H
 
-#include <string>
-
+#include "Nfs3Types.h"
 #include "RpcProg.h"
 
 struct LogArgu;
-
-// The text of an XDR path or name argument.
-struct COpaquePath {
-    std::string sPath;
-};
 
 // Stateless: who has an export mounted is kept with the exports.  The version of a call is not
 // checked; version 1 gets its own reply to MNT.

@@ -10,11 +10,15 @@
 #include <memory>
 
 #include "InputStream.h"
+#include "Nfs3Xdr.h"
 #include "OutputStream.h"
 #include "RuntimeParam.h"
 #include "Utilities.h"
 
 namespace {
+
+// What a mode carries both ways: set-user-ID, set-group-ID and the nine permission bits.
+constexpr unsigned int MODE_MASK = 0x800 | 0x400 | 0x1FF;
 
 // FSINFO properties (RFC 1813, section 3.3.19).
 constexpr std::uint32_t FSF3_HOMOGENEOUS = 0x0008;
@@ -30,12 +34,6 @@ constexpr std::uint32_t PREFERRED_READDIR = 8192;
 constexpr std::uint32_t FILE_SYNC = 2;
 constexpr int MAX_ENTRIES = 10;  // of one listing reply, whatever size the client allows
 constexpr unsigned int DEFAULT_FOLDER_MODE = 0755;
-
-constexpr std::uint32_t CREATE_UNCHECKED = 0;
-constexpr std::uint32_t CREATE_GUARDED = 1;
-constexpr std::uint32_t CREATE_EXCLUSIVE = 2;
-
-constexpr std::uint32_t SET_TO_CLIENT_TIME = 2;
 
 using Procedure = int (CNfs3Prog::*)(CInputStream*, COutputStream*, ProcessParam*);
 
@@ -68,13 +66,13 @@ static_assert(std::size(PROCEDURES) == 22);
 // Passes over a handle argument that the procedure does not resolve.
 void SkipHandle(CInputStream* pIn) {
     COpaquePath unused;
-    CNfs3Prog::Read(pIn, &unused, true);
+    CNfs3Xdr::Read(pIn, &unused, true);
 }
 
 void SkipDirArgs(CInputStream* pIn) {
     SkipHandle(pIn);
     COpaquePath unused;
-    CNfs3Prog::Read(pIn, &unused, true);
+    CNfs3Xdr::Read(pIn, &unused, true);
 }
 
 bool IsDotName(const char* pcName) {
@@ -161,212 +159,13 @@ int CNfs3Prog::End(CRuntimeParam* pRuntimeParam, const LogArgu& logArgu, nfsstat
 }
 
 // =================================================================================================
-// Readers
-// =================================================================================================
-
-void CNfs3Prog::Read(CInputStream* pIn, bool* pValue) {
-    std::uint32_t iValue = 0;
-    pIn->Read(&iValue);
-    *pValue = iValue == 1;
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, std::uint32_t* pValue) { pIn->Read(pValue); }
-
-void CNfs3Prog::Read(CInputStream* pIn, std::uint64_t* pValue) { pIn->Read8(pValue); }
-
-void CNfs3Prog::Read(CInputStream* pIn, nfstime3* pTime) {
-    pIn->Read(&pTime->seconds);
-    pIn->Read(&pTime->nseconds);
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, opaque* pOpaque) {
-    std::uint32_t iLen = 0;
-    pIn->Read(&iLen);
-    pOpaque->pBuf = pIn->GetCurrentBuffer();
-    pIn->Skip(iLen);
-    pIn->SkipRemainOpaque(iLen);
-    pOpaque->iBufLen = iLen;
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, sattr3* pAttr, bool bSkip) {
-    *pAttr = {};
-    const auto readValue = [&](bool* pbSet, auto* pValue) {
-        Read(pIn, pbSet);
-        if (!*pbSet) {
-            return;
-        }
-        if (bSkip) {
-            pIn->Skip(sizeof(*pValue));
-            *pbSet = false;
-        } else {
-            Read(pIn, pValue);
-        }
-    };
-    const auto readTime = [&](std::uint32_t* pHow, nfstime3* pTime) {
-        Read(pIn, pHow);
-        if (*pHow != SET_TO_CLIENT_TIME) {
-            return;  // the server's time goes on as time 0
-        }
-        if (bSkip) {
-            pIn->Skip(sizeof(*pTime));
-            *pHow = 0;
-        } else {
-            Read(pIn, pTime);
-        }
-    };
-    readValue(&pAttr->mode.set_it, &pAttr->mode.mode);
-    readValue(&pAttr->uid.set_it, &pAttr->uid.uid);
-    readValue(&pAttr->gid.set_it, &pAttr->gid.gid);
-    readValue(&pAttr->size.set_it, &pAttr->size.size);
-    readTime(&pAttr->atime.set_it, &pAttr->atime.atime);
-    readTime(&pAttr->mtime.set_it, &pAttr->mtime.mtime);
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, sattrguard3* pGuard) {
-    *pGuard = {};
-    Read(pIn, &pGuard->check);
-    if (pGuard->check) {
-        Read(pIn, &pGuard->obj_ctime);
-    }
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip) {
-    std::uint32_t iLen = 0;
-    pIn->Read(&iLen);
-    if (bSkip) {
-        pIn->Skip(iLen);
-    } else if (iLen < PATH_SIZE) {
-        char cPath[PATH_SIZE];
-        pIn->Read(cPath, iLen);
-        cPath[iLen] = '\0';
-        pPath->sPath = cPath;
-    } else {
-        pIn->Skip(iLen);
-        pPath->sPath.clear();
-    }
-    pIn->SkipRemainOpaque(iLen);
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, createhow3* pHow) {
-    *pHow = {};
-    Read(pIn, &pHow->mode);
-    if (pHow->mode == CREATE_UNCHECKED || pHow->mode == CREATE_GUARDED) {
-        Read(pIn, &pHow->obj_attributes, false);
-    } else if (pHow->mode == CREATE_EXCLUSIVE) {
-        Read(pIn, &pHow->verf);
-    }
-}
-
-void CNfs3Prog::Read(CInputStream* pIn, mknoddata3* pData, bool bSkip) {
-    *pData = {};
-    Read(pIn, &pData->type);
-    if (pData->type == NF3BLK || pData->type == NF3CHR) {
-        Read(pIn, &pData->dev_attributes, bSkip);
-        if (bSkip) {
-            pIn->Skip(sizeof(pData->dev_spec));
-        } else {
-            Read(pIn, &pData->dev_spec.specdata1);
-            Read(pIn, &pData->dev_spec.specdata2);
-        }
-    } else if (pData->type == NF3SOCK || pData->type == NF3FIFO) {
-        Read(pIn, &pData->pipe_attributes, bSkip);
-    }
-}
-
-// =================================================================================================
-// Writers
-// =================================================================================================
-
-void CNfs3Prog::Write(COutputStream* pOut, bool bValue) { pOut->Write(bValue ? 1U : 0U); }
-
-void CNfs3Prog::Write(COutputStream* pOut, std::uint32_t iValue) { pOut->Write(iValue); }
-
-void CNfs3Prog::Write(COutputStream* pOut, std::uint64_t iValue) { pOut->Write8(iValue); }
-
-void CNfs3Prog::Write(COutputStream* pOut, const nfstime3& time) {
-    Write(pOut, time.seconds);
-    Write(pOut, time.nseconds);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const specdata3& spec) {
-    Write(pOut, spec.specdata1);
-    Write(pOut, spec.specdata2);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const fattr3& attr) {
-    Write(pOut, attr.type);
-    Write(pOut, attr.mode);
-    Write(pOut, attr.nlink);
-    Write(pOut, attr.uid);
-    Write(pOut, attr.gid);
-    Write(pOut, attr.size);
-    Write(pOut, attr.used);
-    Write(pOut, attr.rdev);
-    Write(pOut, attr.fsid);
-    Write(pOut, attr.fileid);
-    Write(pOut, attr.atime);
-    Write(pOut, attr.mtime);
-    Write(pOut, attr.ctime);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const opaque& data, bool bLengthOnly) {
-    Write(pOut, data.iBufLen);
-    if (!bLengthOnly) {
-        pOut->Write(data.pBuf, data.iBufLen);
-        pOut->WriteRemainOpaque(data.iBufLen);
-    }
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const COpaquePath& path, bool bLengthOnly) {
-    const auto iLen = static_cast<std::uint32_t>(path.sPath.size());
-    Write(pOut, opaque{reinterpret_cast<const unsigned char*>(path.sPath.data()), iLen},
-          bLengthOnly);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const nfs_fh3& handle, bool bLengthOnly) {
-    Write(pOut, opaque{handle.cHandle, sizeof(handle.cHandle)}, bLengthOnly);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const post_op_attr& attr) {
-    Write(pOut, attr.attributes_follow);
-    if (attr.attributes_follow) {
-        Write(pOut, attr.attributes);
-    }
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const wcc_attr& attr) {
-    Write(pOut, attr.size);
-    Write(pOut, attr.mtime);
-    Write(pOut, attr.ctime);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const pre_op_attr& attr) {
-    Write(pOut, attr.attributes_follow);
-    if (attr.attributes_follow) {
-        Write(pOut, attr.attributes);
-    }
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const wcc_data& wcc) {
-    Write(pOut, wcc.before);
-    Write(pOut, wcc.after);
-}
-
-void CNfs3Prog::Write(COutputStream* pOut, const post_op_fh3& handle) {
-    Write(pOut, handle.handle_follows);
-    if (handle.handle_follows) {
-        Write(pOut, handle.handle, false);
-    }
-}
-
-// =================================================================================================
 // Paths and attributes
 // =================================================================================================
 
 bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
                          COpaquePath* pPath) {
     opaque handle;
-    Read(pIn, &handle);
+    CNfs3Xdr::Read(pIn, &handle);
     char cPath[PATH_SIZE];
     // A handle too short for a file ID belongs to nothing.
     if (handle.iBufLen < 4 || !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, cPath,
@@ -385,7 +184,7 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
     if (!ReadPath(pRuntimeParam, pLogArgu, pIn, &pDirArgs->dir)) {
         return false;
     }
-    Read(pIn, &pDirArgs->name, false);
+    CNfs3Xdr::Read(pIn, &pDirArgs->name, false);
     if (pRuntimeParam->IsLogProcFuncArgu()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path=%s, name=%s", pLogArgu->pcName,
                               pDirArgs->dir.sPath.c_str(), pDirArgs->name.sPath.c_str());
@@ -498,11 +297,11 @@ post_op_attr CNfs3Prog::GetPostOpAttr(CRuntimeParam* pRuntimeParam, LogArgu* pLo
 }
 
 unsigned int CNfs3Prog::ConvertNfsFileModeToFileMode(unsigned int iMode) {
-    return iMode & (0x800U | 0x400U | 0x1FFU);
+    return iMode & MODE_MASK;
 }
 
 unsigned int CNfs3Prog::ConvertFileModeToNfsFileMode(unsigned int iMode) {
-    return iMode & (0x800U | 0x400U | 0x1FFU);
+    return iMode & MODE_MASK;
 }
 
 bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcOut) {
@@ -560,9 +359,9 @@ int CNfs3Prog::ProcedureGETATTR(CInputStream* pIn, COutputStream* pOut, ProcessP
     if (stat == NFS3_OK && !GetNfsFileAttributes(pRuntimeParam, &logArgu, pcPath, &attr)) {
         stat = NFS3ERR_IO;
     }
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
-        Write(pOut, attr);
+        CNfs3Xdr::Write(pOut, attr);
     }
     return End(pRuntimeParam, logArgu, stat);
 }
@@ -577,8 +376,8 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pIn, COutputStream* pOut, ProcessP
     sattr3 attr;
     sattrguard3 guard;
     ReadPath(pRuntimeParam, &logArgu, pIn, &path);
-    Read(pIn, &attr, false);
-    Read(pIn, &guard);
+    CNfs3Xdr::Read(pIn, &attr, false);
+    CNfs3Xdr::Read(pIn, &guard);
     const char* pcPath = path.sPath.c_str();
     const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
     if (bLog) {
@@ -612,8 +411,8 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pIn, COutputStream* pOut, ProcessP
                                    logArgu.pcName, pcPath);
         }
     }
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pRuntimeParam, logArgu, stat);
 }
 
@@ -632,14 +431,14 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pIn, COutputStream* pOut, ProcessPa
     if (stat == NFS3ERR_IO) {
         stat = NFS3ERR_NOENT;
     }
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
         nfs_fh3 handle{};
         GetNfsFileHandle(pRuntimeParam, &logArgu, pcPath, &handle);
-        Write(pOut, handle, false);
-        Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
+        CNfs3Xdr::Write(pOut, handle, false);
+        CNfs3Xdr::Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
     }
-    Write(pOut, post_op_attr{});
+    CNfs3Xdr::Write(pOut, post_op_attr{});
     return End(pRuntimeParam, logArgu, stat);
 }
 
@@ -652,7 +451,7 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pIn, COutputStream* pOut, ProcessPa
     COpaquePath path;
     std::uint32_t iAccess = 0;
     ReadPath(pRuntimeParam, &logArgu, pIn, &path);
-    Read(pIn, &iAccess);
+    CNfs3Xdr::Read(pIn, &iAccess);
     const char* pcPath = path.sPath.c_str();
 
     const nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
@@ -660,12 +459,12 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pIn, COutputStream* pOut, ProcessPa
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Readonly: %d, access: %x", logArgu.pcName,
                               m_bReadOnly, iAccess);
     }
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
-        Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
-        Write(pOut, m_bReadOnly ? iAccess & ~ACCESS3_CHANGE : iAccess);
+        CNfs3Xdr::Write(pOut, GetPostOpAttr(pRuntimeParam, &logArgu, pcPath));
+        CNfs3Xdr::Write(pOut, m_bReadOnly ? iAccess & ~ACCESS3_CHANGE : iAccess);
     } else {
-        Write(pOut, post_op_attr{});
+        CNfs3Xdr::Write(pOut, post_op_attr{});
     }
     return End(pRuntimeParam, logArgu, stat);
 }
@@ -677,11 +476,11 @@ int CNfs3Prog::ProcedureREADLINK(CInputStream* pIn, COutputStream* pOut, Process
     LogCall(pParam->pRuntimeParam, logArgu);
     SkipHandle(pIn);
     const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
-        Write(pOut, opaque{}, false);
+        CNfs3Xdr::Write(pOut, opaque{}, false);
     }
-    Write(pOut, post_op_attr{});
+    CNfs3Xdr::Write(pOut, post_op_attr{});
     return End(pParam->pRuntimeParam, logArgu, stat);
 }
 
@@ -695,8 +494,8 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pIn, COutputStream* pOut, ProcessPara
     std::uint64_t iOffset = 0;
     std::uint32_t iCount = 0;
     ReadPath(pRuntimeParam, &logArgu, pIn, &path);
-    Read(pIn, &iOffset);
-    Read(pIn, &iCount);
+    CNfs3Xdr::Read(pIn, &iOffset);
+    CNfs3Xdr::Read(pIn, &iCount);
     const char* pcPath = path.sPath.c_str();
     const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
     const auto iLogOffset = static_cast<unsigned long long>(iOffset);
@@ -705,14 +504,14 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pIn, COutputStream* pOut, ProcessPara
     std::uint32_t iRead = 0;
     bool bEof = true;
     const auto writeBody = [&] {
-        Write(pOut, post_op_attr{});
-        Write(pOut, iRead);
-        Write(pOut, bEof);
-        Write(pOut, iRead);  // length of the data
+        CNfs3Xdr::Write(pOut, post_op_attr{});
+        CNfs3Xdr::Write(pOut, iRead);
+        CNfs3Xdr::Write(pOut, bEof);
+        CNfs3Xdr::Write(pOut, iRead);  // length of the data
     };
 
     const std::uint32_t iStatus = pOut->GetBufferIndex();
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     const std::uint32_t iBody = pOut->GetBufferIndex();
     if (stat == NFS3_OK) {
         if (bLog) {
@@ -743,11 +542,11 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pIn, COutputStream* pOut, ProcessPara
             // A host that cannot read its disk is told of in every log, whatever its control.
             m_pUtilities->LogError(pRuntimeParam, "[%s] Read fail", logArgu.pcName);
             pOut->Seek(iStatus, 0);
-            Write(pOut, stat);
+            CNfs3Xdr::Write(pOut, stat);
         }
     }
     if (stat != NFS3_OK) {
-        Write(pOut, post_op_attr{});
+        CNfs3Xdr::Write(pOut, post_op_attr{});
         return End(pRuntimeParam, logArgu, stat);
     }
     if (bLog) {
@@ -775,10 +574,10 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pIn, COutputStream* pOut, ProcessPar
     std::uint32_t iStable = 0;
     opaque data;
     ReadPath(pRuntimeParam, &logArgu, pIn, &path);
-    Read(pIn, &iOffset);
-    Read(pIn, &iCount);
-    Read(pIn, &iStable);
-    Read(pIn, &data);
+    CNfs3Xdr::Read(pIn, &iOffset);
+    CNfs3Xdr::Read(pIn, &iCount);
+    CNfs3Xdr::Read(pIn, &iStable);
+    CNfs3Xdr::Read(pIn, &data);
     const char* pcPath = path.sPath.c_str();
 
     nfsstat3 stat = Check(pParam, &logArgu, pcPath, true);
@@ -814,12 +613,12 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pIn, COutputStream* pOut, ProcessPar
     } else if (pRuntimeParam->IsLogProcFuncArgu()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Write=%u", logArgu.pcName, iWritten);
     }
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     if (stat == NFS3_OK) {
-        Write(pOut, iWritten);
-        Write(pOut, FILE_SYNC);
-        Write(pOut, m_iSysUpTime);
+        CNfs3Xdr::Write(pOut, iWritten);
+        CNfs3Xdr::Write(pOut, FILE_SYNC);
+        CNfs3Xdr::Write(pOut, m_iSysUpTime);
     }
     return End(pRuntimeParam, logArgu, stat);
 }
@@ -839,8 +638,8 @@ int CNfs3Prog::ProcedureFSSTAT(CInputStream* pIn, COutputStream* pOut, ProcessPa
         attr = GetPostOpAttr(pRuntimeParam, &logArgu, pcPath);
         stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, attr);
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, attr);
     if (stat == NFS3_OK) {
         pOut->Write8(CUtilities::GetTotalDiskSpace(pcPath));
         pOut->Write8(CUtilities::GetFreeDiskSpace(pcPath));
@@ -868,19 +667,19 @@ int CNfs3Prog::ProcedureFSINFO(CInputStream* pIn, COutputStream* pOut, ProcessPa
         attr = GetPostOpAttr(pRuntimeParam, &logArgu, pcPath);
         stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, attr);
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, attr);
     if (stat == NFS3_OK) {
-        Write(pOut, MAX_READ);           // rtmax
-        Write(pOut, MAX_READ);           // rtpref
-        Write(pOut, TRANSFER_MULTIPLE);  // rtmult
-        Write(pOut, MAX_WRITE);          // wtmax
-        Write(pOut, MAX_WRITE);          // wtpref
-        Write(pOut, TRANSFER_MULTIPLE);  // wtmult
-        Write(pOut, PREFERRED_READDIR);  // dtpref
+        CNfs3Xdr::Write(pOut, MAX_READ);           // rtmax
+        CNfs3Xdr::Write(pOut, MAX_READ);           // rtpref
+        CNfs3Xdr::Write(pOut, TRANSFER_MULTIPLE);  // rtmult
+        CNfs3Xdr::Write(pOut, MAX_WRITE);          // wtmax
+        CNfs3Xdr::Write(pOut, MAX_WRITE);          // wtpref
+        CNfs3Xdr::Write(pOut, TRANSFER_MULTIPLE);  // wtmult
+        CNfs3Xdr::Write(pOut, PREFERRED_READDIR);  // dtpref
         pOut->Write8(CUtilities::GetMaxFileSize(pcPath));
-        Write(pOut, nfstime3{1, 0});  // time_delta
-        Write(pOut, m_iFSF3Properties);
+        CNfs3Xdr::Write(pOut, nfstime3{1, 0});  // time_delta
+        CNfs3Xdr::Write(pOut, m_iFSF3Properties);
     }
     return End(pRuntimeParam, logArgu, stat);
 }
@@ -891,15 +690,15 @@ int CNfs3Prog::ProcedurePATHCONF(CInputStream* pIn, COutputStream* pOut, Process
     LogCall(pParam->pRuntimeParam, logArgu);
     SkipHandle(pIn);
     const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
-    Write(pOut, stat);
-    Write(pOut, post_op_attr{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, post_op_attr{});
     if (stat == NFS3_OK) {
-        Write(pOut, 0U);     // linkmax
-        Write(pOut, 255U);   // name_max
-        Write(pOut, false);  // no_trunc
-        Write(pOut, true);   // chown_restricted
-        Write(pOut, true);   // case_insensitive
-        Write(pOut, true);   // case_preserving
+        CNfs3Xdr::Write(pOut, 0U);     // linkmax
+        CNfs3Xdr::Write(pOut, 255U);   // name_max
+        CNfs3Xdr::Write(pOut, false);  // no_trunc
+        CNfs3Xdr::Write(pOut, true);   // chown_restricted
+        CNfs3Xdr::Write(pOut, true);   // case_insensitive
+        CNfs3Xdr::Write(pOut, true);   // case_preserving
     }
     return End(pParam->pRuntimeParam, logArgu, stat);
 }
@@ -913,8 +712,8 @@ int CNfs3Prog::ProcedureCOMMIT(CInputStream* pIn, COutputStream* pOut, ProcessPa
     pIn->Skip(8);  // offset
     pIn->Skip(4);  // count
     const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     if (stat == NFS3_OK) {
         pOut->Write8(0);
     }
@@ -928,14 +727,14 @@ int CNfs3Prog::ProcedureCOMMIT(CInputStream* pIn, COutputStream* pOut, ProcessPa
 // The results of CREATE and MKDIR: obj, obj_attributes, dir_wcc.
 void CNfs3Prog::WriteNewObject(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, COutputStream* pOut,
                                nfsstat3 stat, const char* pcPath) {
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
         post_op_fh3 handle;
         handle.handle_follows = GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, &handle.handle);
-        Write(pOut, handle);
-        Write(pOut, GetPostOpAttr(pRuntimeParam, pLogArgu, pcPath));
+        CNfs3Xdr::Write(pOut, handle);
+        CNfs3Xdr::Write(pOut, GetPostOpAttr(pRuntimeParam, pLogArgu, pcPath));
     }
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, wcc_data{});
 }
 
 // CREATE(where, how) -> obj, obj_attributes, dir_wcc.  The verifier of an exclusive create is read
@@ -948,7 +747,7 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pIn, COutputStream* pOut, ProcessPa
     COpaquePath path;
     createhow3 how;
     ReadPath(pRuntimeParam, &logArgu, pIn, &where, &path);
-    Read(pIn, &how);
+    CNfs3Xdr::Read(pIn, &how);
     const char* pcPath = path.sPath.c_str();
 
     nfsstat3 stat = Check(pParam, &logArgu, pcPath, false);
@@ -989,7 +788,7 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pIn, COutputStream* pOut, ProcessPar
     COpaquePath path;
     sattr3 attr;
     ReadPath(pRuntimeParam, &logArgu, pIn, &where, &path);
-    Read(pIn, &attr, false);
+    CNfs3Xdr::Read(pIn, &attr, false);
     const char* pcPath = path.sPath.c_str();
 
     nfsstat3 stat = Check(pParam, &logArgu, pcPath, false);
@@ -1014,15 +813,15 @@ int CNfs3Prog::ProcedureSYMLINK(CInputStream* pIn, COutputStream* pOut, ProcessP
     sattr3 attr;
     opaque target;
     SkipDirArgs(pIn);
-    Read(pIn, &attr, true);
-    Read(pIn, &target);
+    CNfs3Xdr::Read(pIn, &attr, true);
+    CNfs3Xdr::Read(pIn, &target);
     const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
-    Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, stat);
     if (stat == NFS3_OK) {
-        Write(pOut, post_op_fh3{});
-        Write(pOut, post_op_attr{});
+        CNfs3Xdr::Write(pOut, post_op_fh3{});
+        CNfs3Xdr::Write(pOut, post_op_attr{});
     }
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pParam->pRuntimeParam, logArgu, stat);
 }
 
@@ -1033,13 +832,13 @@ int CNfs3Prog::ProcedureMKNOD(CInputStream* pIn, COutputStream* pOut, ProcessPar
     LogCall(pParam->pRuntimeParam, logArgu);
     mknoddata3 what;
     SkipDirArgs(pIn);
-    Read(pIn, &what, true);
+    CNfs3Xdr::Read(pIn, &what, true);
     CheckProcessParam(pParam, &logArgu, "");
     const bool bNode =
         what.type == NF3BLK || what.type == NF3CHR || what.type == NF3SOCK || what.type == NF3FIFO;
     const nfsstat3 stat = bNode ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pParam->pRuntimeParam, logArgu, stat);
 }
 
@@ -1057,8 +856,8 @@ int CNfs3Prog::ProcedureREMOVE(CInputStream* pIn, COutputStream* pOut, ProcessPa
     if (stat == NFS3_OK && !m_pUtilities->RemoveFile(pRuntimeParam, &logArgu, pcPath)) {
         stat = NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pRuntimeParam, logArgu, stat);
 }
 
@@ -1077,8 +876,8 @@ int CNfs3Prog::ProcedureRMDIR(CInputStream* pIn, COutputStream* pOut, ProcessPar
         m_pUtilities->OS_FolderRemove(pRuntimeParam, &logArgu, pcPath, nullptr) == -1) {
         stat = NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pRuntimeParam, logArgu, stat);
 }
 
@@ -1103,9 +902,9 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pIn, COutputStream* pOut, ProcessPa
                                   pathTo.sPath.c_str())) {
         stat = NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, wcc_data{});
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pRuntimeParam, logArgu, stat);
 }
 
@@ -1116,9 +915,9 @@ int CNfs3Prog::ProcedureLINK(CInputStream* pIn, COutputStream* pOut, ProcessPara
     SkipHandle(pIn);
     SkipDirArgs(pIn);
     const nfsstat3 stat = CheckProcessParam(pParam, &logArgu, "");
-    Write(pOut, stat);
-    Write(pOut, post_op_attr{});
-    Write(pOut, wcc_data{});
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, post_op_attr{});
+    CNfs3Xdr::Write(pOut, wcc_data{});
     return End(pParam->pRuntimeParam, logArgu, stat);
 }
 
@@ -1146,11 +945,11 @@ int CNfs3Prog::ReadDirectory(CInputStream* pIn, COutputStream* pOut, ProcessPara
     std::uint32_t iCount = 0;
     std::uint32_t iMaxCount = 0;
     ReadPath(pRuntimeParam, pLogArgu, pIn, &path);
-    Read(pIn, &iCookie);
-    Read(pIn, &iCookieVerf);
-    Read(pIn, &iCount);
+    CNfs3Xdr::Read(pIn, &iCookie);
+    CNfs3Xdr::Read(pIn, &iCookieVerf);
+    CNfs3Xdr::Read(pIn, &iCount);
     if (bPlus) {
-        Read(pIn, &iMaxCount);
+        CNfs3Xdr::Read(pIn, &iMaxCount);
     }
     const char* pcPath = path.sPath.c_str();
     if (pRuntimeParam->IsLogProcFuncArgu()) {
@@ -1172,13 +971,13 @@ int CNfs3Prog::ReadDirectory(CInputStream* pIn, COutputStream* pOut, ProcessPara
         attr = GetPostOpAttr(pRuntimeParam, pLogArgu, pcPath);
         stat = attr.attributes_follow ? NFS3_OK : NFS3ERR_IO;
     }
-    Write(pOut, stat);
-    Write(pOut, attr);
+    CNfs3Xdr::Write(pOut, stat);
+    CNfs3Xdr::Write(pOut, attr);
     if (stat == NFS3_OK) {
-        Write(pOut, iCookieVerf);
+        CNfs3Xdr::Write(pOut, iCookieVerf);
         const bool bEof = WriteEntries(pRuntimeParam, pLogArgu, pOut, pcPath, iCookie, bPlus);
-        Write(pOut, false);  // no entry follows
-        Write(pOut, bEof);
+        CNfs3Xdr::Write(pOut, false);  // no entry follows
+        CNfs3Xdr::Write(pOut, bEof);
     }
     return End(pRuntimeParam, *pLogArgu, stat);
 }
@@ -1207,12 +1006,13 @@ bool CNfs3Prog::WriteEntries(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CO
         // A path that does not fit has no ID of its own, and nothing can be said of what lies
         // there.
         const bool bFits = AppendFilePath(pcDir, pEntry->d_name, cPath);
-        Write(pOut, true);
-        Write(pOut, std::uint64_t{bFits ? m_pUtilities->GetFileID(pRuntimeParam, pLogArgu, cPath)
-                                        : static_cast<std::uint32_t>(pEntry->d_ino)});
-        Write(pOut, COpaquePath{pEntry->d_name}, false);
+        CNfs3Xdr::Write(pOut, true);
+        CNfs3Xdr::Write(
+            pOut, std::uint64_t{bFits ? m_pUtilities->GetFileID(pRuntimeParam, pLogArgu, cPath)
+                                      : static_cast<std::uint32_t>(pEntry->d_ino)});
+        CNfs3Xdr::Write(pOut, COpaquePath{pEntry->d_name}, false);
         ++iCookie;
-        Write(pOut, iCookie);
+        CNfs3Xdr::Write(pOut, iCookie);
         if (pRuntimeParam->IsLogProcFuncArgu()) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cookie=%llu, name=%s", pLogArgu->pcName,
                                   static_cast<unsigned long long>(iCookie), pEntry->d_name);
@@ -1225,8 +1025,8 @@ bool CNfs3Prog::WriteEntries(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CO
                 handle.handle_follows =
                     GetNfsFileHandle(pRuntimeParam, pLogArgu, cPath, &handle.handle);
             }
-            Write(pOut, attr);
-            Write(pOut, handle);
+            CNfs3Xdr::Write(pOut, attr);
+            CNfs3Xdr::Write(pOut, handle);
         }
     }
     return false;

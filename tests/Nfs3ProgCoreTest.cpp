@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "Nfs3Prog.h"
+#include "Nfs3Xdr.h"
 #include "NfsServiceFixture.h"
 
 using namespace nfstest;
@@ -758,7 +759,7 @@ TEST(Nfs3ProgReaderTest, BoolIsTrueExactlyForOne) {
     for (const auto& [word, expected] : std::initializer_list<std::pair<std::uint32_t, bool>>{
              {0, false}, {1, true}, {2, false}, {0x01000000, false}, {0xFFFFFFFF, false}}) {
         bool value = !expected;
-        CNfs3Prog::Read(InputOf(Words({word})).get(), &value);
+        CNfs3Xdr::Read(InputOf(Words({word})).get(), &value);
         EXPECT_EQ(expected, value) << word;
     }
 }
@@ -767,8 +768,8 @@ TEST(Nfs3ProgReaderTest, NumbersAreBigEndian) {
     const auto in = InputOf({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
     std::uint32_t word = 0;
     std::uint64_t hyper = 0;
-    CNfs3Prog::Read(in.get(), &word);
-    CNfs3Prog::Read(in.get(), &hyper);
+    CNfs3Xdr::Read(in.get(), &word);
+    CNfs3Xdr::Read(in.get(), &hyper);
     EXPECT_EQ(0x01020304u, word);
     EXPECT_EQ(0x05060708090A0B0Cu, hyper);
 }
@@ -783,7 +784,7 @@ const Bytes kAllSet = Words({1, 0755, 1, 11, 1, 22, 1, 3, 4, 2, 5, 6, 2, 7, 8});
 TEST(Nfs3ProgReaderTest, AttributesToSetAreReadInOrder) {
     const auto in = InputOf(kAllSet);
     sattr3 attr;
-    CNfs3Prog::Read(in.get(), &attr, false);
+    CNfs3Xdr::Read(in.get(), &attr, false);
     EXPECT_TRUE(attr.mode.set_it && attr.uid.set_it && attr.gid.set_it && attr.size.set_it);
     EXPECT_EQ(0755u, attr.mode.mode);
     EXPECT_EQ(11u, attr.uid.uid);
@@ -801,7 +802,7 @@ TEST(Nfs3ProgReaderTest, AttributesToSetAreReadInOrder) {
 TEST(Nfs3ProgReaderTest, SkippedAttributesAreConsumedAndNotSet) {
     const auto in = InputOf(kAllSet);
     sattr3 attr;
-    CNfs3Prog::Read(in.get(), &attr, true);
+    CNfs3Xdr::Read(in.get(), &attr, true);
     EXPECT_FALSE(attr.mode.set_it || attr.uid.set_it || attr.gid.set_it || attr.size.set_it);
     EXPECT_EQ(0u, attr.atime.set_it);
     EXPECT_EQ(0u, attr.mtime.set_it);
@@ -819,7 +820,7 @@ TEST(Nfs3ProgReaderTest, WhatIsNotSetIsZero) {
         1,                    // the server's time: set, with time 0
         3,                    // an unknown way: kept, with time 0
     }));
-    CNfs3Prog::Read(in.get(), &attr, false);
+    CNfs3Xdr::Read(in.get(), &attr, false);
     EXPECT_FALSE(attr.mode.set_it || attr.uid.set_it || attr.gid.set_it || attr.size.set_it);
     EXPECT_EQ(0u, attr.mode.mode + attr.uid.uid + attr.gid.gid + attr.size.size);
     EXPECT_EQ(1u, attr.atime.set_it);
@@ -833,12 +834,12 @@ TEST(Nfs3ProgReaderTest, GuardTimeIsReadOnlyWhenItIsToBeChecked) {
     sattrguard3 guard;
     guard.obj_ctime = {99, 99};
     auto in = InputOf(Words({0, 7}));
-    CNfs3Prog::Read(in.get(), &guard);
+    CNfs3Xdr::Read(in.get(), &guard);
     EXPECT_FALSE(guard.check);
     EXPECT_EQ(0u, guard.obj_ctime.seconds + guard.obj_ctime.nseconds);
     EXPECT_EQ(4u, in->GetFilledBufferSize());
     in = InputOf(Words({1, 7, 8}));
-    CNfs3Prog::Read(in.get(), &guard);
+    CNfs3Xdr::Read(in.get(), &guard);
     EXPECT_TRUE(guard.check);
     EXPECT_EQ(7u, guard.obj_ctime.seconds);
     EXPECT_EQ(8u, guard.obj_ctime.nseconds);
@@ -848,7 +849,7 @@ TEST(Nfs3ProgReaderTest, OpaqueStaysInTheInputBuffer) {
     const auto in = InputOf(StringOf("abcde") + Words({7}));
     opaque data;
     const unsigned char* start = in->GetCurrentBuffer();
-    CNfs3Prog::Read(in.get(), &data);
+    CNfs3Xdr::Read(in.get(), &data);
     EXPECT_EQ(start + 4, data.pBuf);
     EXPECT_EQ(5u, data.iBufLen);
     EXPECT_EQ(4u, in->GetFilledBufferSize()) << "the fill is skipped";
@@ -857,22 +858,22 @@ TEST(Nfs3ProgReaderTest, OpaqueStaysInTheInputBuffer) {
 TEST(Nfs3ProgReaderTest, PathIsReadSkippedOrTooLong) {
     COpaquePath path;
     auto in = InputOf(StringOf("abcde"));
-    CNfs3Prog::Read(in.get(), &path, false);
+    CNfs3Xdr::Read(in.get(), &path, false);
     EXPECT_EQ("abcde", path.sPath);
     EXPECT_EQ(0u, in->GetFilledBufferSize());
 
     in = InputOf(StringOf("other"));
-    CNfs3Prog::Read(in.get(), &path, true);
+    CNfs3Xdr::Read(in.get(), &path, true);
     EXPECT_EQ("abcde", path.sPath) << "skipping leaves the text as it is";
     EXPECT_EQ(0u, in->GetFilledBufferSize());
 
     in = InputOf(StringOf(std::string(4095, 'n')));
-    CNfs3Prog::Read(in.get(), &path, false);
+    CNfs3Xdr::Read(in.get(), &path, false);
     EXPECT_EQ(std::string(4095, 'n'), path.sPath);
     EXPECT_EQ(0u, in->GetFilledBufferSize());
 
     in = InputOf(StringOf(std::string(4097, 'n')));
-    CNfs3Prog::Read(in.get(), &path, false);
+    CNfs3Xdr::Read(in.get(), &path, false);
     EXPECT_EQ("", path.sPath);
     EXPECT_EQ(0u, in->GetFilledBufferSize());
 }
@@ -890,7 +891,7 @@ TEST(Nfs3ProgReaderTest, HowToCreateDependsOnTheMode) {
         const auto in = InputOf(Words({expected.mode}) + expected.rest);
         createhow3 how;
         how.verf = 99;
-        CNfs3Prog::Read(in.get(), &how);
+        CNfs3Xdr::Read(in.get(), &how);
         EXPECT_EQ(expected.mode, how.mode);
         EXPECT_EQ(expected.mode < 2, how.obj_attributes.mode.set_it);
         EXPECT_EQ(expected.mode == 2 ? 0x1000001A4u : 0u, how.verf);
@@ -909,7 +910,7 @@ TEST(Nfs3ProgReaderTest, WhatToMakeDependsOnTheType) {
         for (const bool skip : {false, true}) {
             const auto in = InputOf(Words({expected.type}) + rest);
             mknoddata3 data;
-            CNfs3Prog::Read(in.get(), &data, skip);
+            CNfs3Xdr::Read(in.get(), &data, skip);
             EXPECT_EQ(expected.type, data.type);
             EXPECT_EQ(expected.unread, in->GetFilledBufferSize());
             const bool device = expected.type == 3 || expected.type == 4;
@@ -943,56 +944,56 @@ TEST(Nfs3ProgWriterTest, AttributesAreThirteenFieldsInOrder) {
     attr.ctime = {20, 21};
     const Bytes expected =
         Words({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21});
-    EXPECT_EQ(Hex(expected), Hex(Written([&](auto* out) { CNfs3Prog::Write(out, attr); })));
+    EXPECT_EQ(Hex(expected), Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, attr); })));
     post_op_attr post{true, attr};
     EXPECT_EQ(Hex(Words({1}) + expected),
-              Hex(Written([&](auto* out) { CNfs3Prog::Write(out, post); })));
+              Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, post); })));
     post.attributes_follow = false;
-    EXPECT_EQ(Hex(Words({0})), Hex(Written([&](auto* out) { CNfs3Prog::Write(out, post); })));
+    EXPECT_EQ(Hex(Words({0})), Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, post); })));
 }
 
 TEST(Nfs3ProgWriterTest, WccDataIsBeforeThenAfter) {
     wcc_data wcc;
-    EXPECT_EQ(Hex(Words({0, 0})), Hex(Written([&](auto* out) { CNfs3Prog::Write(out, wcc); })));
+    EXPECT_EQ(Hex(Words({0, 0})), Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, wcc); })));
     wcc.before = {true, {0x100000002, {3, 4}, {5, 6}}};  // size, mtime, ctime
     wcc.after.attributes_follow = true;
     wcc.after.attributes.type = 2;
-    const Bytes written = Written([&](auto* out) { CNfs3Prog::Write(out, wcc); });
+    const Bytes written = Written([&](auto* out) { CNfs3Xdr::Write(out, wcc); });
     EXPECT_EQ(Hex(Words({1, 1, 2, 3, 4, 5, 6, 1, 2}) + Bytes(80)), Hex(written));
 }
 
 TEST(Nfs3ProgWriterTest, HandleIsItsLengthAnd56Bytes) {
     post_op_fh3 handle;
-    EXPECT_EQ(Hex(Words({0})), Hex(Written([&](auto* out) { CNfs3Prog::Write(out, handle); })));
+    EXPECT_EQ(Hex(Words({0})), Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, handle); })));
     handle.handle_follows = true;
     handle.handle.cHandle[0] = 7;
     EXPECT_EQ(Hex(Words({1, 56}) + HandleOfId(7)),
-              Hex(Written([&](auto* out) { CNfs3Prog::Write(out, handle); })));
+              Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, handle); })));
     EXPECT_EQ(Hex(Words({56})),
-              Hex(Written([&](auto* out) { CNfs3Prog::Write(out, handle.handle, true); })));
+              Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, handle.handle, true); })));
 }
 
 TEST(Nfs3ProgWriterTest, OpaquesAreLengthBytesAndFill) {
     const unsigned char bytes[] = {1, 2, 3, 4, 5};
     const opaque data{bytes, 5};
-    const Bytes written = Written([&](auto* out) { CNfs3Prog::Write(out, data, false); });
+    const Bytes written = Written([&](auto* out) { CNfs3Xdr::Write(out, data, false); });
     ASSERT_EQ(12u, written.size());
     EXPECT_EQ(Hex(Words({5}) + Bytes{1, 2, 3, 4, 5}),
               Hex(Bytes(written.begin(), written.end() - 3)));
-    EXPECT_EQ(Hex(Words({5})), Hex(Written([&](auto* out) { CNfs3Prog::Write(out, data, true); })));
+    EXPECT_EQ(Hex(Words({5})), Hex(Written([&](auto* out) { CNfs3Xdr::Write(out, data, true); })));
     EXPECT_EQ(Hex(StringOf("path")),
-              Hex(Written([](auto* out) { CNfs3Prog::Write(out, COpaquePath{"path"}, false); })));
+              Hex(Written([](auto* out) { CNfs3Xdr::Write(out, COpaquePath{"path"}, false); })));
     EXPECT_EQ(Hex(Words({4})),
-              Hex(Written([](auto* out) { CNfs3Prog::Write(out, COpaquePath{"path"}, true); })));
+              Hex(Written([](auto* out) { CNfs3Xdr::Write(out, COpaquePath{"path"}, true); })));
 }
 
 TEST(Nfs3ProgWriterTest, ScalarsAreWholeWords) {
     EXPECT_EQ(Hex(Words({1, 0, 7, 8, 9, 10, 11, 12, 13})), Hex(Written([](auto* out) {
-                  CNfs3Prog::Write(out, true);
-                  CNfs3Prog::Write(out, false);
-                  CNfs3Prog::Write(out, std::uint32_t{7});
-                  CNfs3Prog::Write(out, std::uint64_t{0x800000009});
-                  CNfs3Prog::Write(out, nfstime3{10, 11});
-                  CNfs3Prog::Write(out, specdata3{12, 13});
+                  CNfs3Xdr::Write(out, true);
+                  CNfs3Xdr::Write(out, false);
+                  CNfs3Xdr::Write(out, std::uint32_t{7});
+                  CNfs3Xdr::Write(out, std::uint64_t{0x800000009});
+                  CNfs3Xdr::Write(out, nfstime3{10, 11});
+                  CNfs3Xdr::Write(out, specdata3{12, 13});
               })));
 }
