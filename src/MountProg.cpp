@@ -4,8 +4,6 @@
 
 #include "InputStream.h"
 #include "OutputStream.h"
-#include "RuntimeParam.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -15,55 +13,37 @@ constexpr std::uint32_t MNT3ERR_ACCES = 13;
 constexpr std::uint32_t HANDLE_SIZE_V1 = 32;  // version 1: fixed-length opaque
 constexpr int HANDLE_BUFFER_SIZE = 88;
 
-using Procedure = int (CMountProg::*)(CInputStream*, COutputStream*, ProcessParam*);
+using Procedure = RpcProcedure<CMountProg, CRpcCall>;
+
+constexpr Procedure NOIMP{"MountProg.ProcedureNOIMP", &CMountProg::ProcedureNOIMP};
 
 constexpr Procedure PROCEDURES[] = {
-    &CMountProg::ProcedureNULL,   // 0
-    &CMountProg::ProcedureMNT,    // 1
-    &CMountProg::ProcedureNOIMP,  // 2 DUMP
-    &CMountProg::ProcedureUMNT,   // 3
-    &CMountProg::ProcedureNOIMP,  // 4 UMNTALL
-    &CMountProg::ProcedureNOIMP,  // 5 EXPORT
+    {"MountProg.ProcedureNULL", &CMountProg::ProcedureNULL},  // 0
+    {"MountProg.ProcedureMNT", &CMountProg::ProcedureMNT},    // 1
+    NOIMP,                                                    // 2 DUMP
+    {"MountProg.ProcedureUMNT", &CMountProg::ProcedureUMNT},  // 3
+    NOIMP,                                                    // 4 UMNTALL
+    NOIMP,                                                    // 5 EXPORT
 };
+
+constexpr RpcProcedureTable<CMountProg, CRpcCall> TABLE{"MountProg.Process", true, PROCEDURES,
+                                                        NOIMP};
 
 }  // namespace
 
 CMountProg::CMountProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
 
-std::uint32_t CMountProg::GetMaxSupportProc() { return std::size(PROCEDURES); }
+std::uint32_t CMountProg::GetMaxSupportProc() const { return std::size(PROCEDURES); }
 
 int CMountProg::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
-    const LogArgu logArgu{"MountProg.Process"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (m_pUtilities == nullptr) {
-        return PROG_RESULT_NOIMP;
-    }
-    if (pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s]", logArgu.pcName);
-    }
-    if (pParam->iProc >= std::size(PROCEDURES)) {
-        return ProcedureNOIMP(pIn, pOut, pParam);
-    }
-    try {
-        return (this->*PROCEDURES[pParam->iProc])(pIn, pOut, pParam);
-    } catch (...) {
-        return GetResultOfException(m_pUtilities, pRuntimeParam, logArgu);
-    }
+    return Dispatch(TABLE, pIn, pOut, pParam);
 }
 
-int CMountProg::ProcedureNOIMP(CInputStream* /*pIn*/, COutputStream* /*pOut*/,
-                               ProcessParam* pParam) {
-    if (pParam->pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s]", "MountProg.ProcedureNOIMP");
-    }
-    return PROG_RESULT_NOIMP;
-}
-
-bool CMountProg::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
-                          COpaquePath* pPath) {
+bool CMountProg::ReadPath(CRpcCall& call, COpaquePath* pPath) {
     if (pPath == nullptr) {
         return false;
     }
+    CInputStream* pIn = call.GetIn();
     std::uint32_t iLen = 0;
     pIn->Read(&iLen);
     if (iLen >= PATH_SIZE) {
@@ -76,74 +56,65 @@ bool CMountProg::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInpu
     }
     cPath[iLen] = '\0';
     pPath->sPath = cPath;
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path = %s", pLogArgu->pcName, cPath);
-    }
+    call.Trace("[%s] Read path = %s", call.GetLabel(), cPath);
     return true;
 }
 
-// void NULL(void)
-int CMountProg::ProcedureNULL(CInputStream* /*pIn*/, COutputStream* /*pOut*/,
-                              ProcessParam* pParam) {
-    if (pParam->pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s]", "MountProg.ProcedureNULL");
-    }
-    return PROG_RESULT_DONE;
-}
+// Each procedure stands under its form in RFC 1813, appendix I: its arguments, then "->" what it
+// answers.  What follows says which status is sent when, and where this server differs.
 
-// mountres3 MNT(dirpath).  The path is an export name.  Every failure is "access denied", and no
-// authentication flavour is announced.
-int CMountProg::ProcedureMNT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
-    LogArgu logArgu{"MountProg.ProcedureMNT"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s]", logArgu.pcName);
-    }
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] From %s, NFS Protocol Version=%u",
-                              logArgu.pcName, pParam->sRemoteAddr.c_str(), pParam->iVersion);
-    }
+// void MOUNTPROC3_NULL(void)
+int CMountProg::ProcedureNULL(CRpcCall& /*call*/) { return PROG_RESULT_DONE; }
 
-    bool bOk = true;
+// mountlist MOUNTPROC3_DUMP(void), void MOUNTPROC3_UMNTALL(void), exports MOUNTPROC3_EXPORT(void)
+//
+// Not served, like every number that is no procedure.
+int CMountProg::ProcedureNOIMP(CRpcCall& /*call*/) { return PROG_RESULT_NOIMP; }
+
+// mountres3 MOUNTPROC3_MNT(dirpath)
+//     -> mountstat3 status; OK: fhandle3 fhandle, int auth_flavors<>
+//
+// OK.  ACCES: every failure; the log tells an unreadable or empty name, a caller without an
+// address, an unknown export and one that a client has mounted already from each other.
+// Differs: the path is an export's name; no authentication flavour is announced, and none is
+// tested.  Version 1 gets the first 32 bytes of the handle, without a length and without flavours.
+int CMountProg::ProcedureMNT(CRpcCall& call) {
+    const std::string& sRemoteAddr = call.GetRemoteAddr();
+    call.Trace("[%s] From %s, NFS Protocol Version=%u", call.GetLabel(), sRemoteAddr.c_str(),
+               call.GetVersion());
+
     COpaquePath exportName;
-    if (!ReadPath(pRuntimeParam, &logArgu, pIn, &exportName) || exportName.sPath.empty()) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Fail to read export name", logArgu.pcName);
-        }
+    bool bOk = true;
+    if (!ReadPath(call, &exportName) || exportName.sPath.empty()) {
+        call.LogInfo(LOG_CONTROL_ERROR, "[%s] Fail to read export name", call.GetLabel());
         bOk = false;
     }
-    if (pParam->sRemoteAddr.empty()) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Fail to get remote address", logArgu.pcName);
-        }
+    if (sRemoteAddr.empty()) {
+        call.LogInfo(LOG_CONTROL_ERROR, "[%s] Fail to get remote address", call.GetLabel());
         bOk = false;
     }
     MountInfo mountInfo;
     if (bOk) {
         char cReason[STATUS_SIZE] = "";
         bOk = m_pUtilities->UpdateMountClientIpAddrByExportName(
-            exportName.sPath.c_str(), pParam->sRemoteAddr.c_str(), &mountInfo, cReason);
-        if (!bOk && pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", logArgu.pcName, cReason);
+            exportName.c_str(), sRemoteAddr.c_str(), &mountInfo, cReason);
+        if (!bOk) {
+            call.LogError(LOG_CONTROL_ERROR, "[%s] %s", call.GetLabel(), cReason);
         }
     }
     unsigned char cHandle[HANDLE_BUFFER_SIZE];
-    bOk = bOk &&
-          m_pUtilities->GetFileHandle(pRuntimeParam, &logArgu, mountInfo.sLocalMountPath.c_str(),
-                                      cHandle, HANDLE_BUFFER_SIZE);
-    if (pRuntimeParam->IsLogGeneralInfo()) {
-        if (bOk) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mount OK", logArgu.pcName);
-        } else {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mount FAIL", logArgu.pcName);
-        }
-    }
+    bOk = bOk && m_pUtilities->GetFileHandle(call.GetRuntimeParam(), call.GetLogArgu(),
+                                             mountInfo.sLocalMountPath.c_str(), cHandle,
+                                             HANDLE_BUFFER_SIZE);
+    COutputStream* pOut = call.GetOut();
     if (!bOk) {
+        call.LogInfo(LOG_CONTROL_GENERAL_INFO, "[%s] Mount FAIL", call.GetLabel());
         pOut->Write(MNT3ERR_ACCES);
         return PROG_RESULT_DONE;
     }
+    call.LogInfo(LOG_CONTROL_GENERAL_INFO, "[%s] Mount OK", call.GetLabel());
     pOut->Write(MNT3_OK);
-    if (pParam->iVersion == 1) {
+    if (call.GetVersion() == 1) {
         pOut->Write(cHandle, HANDLE_SIZE_V1);
     } else {
         pOut->Write(NFS_HANDLE_SIZE);
@@ -153,27 +124,19 @@ int CMountProg::ProcedureMNT(CInputStream* pIn, COutputStream* pOut, ProcessPara
     return PROG_RESULT_DONE;
 }
 
-// void UMNT(dirpath).  Always answered, also for an unknown export.
-int CMountProg::ProcedureUMNT(CInputStream* pIn, COutputStream* /*pOut*/, ProcessParam* pParam) {
-    LogArgu logArgu{"MountProg.ProcedureUMNT"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s]", logArgu.pcName);
-    }
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] From %s", logArgu.pcName,
-                              pParam->sRemoteAddr.c_str());
-    }
+// void MOUNTPROC3_UMNT(dirpath)
+//
+// Always answered, also for an unknown export and for an unreadable name.  Differs: who asks is
+// not compared with who has the export mounted.
+int CMountProg::ProcedureUMNT(CRpcCall& call) {
+    call.Trace("[%s] From %s", call.GetLabel(), call.GetRemoteAddr().c_str());
     COpaquePath exportName;
-    const bool bOk = ReadPath(pRuntimeParam, &logArgu, pIn, &exportName);
-    if (bOk) {
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Umount OK", logArgu.pcName);
-        }
-        m_pUtilities->UpdateMountClientIpAddrByExportName(exportName.sPath.c_str(), nullptr,
-                                                          nullptr, nullptr);
-    } else {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Umount FAIL", logArgu.pcName);
+    if (!ReadPath(call, &exportName)) {
+        call.LogInfo(CRpcCall::LOG_ALWAYS, "[%s] Umount FAIL", call.GetLabel());
+        return PROG_RESULT_DONE;
     }
+    call.LogInfo(LOG_CONTROL_GENERAL_INFO, "[%s] Umount OK", call.GetLabel());
+    m_pUtilities->UpdateMountClientIpAddrByExportName(exportName.c_str(), nullptr, nullptr,
+                                                      nullptr);
     return PROG_RESULT_DONE;
 }

@@ -5,8 +5,6 @@
 #include "Nfs3Types.h"
 #include "RpcProg.h"
 
-struct LogArgu;
-
 // Stateless: who has an export mounted is kept with the exports.  The version of a call is not
 // checked; version 1 gets its own reply to MNT.
 class CMountProg : public CRpcProg {
@@ -14,17 +12,16 @@ public:
     explicit CMountProg(CUtilities* pUtilities);
 
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
-    std::uint32_t GetMaxSupportProc() override;
+    std::uint32_t GetMaxSupportProc() const override;
 
-    int ProcedureNULL(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
-    int ProcedureMNT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
-    int ProcedureUMNT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
-    int ProcedureNOIMP(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureNULL(CRpcCall& call);
+    int ProcedureMNT(CRpcCall& call);
+    int ProcedureUMNT(CRpcCall& call);
+    int ProcedureNOIMP(CRpcCall& call);
 
     // Reads one XDR string.  False for a null target, and for a text of 4096 bytes or more, whose
     // bytes are left unread.  Throws CDataTruncatedExpt.
-    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
-                  COpaquePath* pPath);
+    static bool ReadPath(CRpcCall& call, COpaquePath* pPath);
 };
 
 #endif

@@ -116,9 +116,9 @@ CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
       m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()),
       m_iFSF3Properties(FSF3_HOMOGENEOUS | FSF3_CANSETTIME) {}
 
-std::uint32_t CNfs3Prog::GetVersion() { return 3; }
+std::uint32_t CNfs3Prog::GetVersion() const { return 3; }
 
-std::uint32_t CNfs3Prog::GetMaxSupportProc() { return std::size(PROCEDURES); }
+std::uint32_t CNfs3Prog::GetMaxSupportProc() const { return std::size(PROCEDURES); }
 
 void CNfs3Prog::SetUserID(unsigned int uid, unsigned int gid) {
     m_iUId = uid;

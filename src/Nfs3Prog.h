@@ -20,8 +20,8 @@ public:
     explicit CNfs3Prog(CUtilities* pUtilities);
 
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
-    std::uint32_t GetVersion() override;
-    std::uint32_t GetMaxSupportProc() override;
+    std::uint32_t GetVersion() const override;
+    std::uint32_t GetMaxSupportProc() const override;
 
     // Stored only: attributes report the owner that the local file system reports.
     void SetUserID(unsigned int uid, unsigned int gid);

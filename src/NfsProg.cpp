@@ -18,11 +18,11 @@ int CNfsProg::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pPar
     return m_pNfs3Prog->Process(pIn, pOut, pParam);
 }
 
-std::uint32_t CNfsProg::GetVersion() {
+std::uint32_t CNfsProg::GetVersion() const {
     return m_pNfs3Prog != nullptr ? m_pNfs3Prog->GetVersion() : CRpcProg::GetVersion();
 }
 
-std::uint32_t CNfsProg::GetMaxSupportProc() {
+std::uint32_t CNfsProg::GetMaxSupportProc() const {
     return m_pNfs3Prog != nullptr ? m_pNfs3Prog->GetMaxSupportProc()
                                   : CRpcProg::GetMaxSupportProc();
 }

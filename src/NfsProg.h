@@ -15,8 +15,8 @@ public:
 
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
     // Both accept anything until the version-3 program exists.
-    std::uint32_t GetVersion() override;
-    std::uint32_t GetMaxSupportProc() override;
+    std::uint32_t GetVersion() const override;
+    std::uint32_t GetMaxSupportProc() const override;
 
     // Stored, and passed on to the version-3 program once it exists.
     void SetUserID(unsigned int uid, unsigned int gid);

@@ -1,20 +1,34 @@
 #include "PortmapProg.h"
 
+#include <iterator>
+
 #include "InputStream.h"
 #include "OutputStream.h"
-#include "RuntimeParam.h"
-#include "Utilities.h"
 
 namespace {
 
-constexpr std::uint32_t PMAPPROC_GETPORT = 3;
+using Procedure = RpcProcedure<CPortmapProg, CRpcCall>;
+
+constexpr Procedure NOIMP{"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP};
+
+// The whole protocol is recognised, although only GETPORT is served.
+constexpr Procedure PROCEDURES[] = {
+    NOIMP,                                                              // 0 NULL
+    NOIMP,                                                              // 1 SET
+    NOIMP,                                                              // 2 UNSET
+    {"PortmapProg.ProcedureGETPORT", &CPortmapProg::ProcedureGETPORT},  // 3
+    NOIMP,                                                              // 4 DUMP
+    NOIMP,                                                              // 5 CALLIT
+};
+
+constexpr RpcProcedureTable<CPortmapProg, CRpcCall> TABLE{"PortmapProg.Process", false, PROCEDURES,
+                                                          NOIMP};
 
 }  // namespace
 
 CPortmapProg::CPortmapProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
 
-// The whole portmapper protocol is recognised, although only GETPORT is served.
-std::uint32_t CPortmapProg::GetMaxSupportProc() { return 6; }
+std::uint32_t CPortmapProg::GetMaxSupportProc() const { return std::size(PROCEDURES); }
 
 void CPortmapProg::Set(unsigned long prog, unsigned long port) {
     const unsigned long lIndex = prog - FIRST_PROG;
@@ -24,42 +38,25 @@ void CPortmapProg::Set(unsigned long prog, unsigned long port) {
 }
 
 int CPortmapProg::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
-    const LogArgu logArgu{"PortmapProg.Process"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (m_pUtilities == nullptr || pParam->iProc != PMAPPROC_GETPORT) {
-        return ProcedureNOIMP(pIn, pOut, pParam);
-    }
-    try {
-        return ProcedureGETPORT(pIn, pOut, pParam);
-    } catch (...) {
-        return GetResultOfException(m_pUtilities, pRuntimeParam, logArgu);
-    }
+    return Dispatch(TABLE, pIn, pOut, pParam);
 }
 
-int CPortmapProg::ProcedureNOIMP(CInputStream* /*pIn*/, COutputStream* /*pOut*/,
-                                 ProcessParam* pParam) {
-    if (m_pUtilities != nullptr && pParam->pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s]", "PortmapProg.ProcedureNOIMP");
-    }
-    return PROG_RESULT_NOIMP;
-}
+// Every procedure but GETPORT, NULL included.
+int CPortmapProg::ProcedureNOIMP(CRpcCall& /*call*/) { return PROG_RESULT_NOIMP; }
 
-// unsigned int GETPORT(mapping).  0 for a program that is not registered.
-int CPortmapProg::ProcedureGETPORT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) {
-    const LogArgu logArgu{"PortmapProg.ProcedureGETPORT"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s]", logArgu.pcName);
-    }
+// unsigned int PMAPPROC_GETPORT(mapping)                                   (RFC 1833, section 3.1)
+//     unsigned int prog, vers, prot, port -> unsigned int port
+//
+// 0 for a program that is not registered.  Differs: version and protocol are not looked at, as
+// every program has one port for all of them.
+int CPortmapProg::ProcedureGETPORT(CRpcCall& call) {
     PORTMAP_HEADER header{};
-    pIn->Read(&header.lProg);
-    pIn->Skip(sizeof(header) - sizeof(header.lProg));
+    call.GetIn()->Read(&header.lProg);
+    call.GetIn()->Skip(sizeof(header) - sizeof(header.lProg));
     const std::uint32_t iIndex = header.lProg - FIRST_PROG;
     header.lPort = iIndex < m_lPortTable.size() ? m_lPortTable[iIndex] : 0;
-    pOut->Write(header.lPort);
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] lProg = %d, lPort = %d", logArgu.pcName,
-                              static_cast<int>(header.lProg), static_cast<int>(header.lPort));
-    }
+    call.GetOut()->Write(header.lPort);
+    call.Trace("[%s] lProg = %d, lPort = %d", call.GetLabel(), static_cast<int>(header.lProg),
+               static_cast<int>(header.lPort));
     return PROG_RESULT_DONE;
 }

@@ -25,15 +25,13 @@ public:
     void Set(unsigned long prog, unsigned long port);
 
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
-    std::uint32_t GetMaxSupportProc() override;
+    std::uint32_t GetMaxSupportProc() const override;
 
-    int ProcedureGETPORT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
-    int ProcedureNOIMP(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureGETPORT(CRpcCall& call);
+    int ProcedureNOIMP(CRpcCall& call);
 
 private:
-    static constexpr std::uint32_t FIRST_PROG = 100000;
-
-    std::array<std::uint32_t, 10> m_lPortTable{};  // index: program number minus 100000
+    std::array<std::uint32_t, 10> m_lPortTable{};  // index: program number minus FIRST_PROG
 };
 
 #endif

@@ -4,9 +4,9 @@
 #include "RuntimeParam.h"
 #include "Utilities.h"
 
-std::uint32_t CRpcProg::GetVersion() { return ANY; }
+std::uint32_t CRpcProg::GetVersion() const { return ANY; }
 
-std::uint32_t CRpcProg::GetMaxSupportProc() { return ANY; }
+std::uint32_t CRpcProg::GetMaxSupportProc() const { return ANY; }
 
 int CRpcProg::GetResultOfException(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam,
                                    const LogArgu& logArgu) {

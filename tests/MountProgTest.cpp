@@ -417,6 +417,8 @@ TEST_F(MountProgTest, UmntLogsEachLineUnderItsOwnBit) {
 TEST_F(MountProgAloneTest, ReadPathWithoutATargetReadsNothing) {
     CInputStream in;
     CRuntimeParam param("", 0);
-    LogArgu logArgu{"test"};
-    EXPECT_FALSE(program.ReadPath(&param, &logArgu, &in, nullptr));
+    COutputStream out;
+    ProcessParam processParam{3, 1, "10.0.0.9", &param};
+    CRpcCall call(&bench.utilities, "test", &in, &out, &processParam);
+    EXPECT_FALSE(program.ReadPath(call, nullptr));
 }

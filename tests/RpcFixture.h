@@ -216,8 +216,8 @@ public:
         }
         return handler ? handler(*in, *out, *param) : AnswerNextNumber(*in, *out, *param);
     }
-    std::uint32_t GetVersion() override { return m_version; }
-    std::uint32_t GetMaxSupportProc() override { return m_procedures; }
+    std::uint32_t GetVersion() const override { return m_version; }
+    std::uint32_t GetMaxSupportProc() const override { return m_procedures; }
 
     std::vector<SeenCall> Calls() const {
         const std::lock_guard<std::mutex> lock(m_mutex);
