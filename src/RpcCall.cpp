@@ -2,8 +2,6 @@
 
 #include <cstdio>
 
-void CRpcCall::LogName() { LogInfo(LOG_CONTROL_PROC_FUNC_NAME, "[%s]", GetLabel()); }
-
 void CRpcCall::Trace(const char* pcFmt, ...) {
     if (!IsTraced()) {
         return;

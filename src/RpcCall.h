@@ -56,7 +56,11 @@ public:
     static constexpr int LOG_ALWAYS = 0;
 
     // "[label]", when names of procedures are logged.
-    void LogName();
+    void LogName() {
+        if (GetRuntimeParam()->IsLogProcFuncName()) {
+            LogInfo(LOG_ALWAYS, "[%s]", GetLabel());
+        }
+    }
     // Arguments and results, when these are logged.
     bool IsTraced() const { return GetRuntimeParam()->IsLogProcFuncArgu(); }
     void Trace(const char* pcFmt, ...) VELOCAST_PRINTF(2, 3);

@@ -8,6 +8,7 @@
 
 #include <thread>
 
+#include "Nfs3Call.h"
 #include "Nfs3Prog.h"
 #include "Nfs3Xdr.h"
 #include "NfsServiceFixture.h"
@@ -86,6 +87,18 @@ protected:
     ScopedTempDir folder;
     ProgramBench bench;
     CNfs3Prog program{&bench.utilities};
+};
+
+// A call outside every procedure, with the label "test".
+struct LooseCall {
+    explicit LooseCall(CUtilities* utilities, int logControl = 0)
+        : param("10.0.0.9", logControl), call(utilities, "test", &in, &out, &processParam) {}
+
+    CInputStream in;
+    COutputStream out;
+    CRuntimeParam param;
+    ProcessParam processParam{3, 1, "10.0.0.9", &param};
+    CNfs3Call call;
 };
 
 // A stream that holds the bytes.
@@ -490,57 +503,56 @@ TEST_F(Nfs3ProgTest, JoinedPathOf4096BytesIsAnEmptyPath) {
 
 TEST(Nfs3ProgPathTest, AppendFilePathJoinsWithASlash) {
     char out[PATH_SIZE];
-    EXPECT_TRUE(CNfs3Prog::AppendFilePath("/a", "b", out));
+    EXPECT_TRUE(CNfs3Call::AppendFilePath("/a", "b", out));
     EXPECT_STREQ("/a/b", out);
-    EXPECT_TRUE(CNfs3Prog::AppendFilePath("/a/", "b", out));
+    EXPECT_TRUE(CNfs3Call::AppendFilePath("/a/", "b", out));
     EXPECT_STREQ("/a//b", out) << "a trailing slash is not looked for";
-    EXPECT_TRUE(CNfs3Prog::AppendFilePath("", "", out));
+    EXPECT_TRUE(CNfs3Call::AppendFilePath("", "", out));
     EXPECT_STREQ("/", out);
 }
 
 TEST(Nfs3ProgPathTest, AppendFilePathRefusesNullPointers) {
     char out[PATH_SIZE];
-    EXPECT_FALSE(CNfs3Prog::AppendFilePath(nullptr, "b", out));
-    EXPECT_FALSE(CNfs3Prog::AppendFilePath("/a", nullptr, out));
-    EXPECT_FALSE(CNfs3Prog::AppendFilePath("/a", "b", nullptr));
+    EXPECT_FALSE(CNfs3Call::AppendFilePath(nullptr, "b", out));
+    EXPECT_FALSE(CNfs3Call::AppendFilePath("/a", nullptr, out));
+    EXPECT_FALSE(CNfs3Call::AppendFilePath("/a", "b", nullptr));
 }
 
 TEST(Nfs3ProgPathTest, AppendFilePathNeverCutsAPath) {
     char out[PATH_SIZE];
-    EXPECT_TRUE(CNfs3Prog::AppendFilePath("/a", std::string(4092, 'b').c_str(), out));
+    EXPECT_TRUE(CNfs3Call::AppendFilePath("/a", std::string(4092, 'b').c_str(), out));
     EXPECT_EQ("/a/" + std::string(4092, 'b'), out);
-    EXPECT_FALSE(CNfs3Prog::AppendFilePath("/a", std::string(4093, 'b').c_str(), out));
+    EXPECT_FALSE(CNfs3Call::AppendFilePath("/a", std::string(4093, 'b').c_str(), out));
     EXPECT_STREQ("", out);
 }
 
 TEST(Nfs3ProgPathTest, DotNamesAndNoNameAreInvalidDirectoryNames) {
-    EXPECT_TRUE(CNfs3Prog::IsInVaildDirName(nullptr));
-    EXPECT_TRUE(CNfs3Prog::IsInVaildDirName("."));
-    EXPECT_TRUE(CNfs3Prog::IsInVaildDirName(".."));
+    EXPECT_TRUE(CNfs3Call::IsInVaildDirName(nullptr));
+    EXPECT_TRUE(CNfs3Call::IsInVaildDirName("."));
+    EXPECT_TRUE(CNfs3Call::IsInVaildDirName(".."));
     for (const char* name : {"", "...", ".a", "..a", "a."}) {
-        EXPECT_FALSE(CNfs3Prog::IsInVaildDirName(name)) << name;
+        EXPECT_FALSE(CNfs3Call::IsInVaildDirName(name)) << name;
     }
 }
 
 TEST(Nfs3ProgPathTest, CheckPathTellsNoPathFromAMissingObject) {
     const ScopedTempDir folder;
-    EXPECT_EQ(70u, CNfs3Prog::CheckPath(nullptr, true));
-    EXPECT_EQ(70u, CNfs3Prog::CheckPath(nullptr, false));
-    EXPECT_EQ(5u, CNfs3Prog::CheckPath((folder / "missing").c_str(), true));
-    EXPECT_EQ(0u, CNfs3Prog::CheckPath((folder / "missing").c_str(), false));
-    EXPECT_EQ(0u, CNfs3Prog::CheckPath(folder.Path().c_str(), true));
+    EXPECT_EQ(70u, CNfs3Call::CheckPath(nullptr, true));
+    EXPECT_EQ(70u, CNfs3Call::CheckPath(nullptr, false));
+    EXPECT_EQ(5u, CNfs3Call::CheckPath((folder / "missing").c_str(), true));
+    EXPECT_EQ(0u, CNfs3Call::CheckPath((folder / "missing").c_str(), false));
+    EXPECT_EQ(0u, CNfs3Call::CheckPath(folder.Path().c_str(), true));
 }
 
 TEST_F(Nfs3ProgAloneTest, CheckProcessParamWithoutAPathIsAnIoError) {
-    CRuntimeParam param("10.0.0.9", LOG_CONTROL_ERROR);
-    ProcessParam call{3, 1, "10.0.0.9", &param};
-    LogArgu logArgu{"test"};
-    EXPECT_EQ(5u, program.CheckProcessParam(&call, &logArgu, nullptr));
-    EXPECT_EQ(5u, program.CheckProcessParam(&call, &logArgu, ""));
+    LooseCall loose(&bench.utilities, LOG_CONTROL_ERROR);
+    const CRuntimeParam& param = loose.param;
+    EXPECT_EQ(5u, loose.call.CheckProcessParam(nullptr));
+    EXPECT_EQ(5u, loose.call.CheckProcessParam(""));
     EXPECT_EQ(Texts(2, "error [test] Path record not found"), bench.log.From(""));
     EXPECT_STREQ("10.0.0.9", param.GetID());
     EXPECT_STREQ("", param.GetIpcID());
-    EXPECT_EQ(0u, program.CheckProcessParam(&call, &logArgu, (folder / "anything").c_str()));
+    EXPECT_EQ(0u, loose.call.CheckProcessParam((folder / "anything").c_str()));
     EXPECT_STREQ("vm01", param.GetID());
     EXPECT_STREQ("controller-1", param.GetIpcID());
 }
@@ -718,37 +730,34 @@ TEST_F(Nfs3ProgTest, AttributesAreLoggedAsArguments) {
 TEST(Nfs3ProgModeTest, BothConversionsKeepTheSameBits) {
     for (unsigned mode = 0; mode <= 0x1FFFF; ++mode) {
         const unsigned kept = mode & 0xDFF;
-        ASSERT_EQ(kept, CNfs3Prog::ConvertFileModeToNfsFileMode(mode)) << mode;
-        ASSERT_EQ(kept, CNfs3Prog::ConvertNfsFileModeToFileMode(mode)) << mode;
+        ASSERT_EQ(kept, CNfs3Call::ConvertFileModeToNfsFileMode(mode)) << mode;
+        ASSERT_EQ(kept, CNfs3Call::ConvertNfsFileModeToFileMode(mode)) << mode;
     }
-    EXPECT_EQ(0xDFFu, CNfs3Prog::ConvertFileModeToNfsFileMode(0xFFFFFFFF));
-    EXPECT_EQ(0xDFFu, CNfs3Prog::ConvertNfsFileModeToFileMode(0xFFFFFFFF));
+    EXPECT_EQ(0xDFFu, CNfs3Call::ConvertFileModeToNfsFileMode(0xFFFFFFFF));
+    EXPECT_EQ(0xDFFu, CNfs3Call::ConvertNfsFileModeToFileMode(0xFFFFFFFF));
 }
 
 TEST(Nfs3ProgModeTest, BeforeImageIsNeverFilled) {
     wcc_attr before{7, {8, 9}, {10, 11}};
-    EXPECT_FALSE(CNfs3Prog::GetNfsFileAttributes("/", &before));
+    EXPECT_FALSE(CNfs3Call::GetNfsFileAttributes("/", &before));
     EXPECT_EQ(7u, before.size);
     EXPECT_EQ(8u, before.mtime.seconds);
     EXPECT_EQ(10u, before.ctime.seconds);
 }
 
 TEST_F(Nfs3ProgAloneTest, HandleNeedsAPlaceToGo) {
-    CRuntimeParam param("", 0);
-    LogArgu logArgu{"test"};
-    EXPECT_FALSE(program.GetNfsFileHandle(&param, &logArgu, folder.Path().c_str(), nullptr));
+    LooseCall loose(&bench.utilities);
+    EXPECT_FALSE(loose.call.GetNfsFileHandle(folder.Path().c_str(), nullptr));
     nfs_fh3 handle;
     std::memset(&handle, 0xAA, sizeof handle);
-    EXPECT_TRUE(program.GetNfsFileHandle(&param, &logArgu, folder.Path().c_str(), &handle));
+    EXPECT_TRUE(loose.call.GetNfsFileHandle(folder.Path().c_str(), &handle));
     EXPECT_EQ(Handle(56), Handle(handle.cHandle, handle.cHandle + 56));
 }
 
 TEST_F(Nfs3ProgAloneTest, AttributesOfAMissingObjectCannotBeHad) {
-    CRuntimeParam param("", 0);
-    LogArgu logArgu{"test"};
+    LooseCall loose(&bench.utilities);
     fattr3 attributes;
-    EXPECT_FALSE(
-        program.GetNfsFileAttributes(&param, &logArgu, (folder / "missing").c_str(), &attributes));
+    EXPECT_FALSE(loose.call.GetNfsFileAttributes((folder / "missing").c_str(), &attributes));
 }
 
 // =================================================================================================
