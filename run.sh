@@ -35,7 +35,7 @@ fi
 # Build
 # ----------------------------------------------------------------------------------------------
 
-"$here/scripts/install-packages.sh" g++ cmake ninja-build pkg-config libtirpc-dev default-jdk-headless
+"$here/scripts/install-packages.sh" g++ cmake ninja-build pkg-config libtirpc-dev
 echo "Building velocast-nfs ..."
 mkdir -p "$here/build"
 {

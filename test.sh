@@ -28,7 +28,7 @@ table=()
 
 configure() {
     # run.sh configures the release folder without tests.
-    cmake --preset "$1" -DVELOCAST_TESTS=ON >"$logs/$1.configure" 2>&1 || {
+    cmake --preset "$1" -DVELOCAST_TESTS=ON -DVELOCAST_JAVA=ON >"$logs/$1.configure" 2>&1 || {
         cat "$logs/$1.configure"
         return 1
     }

@@ -4,6 +4,8 @@
 
 #include <jni.h>
 
+#include "HostCallback.h"
+
 // Holds the virtual machine and a global reference to the object, never an environment: that
 // belongs to a thread.  Every operation finds its thread's environment, attaching the thread when
 // it has none, and detaches the thread afterwards (which a virtual machine refuses for a thread
@@ -11,18 +13,16 @@
 // result; what it threw is described on standard error and does not stay pending.
 //
 // Thread safety: any thread may call; calls are not serialised.
-class CCallback {
+class CCallback : public IHostCallback {
 public:
     // The object's methods are called until the destruction.
     CCallback(JNIEnv* pEnv, jobject jObj);
-    virtual ~CCallback();
-    CCallback(const CCallback&) = delete;
-    CCallback& operator=(const CCallback&) = delete;
+    ~CCallback() override;
 
     // True when the thread had or got an environment.
-    bool LogInfo(const char* pcID, const char* pcText);
-    bool LogError(const char* pcID, const char* pcText);
-    bool LogRaw(const char* pcID, const char* pcText);
+    bool LogInfo(const char* pcID, const char* pcText) override;
+    bool LogError(const char* pcID, const char* pcText) override;
+    bool LogRaw(const char* pcID, const char* pcText) override;
 
     // Never attaches: false on a thread without an environment.
     bool IsInterrupted();
@@ -32,11 +32,12 @@ public:
     int UpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
                                        unsigned long long iSize, bool bAccessTime,
                                        unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                       unsigned long lLastModifiedTimeSec);
-    int RemoveRedirectedFile(const char* pcID, const char* pcPath);
-    int RenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo);
+                                       unsigned long lLastModifiedTimeSec) override;
+    int RemoveRedirectedFile(const char* pcID, const char* pcPath) override;
+    int RenameRedirectedFile(const char* pcID, const char* pcPathFrom,
+                             const char* pcPathTo) override;
     int WriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
-                            int iSeekType, unsigned int iLen);
+                            int iSeekType, unsigned int iLen) override;
 
     // Leaves a java.io.IOException pending in the calling thread.
     void ThrowIOException(const char* pcMessage);

@@ -59,13 +59,15 @@ std::unique_ptr<CUtilities> CNfsMain::CreateUtilities() { return std::make_uniqu
 
 void CNfsMain::SetFileLogger(CFileLogger* pFileLogger) { m_pUtilities->SetFileLogger(pFileLogger); }
 
-bool CNfsMain::SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue) {
+bool CNfsMain::SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue) {
     return m_pUtilities->SetCallback(std::move(pCallback), bQueue);
 }
 
-void CNfsMain::UnsetCallback(const CCallback* pCallback) { m_pUtilities->UnsetCallback(pCallback); }
+void CNfsMain::UnsetCallback(const IHostCallback* pCallback) {
+    m_pUtilities->UnsetCallback(pCallback);
+}
 
-std::shared_ptr<CCallback> CNfsMain::GetCallback() { return m_pUtilities->GetCallback(); }
+std::shared_ptr<IHostCallback> CNfsMain::GetCallback() { return m_pUtilities->GetCallback(); }
 
 void CNfsMain::LogToFile(const char* pcMessage) {
     if (m_pUtilities->GetFileLogger() != nullptr) {

@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 
-class CCallback;
 class CFileLogger;
 class CDatagramSocket;
 class CMountProg;
@@ -19,6 +18,7 @@ class CRpcServer;
 class CRuntimeParam;
 class CServerSocket;
 class CUtilities;
+class IHostCallback;
 
 // Access modes.
 inline constexpr int ACCESS_MODE_INTERNAL = 0;
@@ -128,9 +128,9 @@ public:
     int GetVSphereInfo(bool bPrintDetails);
 
     // As those of CUtilities.
-    bool SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue);
-    void UnsetCallback(const CCallback* pCallback);
-    std::shared_ptr<CCallback> GetCallback();
+    bool SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue);
+    void UnsetCallback(const IHostCallback* pCallback);
+    std::shared_ptr<IHostCallback> GetCallback();
     void SetFileLogger(CFileLogger* pFileLogger);
     CUtilities* GetUtils() { return m_pUtilities.get(); }
     CRuntimeParam* GetRuntimeParam() { return m_pRuntimeParam.get(); }

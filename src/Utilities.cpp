@@ -24,9 +24,9 @@
 #include <string_view>
 #include <type_traits>
 
-#include "Callback.h"
 #include "ExitCleanup.h"
 #include "FileLogger.h"
+#include "HostCallback.h"
 #include "RedirectedFile.h"
 #include "StandardOutput.h"
 #include "VSphereWebController.h"
@@ -2033,7 +2033,7 @@ int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath,
                : -1;
 }
 
-bool CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue) {
+bool CUtilities::SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue) {
     const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
     if (!m_vCallbacks.empty() && !bQueue) {
         return false;
@@ -2042,8 +2042,8 @@ bool CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue) 
     return true;
 }
 
-void CUtilities::UnsetCallback(const CCallback* pCallback) {
-    std::shared_ptr<CCallback>
+void CUtilities::UnsetCallback(const IHostCallback* pCallback) {
+    std::shared_ptr<IHostCallback>
         pUnset;  // its end, which may be the object's, comes after the lock's
     const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
     const auto it = std::find_if(m_vCallbacks.begin(), m_vCallbacks.end(),
@@ -2054,7 +2054,7 @@ void CUtilities::UnsetCallback(const CCallback* pCallback) {
     }
 }
 
-std::shared_ptr<CCallback> CUtilities::GetCallback() {
+std::shared_ptr<IHostCallback> CUtilities::GetCallback() {
     const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
     return m_vCallbacks.empty() ? nullptr : m_vCallbacks.front();
 }

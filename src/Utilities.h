@@ -19,9 +19,9 @@
 #include "FileTable.h"
 #include "RuntimeParam.h"
 
-class CCallback;
 class CFileLogger;
 class CRedirectedFile;
+class IHostCallback;
 
 // Bytes of a path buffer, its NUL included.
 inline constexpr std::size_t PATH_SIZE = 4096;
@@ -406,12 +406,12 @@ public:
 
     // Installs a callback when none is installed; with bQueue it otherwise waits until those before
     // it are unset.  False when it was neither installed nor queued.
-    bool SetCallback(std::shared_ptr<CCallback> pCallback, bool bQueue);
+    bool SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue);
     // Takes the callback back; the next one in the queue takes its place at once.  It lives on
     // until its last user is done.
-    void UnsetCallback(const CCallback* pCallback);
+    void UnsetCallback(const IHostCallback* pCallback);
     // The installed callback, or null.
-    std::shared_ptr<CCallback> GetCallback();
+    std::shared_ptr<IHostCallback> GetCallback();
     // Borrowed; must be unset or outlive this object.
     void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger = pFileLogger; }
     CFileLogger* GetFileLogger() const { return m_pFileLogger; }
@@ -459,8 +459,9 @@ private:
     std::map<std::string, SessionInfo> m_SessionInfos;              // by session ID
     std::map<std::string, VSphereInfo> m_VSphereInfos;              // by MOID
     std::unique_ptr<CFileTable> m_pFileTable;
-    std::vector<std::shared_ptr<CCallback>> m_vCallbacks;  // the first is installed, others wait
-    std::atomic<CFileLogger*> m_pFileLogger{nullptr};      // borrowed
+    std::vector<std::shared_ptr<IHostCallback>>
+        m_vCallbacks;                                  // the first is installed, others wait
+    std::atomic<CFileLogger*> m_pFileLogger{nullptr};  // borrowed
     std::atomic<bool> m_bExportsStopped{false};
 
     std::mutex m_hMutexFileTable;  // guards m_pFileTable
