@@ -106,6 +106,7 @@ protected:
         ASSERT_EQ(0, chmod(this->MakeFile("folder/file").c_str(), 0640));
         this->MakeFolder("empty");
         this->MakeFile("gone");
+        this->MakeFile("rare");  // gets no file ID
         this->Lookup("disk");
         this->nfs->Lookup(this->Lookup("folder"), "file");
         this->Lookup("empty");

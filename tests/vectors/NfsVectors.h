@@ -160,7 +160,17 @@ AccessToARemovedFileIsAnIoError
     reply SUCCESS NFS3ERR_IO
         no_attributes            # obj_attributes
 
-ReadLinkIsAnIoError
+ReadRenameOfWhatWasNeverLookedUpIsAnIoErrorAlthoughItIsDone
+    call NFS3 RENAME host
+        root                     # from: dir
+        00000004 "rare"          # from: name
+        root                     # to: dir
+        00000004 "made"          # to: name
+    reply SUCCESS NFS3ERR_IO
+        no_wcc                   # fromdir_wcc
+        no_wcc                   # todir_wcc
+
+LinkIsAnIoError
     call NFS3 READLINK host
         disk                     # symlink
     reply SUCCESS NFS3ERR_IO
