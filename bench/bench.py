@@ -168,7 +168,7 @@ class Bench:
 
     def pinned(self, core):
         """With --pin servers have one core and the clients another one."""
-        return ["taskset", "-c", str(core)] if self.arguments.pin else []
+        return ["taskset", "-c", str(core % os.cpu_count())] if self.arguments.pin else []
 
     def folder(self, name):
         folder = f"{WORK}/{name}"
@@ -397,7 +397,7 @@ class Bench:
                 continue
             for name, program in programs:
                 folder = self.folder(f"growth-{name}")
-                server = Server(name, program, folder)
+                server = Server(name, program, folder, wrapper=self.pinned(0))
                 # A full run of the slowest of them, ten million requests, takes minutes.
                 lines = self.load(["grow", what, levels, "--rounds", self.rounds, "--seconds", 0.3,
                                    server.subject()], f"growth of {what}", timeout=3600)
@@ -486,6 +486,8 @@ def main():
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--pin", action="store_true")
     arguments = parser.parse_args()
+    # A level must not differ from another by where the scheduler had put the two sides.
+    arguments.pin = arguments.pin or arguments.mode == "growth"
     os.makedirs(WORK, exist_ok=True)
     # The programs may lie below a folder that the servers' own /tmp hides.
     for name in ["tree", "against", "load", "counts"]:

@@ -504,11 +504,11 @@ def curves(path, title, series, x_name, y_name):
     for tick in x_ticks:
         x, _ = place(10 ** tick, 10 ** y_ticks[0])
         svg.line(x, top, x, top + height)
-        svg.text(x, top + height + 16, f"{10 ** tick:,g}", "middle", 10)
+        svg.text(x, top + height + 16, f"{10 ** tick:,.10g}", "middle", 10)
     for tick in y_ticks:
         _, y = place(10 ** x_ticks[0], 10 ** tick)
         svg.line(left, y, left + width, y)
-        svg.text(left - 6, y + 4, f"{10 ** tick:,g}", "end", 10)
+        svg.text(left - 6, y + 4, f"{10 ** tick:,.10g}", "end", 10)
     svg.text(left + width / 2, top + height + 36, x_name, "middle")
     svg.text(left, top - 8, y_name)
     for i, (name, points) in enumerate(series.items()):
