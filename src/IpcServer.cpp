@@ -28,6 +28,7 @@ constexpr std::size_t MAX_REPORTS = 64;  // whose requesters do not take their l
 constexpr std::chrono::milliseconds PATIENCE{
     250};  // of all requests, with the first such requester
 constexpr std::size_t MAX_FORWARDS = 256;
+constexpr std::chrono::milliseconds EXPORT_STEP{50};  // between two looks at what must not wait
 
 // The label of the lines about a message.
 constexpr LogArgu MESSAGE_ARGU{"IpcServer.ReadRequest"};
@@ -44,6 +45,31 @@ private:
     char* m_pc;
     std::size_t m_iSize;
 };
+
+bool IsExport(const IpcDataBuf& request) {
+    const auto header = request.Get<Ipc_Header>();
+    return header.iGroup == IPC_GROUP_REQUEST &&
+           (header.iType == IPC_REQUEST_TYPE_EXPORT_RD_FILE ||
+            header.iType == IPC_REQUEST_TYPE_EXPORT_RD_FILE_INFO);
+}
+
+// Whether the message that has come, if any, is one that a shutdown needs.
+bool IsUrgent(int iSocket) {
+    Ipc_Header header{};
+    if (recv(iSocket, &header, sizeof(header), MSG_PEEK | MSG_DONTWAIT) !=
+            static_cast<ssize_t>(sizeof(header)) ||
+        header.iGroup != IPC_GROUP_REQUEST) {
+        return false;
+    }
+    switch (header.iType) {
+        case IPC_REQUEST_TYPE_GET_VERSION:
+        case IPC_REQUEST_TYPE_GET_DESCRIPTION:
+        case IPC_REQUEST_TYPE_AUTO_SHUTDOWN:
+            return true;
+        default:
+            return false;
+    }
+}
 
 }  // namespace
 
@@ -156,6 +182,10 @@ bool CIpcServer::Close(char* /*pcError*/) {
     RemoveFile();
     m_Waits.Refuse();
     m_pForwarder.reset();
+    {
+        const CUtilities::ExportStop stop(m_pUtilities);
+        m_pExporter.reset();
+    }
     m_pReport.reset();
     m_vReports.clear();
     m_Waits.Allow();
@@ -290,20 +320,23 @@ CIpcServer::ConnectionPtr CIpcServer::WaitForMessage(char* pcError) {
             m_vWaiting.erase(itWaiting);
             return pConnection;
         }
-        if (vPoll[1].revents != 0) {
-            const int iConnection =
-                accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
-            if (iConnection == -1) {
-                Fail(pcError, "Fail to accept ipc request. %s", errno);
-                return nullptr;
-            }
-            auto pOwner = std::make_unique<Connection>(iConnection);
-            m_vWaiting.push_back(std::move(pOwner));
-            if (m_vWaiting.size() > MAX_WAITING) {
-                m_vWaiting.pop_front();
-            }
+        if (vPoll[1].revents != 0 && !Accept(pcError)) {
+            return nullptr;
         }
     }
+}
+
+bool CIpcServer::Accept(char* pcError) {
+    const int iConnection = accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+    if (iConnection == -1) {
+        return Fail(pcError, "Fail to accept ipc request. %s", errno);
+    }
+    auto pOwner = std::make_unique<Connection>(iConnection);
+    m_vWaiting.push_back(std::move(pOwner));
+    if (m_vWaiting.size() > MAX_WAITING) {
+        m_vWaiting.pop_front();
+    }
+    return true;
 }
 
 bool CIpcServer::ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnection,
@@ -320,6 +353,9 @@ bool CIpcServer::ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnec
     data.request.lDataLen = static_cast<std::int32_t>(iRead);
     if (m_pForwarder != nullptr && data.request.Get<Ipc_Header>().iGroup == IPC_GROUP_REQUEST) {
         return Forward(pConnection, pcError);
+    }
+    if (IsExport(data.request) && Export(pConnection)) {
+        return true;
     }
     ParseData(pLogArgu, &data);
     const std::shared_ptr<CIpcReport> pReport = std::move(m_pReport);
@@ -356,6 +392,48 @@ bool CIpcServer::Forward(const ConnectionPtr& pConnection, char* pcError) {
         forward();
     }
     return true;
+}
+
+bool CIpcServer::Export(const ConnectionPtr& pConnection) {
+    if (m_pExporter == nullptr) {
+        m_pExporter = std::make_unique<CIpcWorker>(&m_Waits);
+    }
+    const auto pData = std::make_shared<IpcDataInst>(m_IpcServerInst.data);
+    const bool bOk = m_pExporter->Add([this, pConnection, pData] {
+        LogArgu logArgu = MESSAGE_ARGU;
+        ParseData(&logArgu, pData.get());
+        SendReply(*pConnection, pData->reply);
+    });
+    while (bOk && m_pExporter->GetCount() > 0 && !m_bInterrupted) {
+        m_pExporter->WaitForAll(EXPORT_STEP);
+        ServeUrgent();
+    }
+    return bOk;
+}
+
+void CIpcServer::ServeUrgent() {
+    char cError[STATUS_SIZE] = "";
+    struct pollfd backlog {
+        m_IpcServerInst.iSocket, POLLIN, 0
+    };
+    while (poll(&backlog, 1, 0) > 0 && Accept(cError)) {
+    }
+    for (std::size_t i = 0; i < m_vWaiting.size() && !m_bAutoShutdownRequested;) {
+        const ConnectionPtr pConnection = m_vWaiting[i];
+        if (!IsUrgent(pConnection->Get())) {
+            ++i;
+            continue;
+        }
+        m_vWaiting.erase(m_vWaiting.begin() + static_cast<std::ptrdiff_t>(i));
+        LogArgu logArgu = MESSAGE_ARGU;
+        LogState("[%s] Read ipc request", logArgu);
+        if (!ServeConnection(&logArgu, pConnection, cError) && m_pRuntimeParam->IsLogError()) {
+            LogError("[%s] %s", "IpcServer.SendRequest", cError);
+        }
+    }
+    if (m_bAutoShutdownRequested) {
+        m_pNfsHandle->RequestAutoShutdown();  // its stop ends the export
+    }
 }
 
 bool CIpcServer::SendReply(const LogArgu& logArgu, const Connection& connection,

@@ -20,13 +20,14 @@ class CNfsMain;
 //
 // Order: the next message is that of the oldest connection whose message is there; a connection
 // whose message has not come yet waits aside, so that a silent peer keeps nobody but itself
-// waiting.  Messages are executed one after another, with two exceptions that keep a wait for
-// another process from holding up the rest:
+// waiting.  Messages are executed one after another, with three exceptions that keep a wait
+// from holding up the rest:
 //   - A request whose lines go to its requester is executed in its turn, but lines that the
 //     requester does not take, and then the answer, are delivered on a thread of their own.
 //   - In a controlling process, requests are forwarded one after another by a second thread, so
-//   that
-//     callbacks, which are executed in their own order, never wait for the server process.
+//     that callbacks, which are executed in their own order, never wait for the server process.
+//   - While an export of a redirected file runs, which may take hours, the requests that ask who
+//     the server is and whether it would shut down are executed before their turn.
 //
 // Errors go to pcError (STATUS_SIZE bytes); the forms without it log the error.
 //
@@ -93,10 +94,17 @@ private:
     // Waits until a connection has something to read, and takes it over; null when interrupted, and
     // with a text in pcError when it failed.
     ConnectionPtr WaitForMessage(char* pcError);
+    // Takes the next connection of the backlog; false, with a text in pcError, when that failed.
+    bool Accept(char* pcError);
     bool ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnection, char* pcError);
     // Gives the message to the forwarding thread; false, with a text in pcError, when that has too
     // much to do.
     bool Forward(const ConnectionPtr& pConnection, char* pcError);
+    // Executes an export on a thread of its own and waits for it, while it answers what must not
+    // wait.  False when there is no thread for it.
+    bool Export(const ConnectionPtr& pConnection);
+    // Answers those whose message must not wait for an export.
+    void ServeUrgent();
     bool SendReply(const LogArgu& logArgu, const Connection& connection, const IpcDataBuf& reply,
                    char* pcError);
     // For the other threads: logs the error.
@@ -121,6 +129,7 @@ private:
     std::atomic<bool> m_bFile{false};          // the channel's file may be there
     CIpcWaits m_Waits;                         // of the reports and the forwarding thread
     std::unique_ptr<CIpcWorker> m_pForwarder;  // null in a server process
+    std::unique_ptr<CIpcWorker> m_pExporter;   // null until the first export
     std::shared_ptr<CIpcReport> m_pReport;     // of the request being executed
     std::vector<std::shared_ptr<CIpcReport>> m_vReports;  // whose deliveries are not done
 };

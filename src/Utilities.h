@@ -162,7 +162,21 @@ public:
     // Ends the exports of redirected files, running and new, at their next step, until Reset is
     // done.  Takes no lock: an export holds the registry for its whole run.
     void StopExports() { m_bExportsStopped = true; }
-    bool AreExportsStopped() const { return m_bExportsStopped; }
+    bool AreExportsStopped() const { return m_bExportsStopped || m_iExportStops > 0; }
+    // The same while one lives, for an owner that waits for exports of its own to end.
+    class ExportStop {
+    public:
+        // Borrowed.
+        explicit ExportStop(CUtilities* pUtilities) : m_pUtilities(pUtilities) {
+            ++m_pUtilities->m_iExportStops;
+        }
+        ~ExportStop() { --m_pUtilities->m_iExportStops; }
+        ExportStop(const ExportStop&) = delete;
+        ExportStop& operator=(const ExportStop&) = delete;
+
+    private:
+        CUtilities* m_pUtilities;
+    };
 
     // Forgets everything that belongs to one run of the service: exports, sessions, cached
     // descriptors and redirected files, in this order.
@@ -463,6 +477,7 @@ private:
         m_vCallbacks;                                  // the first is installed, others wait
     std::atomic<CFileLogger*> m_pFileLogger{nullptr};  // borrowed
     std::atomic<bool> m_bExportsStopped{false};
+    std::atomic<int> m_iExportStops{0};  // living ExportStop objects
 
     std::mutex m_hMutexFileTable;  // guards m_pFileTable
     // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.
