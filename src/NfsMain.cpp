@@ -35,6 +35,20 @@ constexpr std::size_t PORTMAP_SOCKETS = 0;
 constexpr std::size_t NFS_SOCKETS = 1;
 constexpr std::size_t MOUNT_SOCKETS = 2;
 
+// While it lives, nothing waits for a controller.
+class WaitsRefused {
+public:
+    explicit WaitsRefused(CUtilities* pUtilities) : m_pUtilities(pUtilities) {
+        m_pUtilities->RefuseWaits();
+    }
+    ~WaitsRefused() { m_pUtilities->AllowWaits(); }
+    WaitsRefused(const WaitsRefused&) = delete;
+    WaitsRefused& operator=(const WaitsRefused&) = delete;
+
+private:
+    CUtilities* m_pUtilities;
+};
+
 }  // namespace
 
 CNfsMain::CNfsMain() = default;
@@ -316,7 +330,7 @@ void CNfsMain::StopServer() {
         // A datastore that stays mounted must not keep the service from stopping.
     }
     m_bServerRunning = false;
-    m_pUtilities->RefuseWaits();
+    const WaitsRefused waits(m_pUtilities.get());
     CloseSockets();
     m_pMountProg.reset();
     m_pPortmapProg.reset();

@@ -155,7 +155,11 @@ public:
         if (pHeldLines == nullptr || pHeldLines->m_pUtilities != pUtilities) {
             return false;
         }
-        pHeldLines->m_vLines.push_back({log, pRuntimeParam, pcMessage});
+        try {
+            pHeldLines->m_vLines.push_back({log, pRuntimeParam, pcMessage});
+        } catch (const std::bad_alloc&) {
+            // Without memory there is no line; the operation goes on.
+        }
         return true;
     }
 
