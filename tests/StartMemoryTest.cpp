@@ -12,6 +12,7 @@
 
 #include "NfsIpcServerMain.h"
 #include "NfsMain.h"
+#include "RuntimeParam.h"
 #include "support/Nfs3Client.h"
 #include "Utilities.h"
 
@@ -109,4 +110,20 @@ TEST(StartMemory, AChannelThatRunsOutOfMemoryFailsWithAReasonAndCanBeOpenedAgain
         EXPECT_LT(failures, kMostAllocations);
         main.StopRemoteController();
     }
+}
+
+TEST(StartMemory, ALineForWhichThereIsNoMemoryIsLostAndItsOperationGoesOn) {
+    CUtilities utilities;
+    CRuntimeParam param("sv", 0);
+    LogArgu argu{"Test.Case"};
+    char reason[STATUS_SIZE] = "";
+    ASSERT_TRUE(
+        utilities.AddMountInfo(&param, &argu, "/none/of/this/is/there", "vm01", "", reason));
+    param.SetLogControl(LOG_CONTROL_GENERAL_INFO);
+    t_iLeft = 0;
+    t_iFail = 1'000'000;
+    const bool found =
+        utilities.GetMountInfoByPath(&param, &argu, "/none/of/this/is/there/x", nullptr);
+    t_iLeft = -1;
+    EXPECT_TRUE(found);
 }
