@@ -1145,6 +1145,7 @@ void CUtilities::CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLo
 
 void CUtilities::CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                           const char* pcPath, bool bBelow) {
+    const HeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     const auto close = [&](auto it) {
         if (it->second.iFile == -1) {

@@ -860,6 +860,10 @@ TEST_F(Lines, OfFileAccessAreDeliveredUnderNoLock) {
     m_Utilities.CloseExceededCachedFileHandle(&m_All, &m_Argu);
     EXPECT_EQ(7, Read(m_sFile));
     m_Utilities.CloseAllCachedFileHandles(&m_All, &m_Argu);
+    EXPECT_EQ(7, Read(m_sFile));
+    m_Utilities.RenameFile(&m_All, &m_Argu, m_sFile.c_str(), (m_Dir / "f2").c_str());
+    EXPECT_EQ(7, Read(m_Dir / "f2"));
+    EXPECT_TRUE(m_Utilities.RemoveFile(&m_All, &m_Argu, (m_Dir / "f2").c_str()));
     EXPECT_FALSE(m_Utilities.TakeLines().empty());
 }
 
