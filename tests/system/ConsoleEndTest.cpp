@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -69,12 +70,13 @@ private:
 // The program with a standard output of one page, which is only read on demand.
 class UnreadRun {
 public:
-    explicit UnreadRun(std::vector<std::string> arguments)
+    enum class Output { Pipe, Terminal };
+
+    explicit UnreadRun(std::vector<std::string> arguments, Output kind = Output::Pipe)
         : m_arguments(CommandLine(std::move(arguments))) {
         int input[2];
         int output[2];
-        if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0 ||
-            fcntl(output[1], F_SETPIPE_SZ, 4096) < 0) {
+        if (pipe2(input, O_CLOEXEC) != 0 || !Open(kind, output)) {
             throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
         }
         m_input = input[1];
@@ -121,6 +123,7 @@ public:
                 char buffer[256];
                 const ssize_t count = read(m_output, buffer, sizeof buffer);
                 m_text.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+                std::erase(m_text, '\r');  // a terminal's line ends
             }
             return m_text.find(text) != std::string::npos;
         });
@@ -143,6 +146,15 @@ public:
     }
 
 private:
+    // The reading and the writing end.
+    static bool Open(Output kind, int (&ends)[2]) {
+        if (kind == Output::Pipe) {
+            return pipe2(ends, O_CLOEXEC) == 0 && fcntl(ends[1], F_SETPIPE_SZ, 4096) >= 0;
+        }
+        return openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr) == 0 &&
+               fcntl(ends[0], F_SETFD, FD_CLOEXEC) == 0 && fcntl(ends[1], F_SETFD, FD_CLOEXEC) == 0;
+    }
+
     std::vector<std::string> m_arguments;
     pid_t m_pid = -1;
     int m_input = -1;
@@ -381,17 +393,19 @@ TEST_F(EndTest, AFullOutputDoesNotHoldUpAStopThatAControllerAsksFor) {
 }
 
 TEST_F(EndTest, ClientsWhoseLinesNobodyReadsDoNotHoldUpTheEnd) {
-    UnreadRun run({"-md", "int", "-log", "1023", "-pidfile", m_pidFile});
-    run.Send("debug\nstart\n");
-    ASSERT_TRUE(run.WaitForOutput("Start NFS success\n" + kPrompt));
-    RpcClient nfs(Transport::Tcp, 2049);
-    for (int i = 0; i < 50; ++i) {
-        nfs.SendCall(100003, 3, 0, {});
+    for (const auto output : {UnreadRun::Output::Pipe, UnreadRun::Output::Terminal}) {
+        UnreadRun run({"-md", "int", "-log", "1023", "-pidfile", m_pidFile}, output);
+        run.Send("debug\nstart\n");
+        ASSERT_TRUE(run.WaitForOutput("Start NFS success\n" + kPrompt));
+        RpcClient nfs(Transport::Tcp, 2049);
+        for (int i = 0; i < 1000; ++i) {  // a terminal takes some ten thousand bytes
+            nfs.SendCall(100003, 3, 0, {});
+        }
+        ASSERT_TRUE(run.WaitUntilFull());
+        run.Signal(SIGTERM);
+        EXPECT_EQ(ExitStatus::Code(0), run.WaitExit());
+        EXPECT_FALSE(FileExists(m_pidFile));
     }
-    ASSERT_TRUE(run.WaitUntilFull());
-    run.Signal(SIGTERM);
-    EXPECT_EQ(ExitStatus::Code(0), run.WaitExit());
-    EXPECT_FALSE(FileExists(m_pidFile));
 }
 
 // ================================================================================================
