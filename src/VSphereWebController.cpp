@@ -75,13 +75,20 @@ void RunCommand(char* pcCommand) {
     char cOption[] = "-c";
     char* pcArguments[] = {cShell, cOption, pcCommand, nullptr};
     pid_t iProcess = -1;
+    // A signal that ends the process comes before the helper or finds it entered.
+    sigset_t old;
+    sigfillset(&signals);
+    pthread_sigmask(SIG_BLOCK, &signals, &old);
     const int iError =
         posix_spawn(&iProcess, _PATH_BSHELL, nullptr, &attributes, pcArguments, environ);
+    if (iError == 0) {
+        CExitCleanup::SetHelper(iProcess);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
     posix_spawnattr_destroy(&attributes);
     if (iError != 0) {
         return;
     }
-    CExitCleanup::SetHelper(iProcess);
     // Its number stays taken until it is forgotten, so that no other process is ever ended for it.
     siginfo_t info;
     while (waitid(P_PID, static_cast<id_t>(iProcess), &info, WEXITED | WNOWAIT) == -1 &&
