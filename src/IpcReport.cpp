@@ -2,9 +2,13 @@
 
 #include "IpcWaits.h"
 
-CIpcReport::CIpcReport(const char* pcID, int iLogControl, CIpcWaits* pWaits,
+CIpcReport::CIpcReport(const CRuntimeParam* pOwner, CIpcWaits* pWaits,
                        std::chrono::milliseconds patience)
-    : CRuntimeParam(pcID, iLogControl), m_Patience(patience), m_pWaits(pWaits), m_Worker(pWaits) {}
+    : CRuntimeParam(pOwner->GetID(), pOwner->GetLogControl()),
+      m_Patience(patience),
+      m_pOwner(pOwner),
+      m_pWaits(pWaits),
+      m_Worker(pWaits) {}
 
 void CIpcReport::Deliver(const CIpcWorker::Task& delivery) {
     m_bUsed = true;

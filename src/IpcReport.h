@@ -16,8 +16,12 @@
 class CIpcReport : public CRuntimeParam {
 public:
     // The exchanges of the deliveries belong to pWaits (borrowed).
-    CIpcReport(const char* pcID, int iLogControl, CIpcWaits* pWaits,
-               std::chrono::milliseconds patience);
+    // pOwner (borrowed) gives its identity and its log control.
+    CIpcReport(const CRuntimeParam* pOwner, CIpcWaits* pWaits, std::chrono::milliseconds patience);
+
+    // Takes over the owner's log control of this moment: a delivery may come long after the
+    // request.
+    void Refresh() { SetLogControl(m_pOwner->GetLogControl()); }
 
     // The lines are dropped from now on: what the requester gets is its answer.
     void Mute() { m_bMute = true; }
@@ -32,6 +36,7 @@ private:
     std::chrono::steady_clock::duration m_Patience;  // what is left of it
     bool m_bUsed = false;
     bool m_bMute = false;
+    const CRuntimeParam* m_pOwner;
     CIpcWaits* m_pWaits;
     CIpcWorker m_Worker;  // last: its tasks use the parameters
 };

@@ -117,6 +117,10 @@ bool CIpcServer::Open(const char* pcChannel, char* pcError) {
         CUtilities::SetStatus(pcError, "Channel already opened");
         return false;
     }
+    if (m_iWake[0] == -1) {
+        return Fail(pcError, "Fail to listen ipc server socket. %s",
+                    EMFILE);  // nothing could end it
+    }
     if (m_pRuntimeParam->IsLogIpcState()) {
         LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     }
@@ -389,7 +393,10 @@ bool CIpcServer::Forward(const ConnectionPtr& pConnection, char* pcError) {
         }
     };
     if (!m_pForwarder->Add(forward)) {
-        forward();
+        // On this thread it would hold up the callbacks that the server may be waiting for.
+        CUtilities::GetLastErrorText(pData->reply.cBuf + offsetof(IpcReply_Message, cMsg), EAGAIN);
+        ReplyText(pData.get(), IPC_REPLY_TYPE_EXPT);
+        return SendReply(MESSAGE_ARGU, *pConnection, pData->reply, pcError);
     }
     return true;
 }
@@ -416,7 +423,8 @@ void CIpcServer::ServeUrgent() {
     struct pollfd backlog {
         m_IpcServerInst.iSocket, POLLIN, 0
     };
-    while (poll(&backlog, 1, 0) > 0 && Accept(cError)) {
+    // Those that do not fit wait in the backlog, as without an export.
+    while (m_vWaiting.size() < MAX_WAITING && poll(&backlog, 1, 0) > 0 && Accept(cError)) {
     }
     for (std::size_t i = 0; i < m_vWaiting.size() && !m_bAutoShutdownRequested;) {
         const ConnectionPtr pConnection = m_vWaiting[i];
@@ -426,6 +434,8 @@ void CIpcServer::ServeUrgent() {
         }
         m_vWaiting.erase(m_vWaiting.begin() + static_cast<std::ptrdiff_t>(i));
         LogArgu logArgu = MESSAGE_ARGU;
+        LogState("[%s] Start", logArgu);
+        LogState("[%s] Accept ipc request", logArgu);
         LogState("[%s] Read ipc request", logArgu);
         if (!ServeConnection(&logArgu, pConnection, cError) && m_pRuntimeParam->IsLogError()) {
             LogError("[%s] %s", "IpcServer.SendRequest", cError);
@@ -532,18 +542,17 @@ void CIpcServer::Execute(IpcDataInst* pData) {
     }
 }
 
-// Own identity, and the requester's channel for the lines.  A controlling process asks without an
-// identity: whoever asked is not this process, on whose console the lines would be nobody's.
+// Own identity, and the requester's channel for the lines.  What a controlling process forwards
+// bears its own identity, so that the server sends the lines to it.
 std::shared_ptr<CRuntimeParam> CIpcServer::MakeListingParam(const std::string& sIpcID,
                                                             bool bLines) {
-    const int iLogControl = m_pRuntimeParam->GetLogControl();
     if (m_pForwarder != nullptr) {
-        return std::make_shared<CRuntimeParam>("", iLogControl);
+        return std::make_shared<CRuntimeParam>(m_pRuntimeParam->GetID(),
+                                               m_pRuntimeParam->GetLogControl());
     }
-    const char* pcID = m_pRuntimeParam->GetID();
     // Every other request has waited for a requester that does not take its lines; once is enough.
     m_pReport = std::make_shared<CIpcReport>(
-        pcID, iLogControl, &m_Waits, m_vReports.empty() ? PATIENCE : std::chrono::milliseconds(0));
+        m_pRuntimeParam, &m_Waits, m_vReports.empty() ? PATIENCE : std::chrono::milliseconds(0));
     m_pReport->SetIpcID(sIpcID.c_str());
     if (bLines && m_vReports.size() >= MAX_REPORTS) {
         m_pReport->Mute();

@@ -68,7 +68,7 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
 bool CNfsIpcServerMain::OpenIpcServerThread(const LogArgu& logArgu, char* pcStatus) {
     char cChannel[IPC_CHANNEL_SIZE];
     GetIpcServerThreadChannel(cChannel);
-    CIpcClient probe(m_pUtilities.get(), m_pRuntimeParam.get());
+    CIpcClient probe(m_pUtilities.get(), m_pRuntimeParam.get(), &m_ProbeWaits);
     CIpcBasic::InitialRequestData(&probe.GetDataInst()->request, IPC_REQUEST_TYPE_GET_VERSION);
     char cIgnored[STATUS_SIZE] = "";
     if (probe.SendRequest(cChannel, cIgnored) && probe.GetMsgReply() != nullptr) {
@@ -89,6 +89,9 @@ bool CNfsIpcServerMain::OpenIpcServerThread(const LogArgu& logArgu, char* pcStat
 
 void CNfsIpcServerMain::StopRemoteController() {
     LogToFile("Stop Remote Controller");
+    // A start that asks an owner of the channel which never answers ends too.
+    m_ProbeWaits.Refuse();
+    m_ProbeWaits.Allow();
     CloseIpcServerThread();
 }
 

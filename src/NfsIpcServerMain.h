@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "IpcWaits.h"
 #include "NfsMain.h"
 
 class CIpcServerThread;
@@ -38,6 +39,7 @@ protected:
 private:
     bool OpenIpcServerThread(const LogArgu& logArgu, char* pcStatus);
 
+    CIpcWaits m_ProbeWaits;  // of the question whether somebody else owns the channel
     std::unique_ptr<CIpcServerThread> m_pIpcServerThread;  // null until the controller starts
 };
 

@@ -146,17 +146,24 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
         CUtilities::SetStatus(pcStatus, "NFS already running");
         return false;
     }
+    const auto failForMemory = [pcStatus] {
+        char cReason[STATUS_SIZE] = "";
+        CUtilities::GetLastErrorText(cReason, ENOMEM);
+        CUtilities::SetStatus(pcStatus, "%s", cReason);
+    };
     bool bStarted = false;
     try {
         bStarted = StartServices(iMountPort, iNfsPort, iUId, iGId, bReadOnly, pcStatus);
     } catch (const std::bad_alloc&) {
-        char cReason[STATUS_SIZE] = "";
-        CUtilities::GetLastErrorText(cReason, ENOMEM);
-        CUtilities::SetStatus(pcStatus, "%s", cReason);
+        failForMemory();
     }
     m_bServerRunning = bStarted;
     if (!bStarted) {
-        StopServer();
+        try {
+            StopServer();
+        } catch (const std::bad_alloc&) {
+            failForMemory();  // what is left over goes with the next stop
+        }
     }
     return bStarted;
 }
@@ -319,7 +326,7 @@ void CNfsMain::StopServer() {
     LogArgu logArgu{"NfsMain.StopServer"};
     const CStandardOutput::ServiceStop stop;
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
-    m_pUtilities->StopExports();
+    const CUtilities::ExportStop exports(m_pUtilities.get());
     if (m_bServerRunning) {
         LogToFile("Stop NFS");
     }
@@ -345,7 +352,6 @@ void CNfsMain::StopServer() {
         m_pRpcServer.reset();
     }
     m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
-    m_pUtilities->AllowWaits();
 }
 
 // =================================================================================================

@@ -351,7 +351,8 @@ std::size_t CRedirectedFile::GetRecordNumber() const {
 }
 
 bool CRedirectedFile::ReadRecord(const Context& context, Segment* pSegment) {
-    if (m_iRecordPos + static_cast<std::int64_t>(SegmentRecord::SIZE) > context.iInfoFileLen) {
+    if (m_iRecordPos + static_cast<std::int64_t>(SegmentRecord::SIZE) > context.iInfoFileLen ||
+        m_pUtilities->AreExportsStopped()) {
         return false;  // also of a file that grows as fast as it is read
     }
     const std::int64_t iAhead = m_iRecordPos - m_Chunk.iPos;
@@ -696,6 +697,9 @@ int CRedirectedFile::WriteTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
     // A pipe takes as much as it has room for.
     unsigned int o = 0;
     while (o < iLen) {
+        if (m_pUtilities->AreExportsStopped()) {
+            return static_cast<int>(o);
+        }
         *pbWait = *pbWait && WaitForRoom(target.iFile);
         const int iWritten = write(o);
         if (iWritten <= 0) {

@@ -85,7 +85,7 @@ public:
     int Read(CRuntimeParam* pRuntimeParam, std::uint64_t iSeek, void* pcBuf, unsigned int iLen,
              bool* pbEof);
     // Writes the content to an existing file.  Both exports end early when the service stops
-    // (CUtilities::StopExports), and wait for the reader of a pipe only while it goes on reading.
+    // (CUtilities::ExportStop), and wait for the reader of a pipe only while it goes on reading.
     void Export(CRuntimeParam* pRuntimeParam, const char* pcPath);
     // Writes the checkpoints and segments as text to an existing file.
     void ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bMergeRange);

@@ -200,7 +200,6 @@ void CUtilities::Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);
     CloseAllRedirectedFiles(pRuntimeParam);
-    m_bExportsStopped = false;  // those that were to end have ended: they held the registry
 }
 
 void CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcDst,
@@ -1512,7 +1511,11 @@ void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
     const auto tell = [&](const char* pcFmt, auto... args) {
         ++m_iVSphereLine;
         lock.unlock();
-        LogInfo(pRuntimeParam, pcFmt, args...);
+        try {
+            LogInfo(pRuntimeParam, pcFmt, args...);
+        } catch (const std::bad_alloc&) {
+            // Without memory there is no line; the datastore is unmounted all the same.
+        }
         lock.lock();
         ++m_iVSphereLine;
     };

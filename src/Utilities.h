@@ -159,11 +159,8 @@ public:
     virtual void RefuseWaits();
     virtual void AllowWaits();
 
-    // Ends the exports of redirected files, running and new, at their next step, until Reset is
-    // done.  Takes no lock: an export holds the registry for its whole run.
-    void StopExports() { m_bExportsStopped = true; }
-    bool AreExportsStopped() const { return m_bExportsStopped || m_iExportStops > 0; }
-    // The same while one lives, for an owner that waits for exports of its own to end.
+    // While one lives, exports of redirected files, running and new, end at their next step.  Takes
+    // no lock: an export holds the registry for its whole run.
     class ExportStop {
     public:
         // Borrowed.
@@ -177,6 +174,7 @@ public:
     private:
         CUtilities* m_pUtilities;
     };
+    bool AreExportsStopped() const { return m_iExportStops > 0; }
 
     // Forgets everything that belongs to one run of the service: exports, sessions, cached
     // descriptors and redirected files, in this order.
@@ -476,8 +474,7 @@ private:
     std::vector<std::shared_ptr<IHostCallback>>
         m_vCallbacks;                                  // the first is installed, others wait
     std::atomic<CFileLogger*> m_pFileLogger{nullptr};  // borrowed
-    std::atomic<bool> m_bExportsStopped{false};
-    std::atomic<int> m_iExportStops{0};  // living ExportStop objects
+    std::atomic<int> m_iExportStops{0};                // living ExportStop objects
 
     std::mutex m_hMutexFileTable;  // guards m_pFileTable
     // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.

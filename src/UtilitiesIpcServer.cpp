@@ -50,6 +50,7 @@ void CUtilitiesIpcServer::SendMessage(CRuntimeParam* pRuntimeParam, const char* 
         SendLine(pRuntimeParam, pcMessage, iType);
     } else if (!pReport->IsMute()) {
         pReport->Deliver([this, pReport, sMessage = std::string(pcMessage), iType] {
+            pReport->Refresh();
             SendLine(pReport, sMessage.c_str(), iType);
         });
     }

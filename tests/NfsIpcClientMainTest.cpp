@@ -481,13 +481,12 @@ TEST_F(NfsIpcClientMainTest, RequestsOnTheCallbackChannelAreForwarded) {
         << "nobody shuts a controller down";
 }
 
-TEST_F(NfsIpcClientMainTest, AListingAskedOfTheCallbackChannelBringsNoLinesToIt) {
+TEST_F(NfsIpcClientMainTest, AListingAskedOfTheCallbackChannelIsForwardedWithTheOwnIdentity) {
     StartController(main);
     SetReply(ReplyInt(4));
     EXPECT_REQUEST(
-        WithText(ipcvectors::kGetSessionInfo, 16, 256, ""),
-        EXPECT_EQ(Hex(ReplyInt(4)), Hex(Exchange(ipcvectors::kGetSessionInfo, "/tmp/nfs-ctl"))))
-        << "whoever asked is not this process";
+        WithText(ipcvectors::kGetSessionInfo, 16, 256, "ctl"),
+        EXPECT_EQ(Hex(ReplyInt(4)), Hex(Exchange(ipcvectors::kGetSessionInfo, "/tmp/nfs-ctl"))));
 }
 
 TEST_F(NfsIpcClientMainTest, ACallbackIsTakenWhileAForwardedRequestWaits) {

@@ -1536,10 +1536,15 @@ public:
     void LogInfo(CRuntimeParam* param, char* message) override {
         ControlledUtilities::LogInfo(param, message);
         if (!stopAt.empty() && std::string(message).find(stopAt) != std::string::npos) {
-            StopExports();
+            Stop();
         }
     }
+    void Stop() { m_stop.emplace(this); }
+    void GoOn() { m_stop.reset(); }
     std::string stopAt;
+
+private:
+    std::optional<ExportStop> m_stop;
 };
 
 class StoppedExportTest : public ExportedRedirectedFileTest {
@@ -1579,20 +1584,16 @@ TEST_F(StoppedExportTest, ARunningExportEndsAtItsNextStep) {
                   bits == 0 ? lines.back() : lines[lines.size() - 2]);
         EXPECT_EQ(0, OpenCount(target)) << "the descriptor is given back";
         m_stopping.stopAt.clear();
-        LogArgu argu{"Test.Stop"};
-        m_stopping.Reset(&param, &argu);
-        SetUp();
+        m_stopping.GoOn();
     }
 }
 
-TEST_F(StoppedExportTest, WhileExportsAreStoppedNoneWritesUntilTheReset) {
+TEST_F(StoppedExportTest, WhileExportsAreStoppedNoneWrites) {
     const std::string target = Make("target");
-    m_stopping.StopExports();
+    m_stopping.Stop();
     Exported(target);
     EXPECT_EQ(0, SizeOf(target));
-    LogArgu argu{"Test.Stop"};
-    m_stopping.Reset(&param, &argu);
-    SetUp();
+    m_stopping.GoOn();
     Exported(target);
     EXPECT_EQ(20 * 65'536, SizeOf(target));
 }
@@ -1612,9 +1613,7 @@ TEST_F(StoppedExportTest, AListingEndsAtItsNextLine) {
         m_stopping.stopAt.clear();
         EXPECT_EQ(0, OpenCount(target)) << "the descriptor is given back";
         EXPECT_TRUE(m_stopping.Has("[RedirectedFile.ExportInfo] Stopped"));
-        LogArgu argu{"Test.Stop"};
-        m_stopping.Reset(&param, &argu);
-        SetUp();
+        m_stopping.GoOn();
         return ReadFile(target);
     };
     EXPECT_EQ("Segment path=a, fox=0, ox=0, len=10\n", listed(false, "OS write file"));

@@ -370,6 +370,43 @@ TEST_F(MuteController, LosesLinesBeforeItCostsWithoutABound) {
     EXPECT_FALSE(asking.back()->HasAnswer(Milliseconds(0)));
 }
 
+// Counts what is refused and not yet allowed again.
+class CountingUtilities : public CUtilities {
+public:
+    void RefuseWaits() override { ++m_refused; }
+    void AllowWaits() override { --m_refused; }
+    int Refused() const { return m_refused; }
+
+private:
+    int m_refused = 0;
+};
+
+class CountingMain : public CNfsMain {
+public:
+    CountingMain() { CNfsMain::InitMemberVaribles("main", 0); }
+    std::unique_ptr<CUtilities> CreateUtilities() override {
+        auto counting = std::make_unique<CountingUtilities>();
+        m_counting = counting.get();
+        return counting;
+    }
+    int Refused() const { return m_counting->Refused(); }
+
+private:
+    CountingUtilities* m_counting = nullptr;
+};
+
+TEST(Stop, AllowsTheWaitsAsOftenAsItRefusesThem) {
+    CountingMain main;
+    char status[STATUS_SIZE] = "";
+    main.StopServer();  // of a service that never ran
+    EXPECT_EQ(0, main.Refused());
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(main.StartServer(0, 0, 0, 0, false, status)) << status;
+        main.StopServer();
+        EXPECT_EQ(0, main.Refused());
+    }
+}
+
 // ------------------------------------------------------------------------------------------------
 // Waits
 // ------------------------------------------------------------------------------------------------
