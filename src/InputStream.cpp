@@ -30,11 +30,6 @@ const unsigned char* CInputStream::GetFilledBuffer(std::uint32_t iOffset,
     return At(m_iIndex + iOffset);
 }
 
-void CInputStream::ResetBuffer() {
-    m_iIndex = 0;
-    m_iSize = 0;
-}
-
 void CInputStream::Require(std::uint32_t n) const {
     const std::uint32_t iUnread = GetFilledBufferSize();
     if (n > iUnread) {

@@ -13,7 +13,7 @@ public:
 
     // Where the next received bytes go, how many fit, and how many came.  A count beyond the
     // room is cut to it.
-    unsigned char* GetFreeBuffer() const { return At(m_iSize); }
+    unsigned char* GetFreeBuffer() { return At(m_iSize); }
     std::uint32_t GetFreeBufferSize() const { return GetMaxBufferSize() - m_iSize; }
     void AddFilledBufferSize(std::uint32_t n);
 
@@ -28,7 +28,6 @@ public:
         return m_iIndex < m_iSize ? m_iSize - m_iIndex : 0;
     }
     const unsigned char* GetCurrentBuffer() const { return At(m_iIndex); }
-    void ResetBuffer();
 
     // Each returns the number of bytes consumed.  Numbers are big-endian on the wire.
     std::uint32_t Read(void* p, std::uint32_t n);

@@ -66,8 +66,3 @@ void COutputStream::FreeBuffer(std::uint32_t n) {
         m_iIndex = 0;
     }
 }
-
-void COutputStream::ResetBuffer() {
-    m_iIndex = 0;
-    m_iSize = 0;
-}

@@ -33,12 +33,11 @@ public:
     std::uint32_t GetBufferSize() const { return m_iSize; }
     std::uint32_t GetBufferIndex() const { return m_iIndex; }
     // For writing in place up to GetFreeBufferSize() bytes.
-    unsigned char* GetCurrentBuffer() const { return At(m_iIndex); }
+    unsigned char* GetCurrentBuffer() { return At(m_iIndex); }
     // Counted from the index, not from the size.
     std::uint32_t GetFreeBufferSize() const {
         return m_iIndex < GetMaxBufferSize() ? GetMaxBufferSize() - m_iIndex : 0;
     }
-    void ResetBuffer();
 };
 
 #endif

@@ -21,12 +21,20 @@ public:
     // Bytes in every stream's buffer; there is no growth.
     static constexpr std::uint32_t GetMaxBufferSize() { return MAX_BUFFER_SIZE; }
 
-    // The four bytes at p read as a big-endian number.  p needs no alignment.
-    static std::uint32_t ReverseByteOrder(const std::uint32_t* p);
+    // The four bytes of *p, as they came from the wire, read as a big-endian number.
+    static std::uint32_t ReverseByteOrder(const std::uint32_t* p) {
+        const auto* pc = reinterpret_cast<const unsigned char*>(p);
+        return static_cast<std::uint32_t>(pc[0]) << 24 | static_cast<std::uint32_t>(pc[1]) << 16 |
+               static_cast<std::uint32_t>(pc[2]) << 8 | static_cast<std::uint32_t>(pc[3]);
+    }
+
+    // Forgets all bytes.
+    void ResetBuffer();
 
 protected:
     // A pointer into the buffer at a position, never past its end.
-    unsigned char* At(std::uint32_t iPosition) const;
+    unsigned char* At(std::uint32_t iPosition);
+    const unsigned char* At(std::uint32_t iPosition) const;
 
     std::unique_ptr<unsigned char[]> m_pcBuffer;  // MAX_BUFFER_SIZE bytes, not zero-filled
     std::uint32_t m_iIndex = 0;                   // next byte to read or to write
