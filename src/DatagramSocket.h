@@ -20,7 +20,7 @@ public:
     void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
 
     // Receives on the wildcard address and iPort for program lProgId.  On failure false, nothing
-    // stays open, and pcStatus (2048 bytes, or null) holds the reason.
+    // stays open, and pcStatus (STATUS_SIZE bytes, or null) holds the reason.
     bool Open(unsigned long lProgId, int iPort, CUtilities* pUtilities, char* pcStatus);
     void Close();
 
@@ -28,11 +28,8 @@ public:
     int GetPort() const { return m_iPort; }
 
 private:
-    bool Fail(const char* pcFmt, char* pcStatus);
-
     int m_iPort = 0;
-    int m_Socket = -1;                   // owned by m_pSocket once that is open
-    std::unique_ptr<CSocket> m_pSocket;  // runs the receive thread
+    std::unique_ptr<CSocket> m_pSocket;  // owns the descriptor, runs the receive thread
     bool m_bClosed = true;
     ISocketListener* m_pListener = nullptr;
 };

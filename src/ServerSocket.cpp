@@ -3,15 +3,15 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
+#include "PortSocket.h"
 #include "Utilities.h"
 
 namespace {
@@ -60,63 +60,49 @@ void SetConnectionOptions(int fd) {
 
 CServerSocket::~CServerSocket() { Close(); }
 
-bool CServerSocket::Fail(const char* pcFmt, char* pcStatus) {
-    const int iError = SocketGetLastError();
-    char cReason[STATUS_SIZE] = "";
-    CUtilities::GetLastErrorText(cReason, iError);
-    CUtilities::SetStatus(pcStatus, pcFmt, cReason);
-    const int fd = m_ServerSocket.exchange(-1);
-    if (fd != -1) {
-        close(fd);
-    }
-    return false;
-}
-
 bool CServerSocket::Open(unsigned long nProgId, int nPort, int nMaxNum, CUtilities* /*pUtilities*/,
                          char* pcStatus) {
     Close();
     m_nPort = nPort;
     m_nMaxNum = nMaxNum;
-    m_ServerSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_ServerSocket == -1) {
-        return Fail("Fail to create server socket. %s", pcStatus);
+    CDescriptor listener = MakeSocket(SOCK_STREAM);
+    if (!listener.IsOpen()) {
+        CUtilities::SetStatus(pcStatus, "Fail to create server socket. %s",
+                              CSocketErrorText().Get());
+        return false;
     }
     // No address reuse: a port that is still in use must be refused.
-    if (nPort < 0 || nPort > UINT16_MAX) {
-        errno = EINVAL;  // cut to 16 bits it would be another port
-        return Fail("Fail to bind server socket. %s", pcStatus);
+    if (!BindToPort(listener, nPort)) {
+        CUtilities::SetStatus(pcStatus, "Fail to bind server socket. %s", CSocketErrorText().Get());
+        return false;
     }
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<std::uint16_t>(nPort));
-    if (bind(m_ServerSocket, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1) {
-        return Fail("Fail to bind server socket. %s", pcStatus);
-    }
-    if (listen(m_ServerSocket, nMaxNum) == -1) {
-        return Fail("Fail to listen server socket. %s", pcStatus);
+    if (listen(listener.Get(), nMaxNum) == -1) {
+        CUtilities::SetStatus(pcStatus, "Fail to listen server socket. %s",
+                              CSocketErrorText().Get());
+        return false;
     }
     for (int i = 0; i < nMaxNum; ++i) {
         m_pSockets.push_back(std::make_unique<CSocket>(SOCKET_TYPE_TCP, nProgId));
     }
+    m_ServerSocket = std::move(listener);
     m_bClosed = false;
-    m_iThreadCreated = pthread_create(&m_hThread, nullptr, &CServerSocket::ThreadMain, this);
-    if (m_iThreadCreated != 0) {
-        m_bClosed = true;
-        m_pSockets.clear();
-        errno = m_iThreadCreated;
-        return Fail("Fail to create server socket. %s", pcStatus);
+    const int iError = m_hThread.Start<&CServerSocket::Run>(this);
+    if (iError != 0) {
+        Close();
+        errno = iError;
+        CUtilities::SetStatus(pcStatus, "Fail to create server socket. %s",
+                              CSocketErrorText().Get());
+        return false;
     }
     return true;
 }
 
 void CServerSocket::Interrupt() {
     m_bClosed = true;
-    if (m_iThreadCreated == 0) {
-        shutdown(m_ServerSocket, SHUT_RDWR);  // wakes the thread in accept
-        pthread_join(m_hThread, nullptr);
+    if (m_hThread.IsStarted()) {
+        shutdown(m_ServerSocket.Get(), SHUT_RDWR);  // wakes the thread in accept
     }
-    m_iThreadCreated = -1;
+    m_hThread.Join();
     for (const auto& pSocket : m_pSockets) {
         pSocket->Interrupt();
     }
@@ -124,16 +110,8 @@ void CServerSocket::Interrupt() {
 
 void CServerSocket::Close() {
     Interrupt();
-    const int fd = m_ServerSocket.exchange(-1);
-    if (fd != -1) {
-        close(fd);
-    }
+    m_ServerSocket.Reset();
     m_pSockets.clear();
-}
-
-void* CServerSocket::ThreadMain(void* pvServerSocket) {
-    static_cast<CServerSocket*>(pvServerSocket)->Run();
-    return nullptr;
 }
 
 int CServerSocket::WaitForSlot() const {
@@ -158,8 +136,8 @@ void CServerSocket::Run() {
     while (!m_bClosed) {
         sockaddr_in addr{};
         socklen_t iAddrLen = sizeof(addr);
-        const int fd =
-            accept4(m_ServerSocket, reinterpret_cast<sockaddr*>(&addr), &iAddrLen, SOCK_CLOEXEC);
+        const int fd = accept4(m_ServerSocket.Get(), reinterpret_cast<sockaddr*>(&addr), &iAddrLen,
+                               SOCK_CLOEXEC);
         if (fd == 0) {
             // The number of standard input counts as a failure.  It stays taken, so that the next
             // connection is given another one; its client is told at once.
@@ -168,15 +146,15 @@ void CServerSocket::Run() {
         if (fd <= 0) {
             continue;
         }
+        CDescriptor connection(fd);
         SetConnectionOptions(fd);
         const int i = WaitForSlot();
         if (m_bClosed) {
-            close(fd);
             break;
         }
         if (!(i < m_nMaxNum)) {
             AssertFailed("i < m_nMaxNum", "Run", "src/ServerSocket.cpp", __LINE__);
         }
-        m_pSockets[static_cast<std::size_t>(i)]->Open(fd, m_pListener, &addr);
+        m_pSockets[static_cast<std::size_t>(i)]->Open(connection.Release(), m_pListener, &addr);
     }
 }

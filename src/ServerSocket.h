@@ -2,17 +2,18 @@
 #ifndef VELOCAST_SERVERSOCKET_H
 #define VELOCAST_SERVERSOCKET_H
 
-#include <pthread.h>
-
 #include <atomic>
 #include <memory>
 #include <vector>
 
+#include "Descriptor.h"
 #include "Socket.h"
+#include "Thread.h"
 
 class CUtilities;
 
-// Thread safety: used by one owner thread; the slots are handed out by the accept thread.
+// Thread safety: used by one owner thread; the slots are handed out by the accept thread.  The
+// descriptor and the pool change only while no accept thread runs.
 class CServerSocket {
 public:
     CServerSocket() = default;
@@ -24,7 +25,7 @@ public:
     void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
 
     // Listens on the wildcard address and nPort for program nProgId with nMaxNum slots.  On failure
-    // false, nothing stays open, and pcStatus (2048 bytes, or null) holds the reason.
+    // false, nothing stays open, and pcStatus (STATUS_SIZE bytes, or null) holds the reason.
     bool Open(unsigned long nProgId, int nPort, int nMaxNum, CUtilities* pUtilities,
               char* pcStatus);
     // Ends the accept thread and wakes every connection's thread, without waiting for those: a
@@ -36,25 +37,22 @@ public:
     // The port given to Open.
     int GetPort() const { return m_nPort; }
     // The listening descriptor, -1 when closed.
-    int GetSocket() const { return m_ServerSocket; }
+    int GetSocket() const { return m_ServerSocket.Get(); }
 
 private:
-    static void* ThreadMain(void* pvServerSocket);
+    // The body of the accept thread.
     void Run();
     // The first slot in array order that is free, or m_nMaxNum when every connection lives.  Waits
     // while one whose peer has closed is about to become free.  For the accept thread.
     int WaitForSlot() const;
-    // Reports the system's last error as the reason and closes the listening descriptor.
-    bool Fail(const char* pcFmt, char* pcStatus);
 
     int m_nPort = 0;
     int m_nMaxNum = 0;
-    std::atomic<int> m_ServerSocket{-1};
+    CDescriptor m_ServerSocket;
     std::atomic<bool> m_bClosed{true};
     ISocketListener* m_pListener = nullptr;
-    pthread_t m_hThread{};
-    int m_iThreadCreated = -1;  // 0: m_hThread is to be joined
-    std::vector<std::unique_ptr<CSocket>> m_pSockets;
+    CThread m_hThread;
+    std::vector<std::unique_ptr<CSocket>> m_pSockets;  // the slots
 };
 
 #endif

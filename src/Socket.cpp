@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -23,13 +22,13 @@ bool CSocket::Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr)
     if (pAddr != nullptr) {
         m_RemoteAddr = *pAddr;
     }
-    m_Socket = fd;
     if (fd == -1) {
         return true;
     }
+    m_Socket.Reset(fd);
+    m_bClosed = false;
     m_bActive = true;
-    const int iError = pthread_create(&m_hThread, nullptr, &CSocket::ThreadMain, this);
-    m_iThreadCreated = iError;
+    const int iError = m_hThread.Start<&CSocket::Run>(this);
     if (iError != 0) {
         // Nobody would ever read this connection: give the slot back.
         m_bActive = false;
@@ -41,46 +40,33 @@ bool CSocket::Open(int fd, ISocketListener* pListener, const sockaddr_in* pAddr)
 }
 
 void CSocket::Interrupt() {
-    const int fd = m_Socket;
-    if (fd != -1) {
-        shutdown(fd, SHUT_RDWR);
+    if (m_Socket.IsOpen()) {
+        // Wakes a thread in recv or recvfrom, also on an unconnected datagram socket (where the
+        // call reports ENOTCONN all the same, on Linux and on FreeBSD).
+        shutdown(m_Socket.Get(), SHUT_RDWR);
     }
 }
 
 void CSocket::Close() {
-    const int fd = m_Socket.exchange(-1);
-    if (fd != -1) {
-        // Wakes a thread in recv or recvfrom, also on an unconnected datagram socket (where the
-        // call reports ENOTCONN all the same, on Linux and on FreeBSD).
-        shutdown(fd, SHUT_RDWR);
-    }
-    if (m_iThreadCreated == 0) {
-        pthread_join(m_hThread, nullptr);
-    }
-    m_iThreadCreated = -1;
-    if (fd != -1) {
-        // Only now: while the thread ran, the number could have been given to another file.
-        close(fd);
-    }
+    m_bClosed = true;
+    Interrupt();
+    m_hThread.Join();
+    // Only now: while the thread ran, the number could have been given to another file.
+    m_Socket.Reset();
 }
 
 bool CSocket::IsPeerClosed() const {
-    pollfd entry{m_Socket, POLLRDHUP, 0};
+    pollfd entry{m_Socket.Get(), POLLRDHUP, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-void* CSocket::ThreadMain(void* pvSocket) {
-    static_cast<CSocket*>(pvSocket)->Run();
-    return nullptr;
-}
-
 void CSocket::Run() {
-    for (int fd = m_Socket; fd != -1; fd = m_Socket) {
+    while (!m_bClosed) {
         m_pInputStream->ConsolidateBuffer(0);
         if (m_pInputStream->GetFreeBufferSize() == 0) {
             break;
         }
-        const ssize_t iReceived = Receive(fd);
+        const ssize_t iReceived = Receive();
         if (iReceived == 0 && m_iType == SOCKET_TYPE_UDP) {
             continue;  // an empty datagram, or the wake-up of Close
         }
@@ -93,7 +79,8 @@ void CSocket::Run() {
     m_bActive = false;
 }
 
-ssize_t CSocket::Receive(int fd) {
+ssize_t CSocket::Receive() {
+    const int fd = m_Socket.Get();
     for (;;) {
         ssize_t iReceived = 0;
         if (m_iType == SOCKET_TYPE_TCP) {
@@ -112,10 +99,10 @@ ssize_t CSocket::Receive(int fd) {
 }
 
 void CSocket::Send() {
-    const int fd = m_Socket;
-    if (fd == -1 || m_pOutputStream->GetBufferSize() == 0) {
+    if (m_bClosed || m_pOutputStream->GetBufferSize() == 0) {
         return;
     }
+    const int fd = m_Socket.Get();
     if (m_iType == SOCKET_TYPE_TCP) {
         const ssize_t iSent =
             send(fd, m_pOutputStream->GetBuffer(), m_pOutputStream->GetBufferSize(), MSG_NOSIGNAL);

@@ -3,14 +3,15 @@
 #define VELOCAST_SOCKET_H
 
 #include <netinet/in.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <memory>
 
+#include "Descriptor.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "SocketListener.h"
+#include "Thread.h"
 
 inline constexpr int SOCKET_TYPE_TCP = 1;
 inline constexpr int SOCKET_TYPE_UDP = 2;
@@ -20,6 +21,7 @@ int SocketGetLastError();
 
 // Thread safety: Open, Interrupt and Close are called by one owner thread; the streams and the
 // remote address belong to the receive thread while it runs; IsActive may be asked by any thread.
+// The descriptor changes only while no receive thread runs, so both sides read it without a lock.
 class CSocket {
 public:
     CSocket(int iType, unsigned long lProgId);
@@ -53,21 +55,21 @@ public:
     unsigned long GetProgId() const { return m_lProgId; }
 
 private:
-    static void* ThreadMain(void* pvSocket);
+    // The body of the receive thread.
     void Run();
     // Bytes received into the input stream; 0 or less ends the loop.
-    ssize_t Receive(int fd);
+    ssize_t Receive();
 
     const int m_iType;
-    std::atomic<int> m_Socket{-1};
+    CDescriptor m_Socket;
+    std::atomic<bool> m_bClosed{true};  // the receive thread is to end and to send no more
     sockaddr_in m_RemoteAddr{};
     char m_cRemoteAddr[INET_ADDRSTRLEN] = {};
     ISocketListener* m_pListener = nullptr;
     const std::unique_ptr<CInputStream> m_pInputStream;
     const std::unique_ptr<COutputStream> m_pOutputStream;
     std::atomic<bool> m_bActive{false};
-    pthread_t m_hThread{};
-    int m_iThreadCreated = -1;  // 0: m_hThread is to be joined
+    CThread m_hThread;
     const unsigned long m_lProgId;
 };
 
