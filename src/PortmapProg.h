@@ -21,7 +21,7 @@ class CPortmapProg : public CRpcProg {
 public:
     explicit CPortmapProg(CUtilities* pUtilities);
 
-    // Stores the port of a program; one outside 100000 to 100009 is ignored.
+    // Stores the port of a program; any but the PROGS served ones is ignored.
     void Set(unsigned long prog, unsigned long port);
 
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override;
@@ -31,7 +31,7 @@ public:
     int ProcedureNOIMP(CRpcCall& call);
 
 private:
-    std::array<std::uint32_t, 10> m_lPortTable{};  // index: program number minus FIRST_PROG
+    std::array<std::uint32_t, PROGS> m_lPortTable{};  // index: program number minus FIRST_PROG
 };
 
 #endif

@@ -36,8 +36,9 @@ class CRpcProg {
 public:
     // GetVersion and GetMaxSupportProc: any version, any procedure is accepted.
     static constexpr std::uint32_t ANY = 0xFFFFFFFF;
-    // Programs have this number or one of the nine after it.
+    // Programs have one of PROGS numbers, from this one on.
     static constexpr std::uint32_t FIRST_PROG = 100000;
+    static constexpr std::uint32_t PROGS = 10;
 
     // pUtilities is borrowed.
     explicit CRpcProg(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
@@ -52,10 +53,10 @@ public:
     // The number of procedures: a call is recognised when its procedure is less, or ANY.
     virtual std::uint32_t GetMaxSupportProc() const;
 
-    // The program result for the exception that is being handled, which is logged as an error: what
-    // ended the input asks for more of it, anything else is garbage.
+    // The program result for the exception that is being handled, which is logged as an error under
+    // a label: what ended the input asks for more of it, anything else is garbage.
     static int GetResultOfException(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam,
-                                    const LogArgu& logArgu);
+                                    const char* pcLabel);
 
 protected:
     // Process of a program that is a table: runs the procedure of the call.  Without a service
@@ -77,7 +78,7 @@ protected:
             call.LogName();
             return (static_cast<Prog*>(this)->*procedure.pRun)(call);
         } catch (...) {
-            return GetResultOfException(m_pUtilities, pParam->pRuntimeParam, {table.pcLabel});
+            return GetResultOfException(m_pUtilities, pParam->pRuntimeParam, table.pcLabel);
         }
     }
 

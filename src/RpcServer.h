@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "Mutex.h"
 #include "RpcProg.h"
 #include "SocketListener.h"
 
@@ -55,7 +55,7 @@ public:
     CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
     ~CRpcServer() override;
 
-    // Registers a program (borrowed) under its number; one outside 100000 to 100009 is ignored.
+    // Registers a program (borrowed) under its number; any but those of a CRpcProg is ignored.
     void Set(int nProg, CRpcProg* pRpcProg);
     void SetLogControl(int iLogControl);
 
@@ -64,26 +64,39 @@ public:
     // Moves the input to the first call header for program lProgId on a socket of type iType and
     // returns true, or consumes nothing and returns false.  REQUIRES: m_hMutex held, or no sockets.
     bool LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId,
-                            int iType, CInputStream* pIn, COutputStream* pOut);
+                            int iType, CInputStream* pIn, COutputStream* pOut) REQUIRES(m_hMutex);
     // Decodes the call at the input's position, runs its program and builds the reply behind what
     // the output still holds.  A PROG_RESULT_ value.  A call whose credential or verifier has not
     // come whole is run without arguments.  REQUIRES: as above.
     int Process(CRuntimeParam* pRuntimeParam, unsigned long lProgId, int iType, CInputStream* pIn,
-                COutputStream* pOut, const char* pcRemoteAddr);
+                COutputStream* pOut, const char* pcRemoteAddr) REQUIRES(m_hMutex);
 
 private:
-    static constexpr unsigned long FIRST_PROG = 100000;
-
     // The registered program of that number, or null.
     CRpcProg* GetProg(unsigned long lProg) const;
-    // Fills the header as far as the input reaches; 0, or the result of a failed decoding.
-    int ReadHeader(CRuntimeParam* pRuntimeParam, const LogArgu& logArgu, int iType,
-                   CInputStream* pIn, RPC_STM_HEADER* pHeader);
 
-    std::array<CRpcProg*, 10> m_pProgTable{};  // index: program number minus 100000
-    std::mutex m_hMutex;                       // held for a whole SocketReceived, sends included
+    // Finds, runs and answers one call of the input.  True when another one may follow at once.
+    bool ServeCall(CSocket* pSocket) REQUIRES(m_hMutex);
+
+    // The parts of Process, in their order.
+    //
+    // Fills the header as far as the input reaches; 0, or the result of a failed decoding.
+    int ReadHeader(CRuntimeParam* pRuntimeParam, bool bStream, CInputStream* pIn,
+                   RPC_STM_HEADER* pHeader) const;
+    void LogHeader(CRuntimeParam* pRuntimeParam, bool bStream, const RPC_STM_HEADER& stmHeader);
+    // Writes the accept status and the results.  iHeaderResult is that of ReadHeader; returns the
+    // result of the call.
+    int RunProgram(CRuntimeParam* pRuntimeParam, const RPC_HEADER& header, int iHeaderResult,
+                   CInputStream* pIn, COutputStream* pOut, const char* pcRemoteAddr)
+        REQUIRES(m_hMutex);
+
+    std::array<CRpcProg*, CRpcProg::PROGS> m_pProgTable{};  // index: number minus FIRST_PROG
+    // Held for a whole SocketReceived: while a program works, while a controller's answer to its
+    // notification is awaited, and while the reply is sent.  Taken before every other lock.
+    CMutex m_hMutex;
     CUtilities* m_pUtilities;
-    std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  // identities guarded by m_hMutex
+    // The identities are guarded by m_hMutex; the log control may change at any time.
+    std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
 };
 
 #endif
