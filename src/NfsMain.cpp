@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -18,22 +19,32 @@
 
 namespace {
 
-constexpr int PORTMAP_PROGRAM = 100000;
-constexpr int NFS_PROGRAM = 100003;
-constexpr int MOUNT_PROGRAM = 100005;
 constexpr long REGISTERED_VERSION = 3;
 
-constexpr int PORTMAP_PORT = 111;
-constexpr int NFS_PORT = 2049;
-constexpr int MOUNT_PORT = 1058;
+// A service of a start.
+struct Service {
+    int iProgram;
+    int iPort;            // the default, which is one higher beside a system portmapper
+    int iSlots;           // simultaneous TCP connections
+    bool bRegistered;     // with a system portmapper
+    const char* pcName;   // in texts
+    const char* pcLabel;  // in front of the error line of a failure
+};
 
-constexpr int PORTMAP_SLOTS = 3;
-constexpr int NFS_SLOTS = 10;
-constexpr int MOUNT_SLOTS = 3;
+// In the order of the sockets: opened, closed, registered and unregistered one after the other.
+constexpr Service SERVICE_TABLE[] = {
+    {CRpcProg::FIRST_PROG, CPortmap::PORT, 3, false, "PortMap", ""},
+    {100003, 2049, 10, true, "NFS", "[NfsMain.StartServer] "},
+    {100005, 1058, 3, true, "Mount", "[NfsMain.StartServer] "},
+};
+constexpr std::size_t PORTMAP_SERVICE = 0;
+constexpr std::size_t NFS_SERVICE = 1;
+constexpr std::size_t MOUNT_SERVICE = 2;
 
-constexpr std::size_t PORTMAP_SOCKETS = 0;
-constexpr std::size_t NFS_SOCKETS = 1;
-constexpr std::size_t MOUNT_SOCKETS = 2;
+// The port of a service: the given one, or the default when that is below 1.
+int GetPort(const Service& service, int iPort, bool bExternalPortmapper) {
+    return iPort < 1 ? service.iPort + (bExternalPortmapper ? 1 : 0) : iPort;
+}
 
 // While it lives, nothing waits for a controller.
 class WaitsRefused {
@@ -141,7 +152,7 @@ void CNfsMain::StopRemoteController() {
 
 bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId,
                            bool bReadOnly, char* pcStatus) {
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
+    const CRecursiveMutexLock lock(m_hMutexServer);
     if (m_bServerRunning) {
         CUtilities::SetStatus(pcStatus, "NFS already running");
         return false;
@@ -173,139 +184,122 @@ bool CNfsMain::StartServices(int iMountPort, int iNfsPort, unsigned int iUId, un
     CUtilities* pUtilities = m_pUtilities.get();
     m_pMountProg = std::make_unique<CMountProg>(pUtilities);
     m_pPortmap = std::make_unique<CPortmap>(pUtilities, m_pRuntimeParam.get());
+    static_assert(std::size(SERVICE_TABLE) == SERVICES);
     const bool bExternal = m_pPortmap->IsRunning();
     if (!bExternal) {
         m_pPortmapProg = std::make_unique<CPortmapProg>(pUtilities);
     }
     m_pNfsProg = std::make_unique<CNfsProg>(pUtilities);
+    CRpcServer* pRpcServer = nullptr;
     {
-        const std::lock_guard<std::mutex> lockRpc(m_hMutexRpcServer);
+        const CMutexLock lockRpc(m_hMutexRpcServer);
         m_pRpcServer = std::make_unique<CRpcServer>(pUtilities, m_pRuntimeParam.get());
+        pRpcServer = m_pRpcServer.get();
     }
     SetLogControl(m_pRuntimeParam->GetLogControl());
 
-    const int iShift = bExternal ? 1 : 0;
-    if (iMountPort < 1) {
-        iMountPort = MOUNT_PORT + iShift;
-    }
-    if (iNfsPort < 1) {
-        iNfsPort = NFS_PORT + iShift;
-    }
+    const Ports ports{SERVICE_TABLE[PORTMAP_SERVICE].iPort,
+                      GetPort(SERVICE_TABLE[NFS_SERVICE], iNfsPort, bExternal),
+                      GetPort(SERVICE_TABLE[MOUNT_SERVICE], iMountPort, bExternal)};
     if (pUtilities->GetFileLogger() != nullptr) {
-        if (bExternal) {
-            pUtilities->LogInfo(m_pRuntimeParam.get(),
-                                "Start NFS with external portmapper: MountPort = %d, NfsPort = %d",
-                                iMountPort, iNfsPort);
-        } else {
-            pUtilities->LogInfo(m_pRuntimeParam.get(),
-                                "Start NFS with internal portmapper: MountPort = %d, NfsPort = %d",
-                                iMountPort, iNfsPort);
-        }
+        pUtilities->LogInfo(
+            m_pRuntimeParam.get(),
+            bExternal ? "Start NFS with external portmapper: MountPort = %d, NfsPort = %d"
+                      : "Start NFS with internal portmapper: MountPort = %d, NfsPort = %d",
+            ports[MOUNT_SERVICE], ports[NFS_SERVICE]);
     }
     if (m_pPortmapProg != nullptr) {
-        m_pPortmapProg->Set(MOUNT_PROGRAM, static_cast<unsigned long>(iMountPort));
-        m_pPortmapProg->Set(NFS_PROGRAM, static_cast<unsigned long>(iNfsPort));
+        for (const std::size_t i : {MOUNT_SERVICE, NFS_SERVICE}) {
+            m_pPortmapProg->Set(static_cast<unsigned long>(SERVICE_TABLE[i].iProgram),
+                                static_cast<unsigned long>(ports[i]));
+        }
     }
     m_pNfsProg->SetUserID(iUId, iGId);
     m_pNfsProg->SetReadOnly(bReadOnly);
-    if (m_pPortmapProg != nullptr) {
-        m_pRpcServer->Set(PORTMAP_PROGRAM, m_pPortmapProg.get());
+    const std::array<CRpcProg*, SERVICES> pProgs{m_pPortmapProg.get(), m_pNfsProg.get(),
+                                                 m_pMountProg.get()};
+    for (std::size_t i = 0; i < SERVICES; ++i) {
+        if (pProgs[i] != nullptr) {
+            pRpcServer->Set(SERVICE_TABLE[i].iProgram, pProgs[i]);
+        }
     }
-    m_pRpcServer->Set(NFS_PROGRAM, m_pNfsProg.get());
-    m_pRpcServer->Set(MOUNT_PROGRAM, m_pMountProg.get());
     for (SocketHandle& handle : m_Sockets) {
         handle.pServerSocket = std::make_unique<CServerSocket>();
-        handle.pServerSocket->SetListener(m_pRpcServer.get());
+        handle.pServerSocket->SetListener(pRpcServer);
         handle.pDatagramSocket = std::make_unique<CDatagramSocket>();
-        handle.pDatagramSocket->SetListener(m_pRpcServer.get());
+        handle.pDatagramSocket->SetListener(pRpcServer);
     }
 
-    return OpenServices(iMountPort, iNfsPort, pcStatus) &&
-           (!bExternal || RegisterServices(pcStatus));
+    return OpenServices(ports, pcStatus) && (!bExternal || RegisterServices(pcStatus));
 }
 
-bool CNfsMain::OpenSockets(std::size_t iIndex, int iProgram, int iPort, int iSlots,
-                           char* pcReason) {
-    const auto lProgram = static_cast<unsigned long>(iProgram);
-    SocketHandle& handle = m_Sockets[iIndex];
-    return handle.pServerSocket->Open(lProgram, iPort, iSlots, m_pUtilities.get(), pcReason) &&
-           handle.pDatagramSocket->Open(lProgram, iPort, m_pUtilities.get(), pcReason);
-}
-
-bool CNfsMain::OpenServices(int iMountPort, int iNfsPort, char* pcStatus) {
-    const LogArgu logArgu{"NfsMain.StartServer"};
+// The texts of its failures, for who looks for one that stands in a log:
+//
+//     "Fail to start PortMap daemon. Reason=%s"
+//     "[%s] Fail to start NFS daemon. Reason=%s"
+//     "[%s] Fail to start Mount daemon. Reason=%s"
+//
+//     "Fail to start PortMap daemon on port %d. Reason=%s"
+//     "Fail to start NFS daemon on port %d. Reason=%s"
+//     "Fail to start Mount daemon on port %d. Reason=%s"
+//
+//     "PortMap daemon failed to open port %d"
+//     "NFS daemon failed to open port %d"
+//     "Mount daemon failed to open port %d"
+bool CNfsMain::OpenServices(const Ports& ports, char* pcStatus) {
     CUtilities* pUtilities = m_pUtilities.get();
     CRuntimeParam* pParam = m_pRuntimeParam.get();
-    const bool bFile = pUtilities->GetFileLogger() != nullptr;
-    char cReason[STATUS_SIZE] = "";
-    if (m_pPortmapProg != nullptr &&
-        !OpenSockets(PORTMAP_SOCKETS, PORTMAP_PROGRAM, PORTMAP_PORT, PORTMAP_SLOTS, cReason)) {
+    for (std::size_t i = 0; i < SERVICES; ++i) {
+        if (i == PORTMAP_SERVICE && m_pPortmapProg == nullptr) {
+            continue;  // the system's serves
+        }
+        const Service& service = SERVICE_TABLE[i];
+        const auto lProgram = static_cast<unsigned long>(service.iProgram);
+        char cReason[STATUS_SIZE] = "";
+        if (m_Sockets[i].pServerSocket->Open(lProgram, ports[i], service.iSlots, pUtilities,
+                                             cReason) &&
+            m_Sockets[i].pDatagramSocket->Open(lProgram, ports[i], pUtilities, cReason)) {
+            continue;
+        }
         if (pParam->IsLogError()) {
-            pUtilities->LogError(pParam, "Fail to start PortMap daemon. Reason=%s", cReason);
+            pUtilities->LogError(pParam, "%sFail to start %s daemon. Reason=%s", service.pcLabel,
+                                 service.pcName, cReason);
         }
-        if (bFile) {
-            pUtilities->LogError(pParam, "Fail to start PortMap daemon on port %d. Reason=%s",
-                                 PORTMAP_PORT, cReason);
+        if (pUtilities->GetFileLogger() != nullptr) {
+            pUtilities->LogError(pParam, "Fail to start %s daemon on port %d. Reason=%s",
+                                 service.pcName, ports[i], cReason);
         }
-        CUtilities::SetStatus(pcStatus, "PortMap daemon failed to open port %d", PORTMAP_PORT);
-        return false;
-    }
-    if (!OpenSockets(NFS_SOCKETS, NFS_PROGRAM, iNfsPort, NFS_SLOTS, cReason)) {
-        if (pParam->IsLogError()) {
-            pUtilities->LogError(pParam, "[%s] Fail to start NFS daemon. Reason=%s", logArgu.pcName,
-                                 cReason);
-        }
-        if (bFile) {
-            pUtilities->LogError(pParam, "Fail to start NFS daemon on port %d. Reason=%s", iNfsPort,
-                                 cReason);
-        }
-        CUtilities::SetStatus(pcStatus, "NFS daemon failed to open port %d", iNfsPort);
-        return false;
-    }
-    if (!OpenSockets(MOUNT_SOCKETS, MOUNT_PROGRAM, iMountPort, MOUNT_SLOTS, cReason)) {
-        if (pParam->IsLogError()) {
-            pUtilities->LogError(pParam, "[%s] Fail to start Mount daemon. Reason=%s",
-                                 logArgu.pcName, cReason);
-        }
-        if (bFile) {
-            pUtilities->LogError(pParam, "Fail to start Mount daemon on port %d. Reason=%s",
-                                 iMountPort, cReason);
-        }
-        CUtilities::SetStatus(pcStatus, "Mount daemon failed to open port %d", iMountPort);
+        CUtilities::SetStatus(pcStatus, "%s daemon failed to open port %d", service.pcName,
+                              ports[i]);
         return false;
     }
     return true;
 }
 
+// The texts of its failures:
+//
+//     "Fail to register NFS daemon to external portmapper. Reason=%s"
+//     "Fail to register Mount daemon to external portmapper. Reason=%s"
 bool CNfsMain::RegisterServices(char* pcStatus) {
-    CUtilities* pUtilities = m_pUtilities.get();
-    CRuntimeParam* pParam = m_pRuntimeParam.get();
-    const bool bFile = pUtilities->GetFileLogger() != nullptr;
-    char cReason[STATUS_SIZE] = "";
     bool bOk = true;
-    if (!m_pPortmap->Register(NFS_PROGRAM, REGISTERED_VERSION,
-                              m_Sockets[NFS_SOCKETS].pServerSocket.get(), cReason)) {
-        if (bFile) {
-            pUtilities->LogError(
-                pParam, "Fail to register NFS daemon to external portmapper. Reason=%s", cReason);
+    for (std::size_t i = 0; i < SERVICES; ++i) {
+        const Service& service = SERVICE_TABLE[i];
+        char cReason[STATUS_SIZE] = "";
+        if (!service.bRegistered ||
+            m_pPortmap->Register(service.iProgram, REGISTERED_VERSION,
+                                 m_Sockets[i].pServerSocket.get(), cReason)) {
+            continue;
         }
-        CUtilities::SetStatus(
-            pcStatus, "Fail to register NFS daemon to external portmapper. Reason=%s", cReason);
-        bOk = false;
-    }
-    // Attempted also after the first failed, so that the log tells of both.
-    if (!m_pPortmap->Register(MOUNT_PROGRAM, REGISTERED_VERSION,
-                              m_Sockets[MOUNT_SOCKETS].pServerSocket.get(), cReason)) {
-        if (bFile) {
-            pUtilities->LogError(
-                pParam, "Fail to register Mount daemon to external portmapper. Reason=%s", cReason);
+        char cText[STATUS_SIZE] = "";
+        CUtilities::SetStatus(cText, "Fail to register %s daemon to external portmapper. Reason=%s",
+                              service.pcName, cReason);
+        if (m_pUtilities->GetFileLogger() != nullptr) {
+            m_pUtilities->LogError(m_pRuntimeParam.get(), "%s", cText);
         }
         if (bOk) {
-            CUtilities::SetStatus(pcStatus,
-                                  "Fail to register Mount daemon to external portmapper. Reason=%s",
-                                  cReason);
+            CUtilities::SetStatus(pcStatus, "%s", cText);
         }
-        bOk = false;
+        bOk = false;  // and on to the next one, so that the log tells of every failure
     }
     return bOk;
 }
@@ -325,7 +319,7 @@ void CNfsMain::CloseSockets() {
 void CNfsMain::StopServer() {
     LogArgu logArgu{"NfsMain.StopServer"};
     const CStandardOutput::ServiceStop stop;
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexServer);
+    const CRecursiveMutexLock lock(m_hMutexServer);
     const CUtilities::ExportStop exports(m_pUtilities.get());
     if (m_bServerRunning) {
         LogToFile("Stop NFS");
@@ -342,13 +336,16 @@ void CNfsMain::StopServer() {
     m_pMountProg.reset();
     m_pPortmapProg.reset();
     if (m_pPortmap != nullptr && m_pPortmap->IsRunning()) {
-        m_pPortmap->Unregister(NFS_PROGRAM, REGISTERED_VERSION, nullptr);
-        m_pPortmap->Unregister(MOUNT_PROGRAM, REGISTERED_VERSION, nullptr);
+        for (const Service& service : SERVICE_TABLE) {
+            if (service.bRegistered) {
+                m_pPortmap->Unregister(service.iProgram, REGISTERED_VERSION, nullptr);
+            }
+        }
     }
     m_pPortmap.reset();
     m_pNfsProg.reset();
     {
-        const std::lock_guard<std::mutex> lockRpc(m_hMutexRpcServer);
+        const CMutexLock lockRpc(m_hMutexRpcServer);
         m_pRpcServer.reset();
     }
     m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
@@ -391,7 +388,7 @@ bool CNfsMain::RequestAutoShutdown() {
 
 void CNfsMain::SetLogControl(int iLogControl) {
     m_pRuntimeParam->SetLogControl(iLogControl);
-    const std::lock_guard<std::mutex> lock(m_hMutexRpcServer);
+    const CMutexLock lock(m_hMutexRpcServer);
     if (m_pRpcServer != nullptr) {
         m_pRpcServer->SetLogControl(iLogControl);
     }

@@ -6,7 +6,9 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
+
+#include "Mutex.h"
+#include "RecursiveMutex.h"
 
 class CFileLogger;
 class CDatagramSocket;
@@ -148,32 +150,40 @@ protected:
     std::unique_ptr<CUtilities> m_pUtilities;
 
 private:
+    // Portmapper, NFS, MOUNT: the rows of the table in the source, in its order.
+    static constexpr std::size_t SERVICES = 3;
+    // A port for each service.
+    using Ports = std::array<int, SERVICES>;
+
     // Everything of a start but what follows its failure; may throw when memory runs out.
     bool StartServices(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId,
-                       bool bReadOnly, char* pcStatus);
-    // Opens the TCP and the UDP socket of a program; the reason goes to pcReason.
-    bool OpenSockets(std::size_t iIndex, int iProgram, int iPort, int iSlots, char* pcReason);
-    bool OpenServices(int iMountPort, int iNfsPort, char* pcStatus);
-    bool RegisterServices(char* pcStatus);
+                       bool bReadOnly, char* pcStatus) REQUIRES(m_hMutexServer);
+    // Opens the TCP and the UDP socket of every service.
+    bool OpenServices(const Ports& ports, char* pcStatus) REQUIRES(m_hMutexServer);
+    // Makes the services known to the system's portmapper.
+    bool RegisterServices(char* pcStatus) REQUIRES(m_hMutexServer);
     // Closes and deletes the sockets, TCP before UDP, portmapper before NFS before MOUNT.
-    void CloseSockets();
+    void CloseSockets() REQUIRES(m_hMutexServer);
 
-    std::unique_ptr<CMountProg> m_pMountProg;
-    std::array<SocketHandle, 3> m_Sockets;  // portmapper, NFS, MOUNT
-    std::unique_ptr<CRpcServer> m_pRpcServer;
-    std::unique_ptr<CPortmapProg> m_pPortmapProg;  // only without a system portmapper
-    std::unique_ptr<CPortmap> m_pPortmap;
-    std::unique_ptr<CNfsProg> m_pNfsProg;
+    // Serialises starting and stopping.  Recursive: a failed start stops.
+    CRecursiveMutex m_hMutexServer ACQUIRED_BEFORE(m_hMutexRpcServer);
+    // Guards the pointer m_pRpcServer alone, for a change of the log control.
+    CMutex m_hMutexRpcServer;
+
+    std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexServer);
+    std::array<SocketHandle, SERVICES> m_Sockets GUARDED_BY(m_hMutexServer);
+    std::unique_ptr<CRpcServer> m_pRpcServer GUARDED_BY(m_hMutexRpcServer);
+    // Only without a system portmapper.
+    std::unique_ptr<CPortmapProg> m_pPortmapProg GUARDED_BY(m_hMutexServer);
+    std::unique_ptr<CPortmap> m_pPortmap GUARDED_BY(m_hMutexServer);
+    std::unique_ptr<CNfsProg> m_pNfsProg GUARDED_BY(m_hMutexServer);
+    // Kept by InitialNetwork and TerminateNetwork, for a system on which sockets need a set-up that
+    // must be taken back; POSIX systems have none, so nothing reads it.
     bool m_bNetworkInitialized = false;
     std::atomic<bool> m_bServerRunning{false};
     std::atomic<bool> m_bAutoShutdownEnabled{false};
     std::atomic<bool> m_bAutoShutdownRequested{false};
     std::atomic<bool> m_bDebugActionEnabled{false};
-
-    // Serialises starting and stopping.  Recursive: a failed start stops.  Taken before
-    // m_hMutexRpcServer, which guards the pointer m_pRpcServer alone.
-    std::recursive_mutex m_hMutexServer;
-    std::mutex m_hMutexRpcServer;
 };
 
 #endif

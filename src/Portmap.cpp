@@ -6,15 +6,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
+#include "Descriptor.h"
+#include "PortSocket.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
-#include "Utilities.h"
 
 namespace {
 
-constexpr unsigned long PORTMAP_PORT = 111;
 constexpr int SOCKET_NONE = -1;
 constexpr int SOCKET_NOT_BOUND = -2;
 
@@ -24,13 +26,13 @@ class Transport {
 public:
     template <typename Create>
     Transport(int socket, Create create) {
-        const int iCopy = dup(socket);
-        if (iCopy == -1) {
+        CDescriptor copy(dup(socket));
+        if (!copy.IsOpen()) {
             return;
         }
-        m_pTransport = create(iCopy);
-        if (m_pTransport == nullptr) {
-            close(iCopy);
+        m_pTransport = create(copy.Get());
+        if (m_pTransport != nullptr) {
+            static_cast<void>(copy.Release());  // the transport's from now on
         }
     }
     ~Transport() {
@@ -50,47 +52,49 @@ private:
 }  // namespace
 
 CPortmap::CPortmap(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
-    : bIsRunning(false), m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {
+    : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {
     bIsRunning = IsRunning(true);
 }
 
-bool CPortmap::IsRunning(bool bProbe) {
+bool CPortmap::IsRunning(bool bProbe) const {
     if (!bProbe) {
         return bIsRunning;
     }
-    const int fd = CreateSocket(PORTMAP_PORT, nullptr);
+    const int fd = CreateSocket(PORT, nullptr);
     if (fd == SOCKET_NOT_BOUND) {
-        if (m_pRuntimeParam->IsLogPortmap()) {
-            m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Port %ld is already in used",
-                                  "Portmap.IsRunning", static_cast<long>(PORTMAP_PORT));
-        }
+        Trace("[%s] Port %ld is already in used", "Portmap.IsRunning", static_cast<long>(PORT));
         return true;
     }
-    if (fd != SOCKET_NONE) {
-        close(fd);
-    }
+    const CDescriptor probe(fd);  // or none
     return false;
 }
 
-int CPortmap::CreateSocket(unsigned long port, char* pcErrorText) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd == -1) {
+void CPortmap::Trace(const char* pcFmt, ...) const {
+    if (!m_pRuntimeParam->IsLogPortmap()) {
+        return;
+    }
+    char cLine[STATUS_SIZE] = "";
+    std::va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(cLine, sizeof(cLine), pcFmt, vaArgs);
+    va_end(vaArgs);
+    m_pUtilities->LogInfo(m_pRuntimeParam, "%s", cLine);
+}
+
+int CPortmap::CreateSocket(unsigned long port, char* pcErrorText) const {
+    CDescriptor made = MakeSocket(SOCK_STREAM);
+    if (!made.IsOpen()) {
         CUtilities::SetStatus(pcErrorText, "Error opening socket for port %lu", port);
         return SOCKET_NONE;
     }
     // Left-over connections of an earlier portmapper must not look like a running one.
     const int iOn = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1) {
+    setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
+    if (!BindToPort(made, static_cast<std::uint16_t>(port))) {
         CUtilities::SetStatus(pcErrorText, "Error binding socket with port %lu", port);
-        close(fd);
         return SOCKET_NOT_BOUND;
     }
-    return fd;
+    return made.Release();
 }
 
 bool CPortmap::Register(long prog, long vers, CServerSocket* pServerSocket, char* pcErrorText) {
@@ -105,67 +109,59 @@ bool CPortmap::Register(long prog, long vers, int socket, unsigned long port, ch
     }
     pmap_unset(static_cast<rpcprog_t>(prog), static_cast<rpcvers_t>(vers));
     char cReason[STATUS_SIZE] = "";
-    int iOwnSocket = SOCKET_NONE;
+    CDescriptor ownSocket;
     if (socket == 0) {
-        iOwnSocket = CreateSocket(port, cReason);
-        if (iOwnSocket < 0) {
+        socket = CreateSocket(port, cReason);
+        if (socket < 0) {
             CUtilities::SetStatus(pcErrorText,
                                   "Fail to opening register socket for port %lu. Reason=%s", port,
                                   cReason);
             return false;
         }
-        socket = iOwnSocket;
+        ownSocket.Reset(socket);
     }
     const bool bOk = RegisterSvc(prog, vers, socket, cReason);
     if (!bOk) {
         CUtilities::SetStatus(pcErrorText, "Fail to register socket for port %lu. Reason=%s", port,
                               cReason);
     }
-    if (iOwnSocket >= 0) {
-        close(iOwnSocket);
-    }
     return bOk;
 }
 
 bool CPortmap::RegisterSvc(long prog, long vers, int socket, char* pcErrorText) {
-    const LogArgu logArgu{"Portmap.RegisterSvc"};
-    const auto log = [&](const char* pcFmt) {
-        if (m_pRuntimeParam->IsLogPortmap()) {
-            m_pUtilities->LogInfo(m_pRuntimeParam, pcFmt, logArgu.pcName, prog, vers);
-        }
-    };
+    constexpr const char* LABEL = "Portmap.RegisterSvc";
     const auto registerSvc = [&](const Transport& transport, int iProtocol) {
         return svc_register(transport.Get(), static_cast<rpcprog_t>(prog),
                             static_cast<rpcvers_t>(vers), &CPortmap::Dispatch, iProtocol) != 0;
     };
 
-    log("[%s] Creating UDP for %ld ver=%ld");
+    Trace("[%s] Creating UDP for %ld ver=%ld", LABEL, prog, vers);
     {
         const Transport udp(socket, [](int fd) { return svcudp_create(fd); });
         if (udp.Get() == nullptr) {
             CUtilities::SetStatus(pcErrorText, "Cannot create UDP for %ld ver=%ld", prog, vers);
             return false;
         }
-        log("[%s] Registering UDP for %ld ver=%ld");
+        Trace("[%s] Registering UDP for %ld ver=%ld", LABEL, prog, vers);
         if (!registerSvc(udp, IPPROTO_UDP)) {
             CUtilities::SetStatus(pcErrorText, "Unable to register UDP for %ld ver=%ld", prog,
                                   vers);
             return false;
         }
-        log("[%s] Registered UDP for %ld ver=%ld");
+        Trace("[%s] Registered UDP for %ld ver=%ld", LABEL, prog, vers);
     }
-    log("[%s] Creating TCP for %ld ver=%ld");
+    Trace("[%s] Creating TCP for %ld ver=%ld", LABEL, prog, vers);
     const Transport tcp(socket, [](int fd) { return svctcp_create(fd, 0, 0); });
     if (tcp.Get() == nullptr) {
         CUtilities::SetStatus(pcErrorText, "Cannot create TCP for %ld ver=%ld", prog, vers);
         return false;
     }
-    log("[%s] Registering TCP for %ld ver=%ld");
+    Trace("[%s] Registering TCP for %ld ver=%ld", LABEL, prog, vers);
     if (!registerSvc(tcp, IPPROTO_TCP)) {
         CUtilities::SetStatus(pcErrorText, "Unable to register TCP for %ld ver=%ld", prog, vers);
         return false;
     }
-    log("[%s] Registered TCP for %ld ver=%ld");
+    Trace("[%s] Registered TCP for %ld ver=%ld", LABEL, prog, vers);
     return true;
 }
 
@@ -176,10 +172,7 @@ void CPortmap::Unregister(long prog, long vers, char* pcErrorText) {
     }
     svc_unregister(static_cast<rpcprog_t>(prog), static_cast<rpcvers_t>(vers));
     pmap_unset(static_cast<rpcprog_t>(prog), static_cast<rpcvers_t>(vers));
-    if (m_pRuntimeParam->IsLogPortmap()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Unregistered the program %ld ver=%ld",
-                              "Portmap.Unregister", prog, vers);
-    }
+    Trace("[%s] Unregistered the program %ld ver=%ld", "Portmap.Unregister", prog, vers);
 }
 
 void CPortmap::Dispatch(svc_req* /*pRequest*/, SVCXPRT* /*pTransport*/) {}
