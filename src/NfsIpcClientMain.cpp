@@ -17,16 +17,16 @@ constexpr const char* VERSION_1_1 = "1.1";  // lacks the requests from 25 on
 template <typename Request>
 class CNfsIpcClientMain::Exchange {
 public:
-    Exchange(CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam, int iType)
-        : m_Client(pMain->GetUtils(), pRuntimeParam),
+    Exchange(const CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam, int iType)
+        : m_Client(pMain->m_pUtilities.get(), pRuntimeParam),
           m_pcChannel(pMain->m_cIpcChannel),
           m_pRuntimeParam(pRuntimeParam) {
         IpcDataBuf& request = m_Client.GetDataInst()->request;
         CIpcBasic::InitialRequestData(&request, iType);
         m_Request = request.Get<Request>();
     }
-    Exchange(CNfsIpcClientMain* pMain, int iType)
-        : Exchange(pMain, pMain->GetRuntimeParam(), iType) {}
+    Exchange(const CNfsIpcClientMain* pMain, int iType)
+        : Exchange(pMain, pMain->m_pRuntimeParam.get(), iType) {}
 
     Request& Get() { return m_Request; }
 
@@ -101,7 +101,7 @@ void CNfsIpcClientMain::GetIpcServerThreadChannel(char* pcChannel) {
     MakeIpcChannel(m_pRuntimeParam->GetID(), pcChannel);
 }
 
-int CNfsIpcClientMain::GetAccessMode() { return ACCESS_MODE_IPC_CLIENT; }
+int CNfsIpcClientMain::GetAccessMode() const { return ACCESS_MODE_IPC_CLIENT; }
 
 // =================================================================================================
 // The service
@@ -125,32 +125,32 @@ void CNfsIpcClientMain::StopServer() {
     }
 }
 
-void CNfsIpcClientMain::GetText(int iType, char* pcText) {
+void CNfsIpcClientMain::GetText(int iType, char* pcText) const {
     Exchange<Ipc_Header> exchange(this, iType);
     const char* pcReply = exchange.Send() ? exchange.Client()->GetMsgReply() : nullptr;
     std::snprintf(pcText, VERSION_SIZE, "%s", pcReply != nullptr ? pcReply : VERSION_UNKNOWN);
 }
 
-void CNfsIpcClientMain::GetVersion(char* pcVersion) {
+void CNfsIpcClientMain::GetVersion(char* pcVersion) const {
     GetText(IPC_REQUEST_TYPE_GET_VERSION, pcVersion);
 }
 
-void CNfsIpcClientMain::GetDescription(char* pcDescription) {
+void CNfsIpcClientMain::GetDescription(char* pcDescription) const {
     GetText(IPC_REQUEST_TYPE_GET_DESCRIPTION, pcDescription);
 }
 
-bool CNfsIpcClientMain::IsServerRunning() {
+bool CNfsIpcClientMain::IsServerRunning() const {
     Exchange<Ipc_Header> exchange(this, IPC_REQUEST_TYPE_IS_SERVER_RUNNING);
     return exchange.Send() && exchange.Client()->GetBoolReply();
 }
 
-std::string CNfsIpcClientMain::GetServerVersion() {
+std::string CNfsIpcClientMain::GetServerVersion() const {
     char cVersion[VERSION_SIZE] = "Unknown";
     GetVersion(cVersion);
     return cVersion;
 }
 
-int CNfsIpcClientMain::GetServerStatus() {
+int CNfsIpcClientMain::GetServerStatus() const {
     const std::string sVersion = GetServerVersion();
     if (sVersion == VERSION_UNKNOWN) {
         return 0;

@@ -28,11 +28,11 @@ public:
                      bool bReadOnly, char* pcStatus) override;
     // Never stops the server process's service.
     void StopServer() override;
-    int GetAccessMode() override;
+    int GetAccessMode() const override;
     // "Unknown" when no server answers.
-    void GetVersion(char* pcVersion) override;
-    void GetDescription(char* pcDescription) override;
-    bool IsServerRunning() override;
+    void GetVersion(char* pcVersion) const override;
+    void GetDescription(char* pcDescription) const override;
+    bool IsServerRunning() const override;
     bool AddMountPoint(const char* pcPath, const char* pcExportName, char* pcStatus) override;
     void RemoveMountPoint(const char* pcPath) override;
     void AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) override;
@@ -59,7 +59,7 @@ public:
     void EnableAutoShutdown(bool bEnable) override;
     bool RequestAutoShutdown() override;
     // 0 when no server answers.
-    int GetServerStatus() override;
+    int GetServerStatus() const override;
     bool SetDebugActionEnabled(bool bEnable) override;
     int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) override;
     void AddVSphereInfo(const char* pcMoid, const char* pcHost, const char* pcPort,
@@ -77,11 +77,11 @@ private:
     template <typename Request>
     class Exchange;
 
-    void GetText(int iType, char* pcText);
+    void GetText(int iType, char* pcText) const;
     // Sends the request of a one-path operation.
     template <typename Request, std::size_t N>
     void SendText(int iType, char (Request::*pcField)[N], const char* pcText);
-    std::string GetServerVersion();
+    std::string GetServerVersion() const;
 
     char m_cIpcChannel[IPC_CHANNEL_SIZE] = {};  // where requests go
 };

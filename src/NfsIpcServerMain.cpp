@@ -27,9 +27,9 @@ std::unique_ptr<CUtilities> CNfsIpcServerMain::CreateUtilities() {
     return std::make_unique<CUtilitiesIpcServer>();
 }
 
-int CNfsIpcServerMain::GetAccessMode() { return ACCESS_MODE_IPC_SERVER; }
+int CNfsIpcServerMain::GetAccessMode() const { return ACCESS_MODE_IPC_SERVER; }
 
-void CNfsIpcServerMain::GetDescription(char* pcDescription) {
+void CNfsIpcServerMain::GetDescription(char* pcDescription) const {
     std::snprintf(pcDescription, VERSION_SIZE, "External NFS Server");
 }
 

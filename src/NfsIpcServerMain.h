@@ -21,8 +21,8 @@ public:
     // further calls do nothing and succeed.
     bool StartRemoteController(char* pcStatus) override;
     void StopRemoteController() override;
-    int GetAccessMode() override;
-    void GetDescription(char* pcDescription) override;
+    int GetAccessMode() const override;
+    void GetDescription(char* pcDescription) const override;
     void InitMemberVaribles(const char* pcID, int iLogControl) override;
     std::unique_ptr<CUtilities> CreateUtilities() override;
 

@@ -355,17 +355,17 @@ void CNfsMain::StopServer() {
 // What the server is
 // =================================================================================================
 
-int CNfsMain::GetAccessMode() { return ACCESS_MODE_INTERNAL; }
+int CNfsMain::GetAccessMode() const { return ACCESS_MODE_INTERNAL; }
 
-void CNfsMain::GetVersion(char* pcVersion) { std::snprintf(pcVersion, VERSION_SIZE, "1.2"); }
+void CNfsMain::GetVersion(char* pcVersion) const { std::snprintf(pcVersion, VERSION_SIZE, "1.2"); }
 
-void CNfsMain::GetDescription(char* pcDescription) {
+void CNfsMain::GetDescription(char* pcDescription) const {
     std::snprintf(pcDescription, VERSION_SIZE, "Internal NFS Server");
 }
 
-bool CNfsMain::IsServerRunning() { return m_bServerRunning; }
+bool CNfsMain::IsServerRunning() const { return m_bServerRunning; }
 
-int CNfsMain::GetServerStatus() {
+int CNfsMain::GetServerStatus() const {
     return SERVER_STATUS_ACCESSIBLE | (m_bServerRunning ? SERVER_STATUS_RUNNING : 0) |
            (m_bDebugActionEnabled ? SERVER_STATUS_DEBUG_ACTION : 0);
 }

@@ -67,10 +67,10 @@ public:
                              bool bReadOnly, char* pcStatus);
     virtual void StopServer();
 
-    virtual int GetAccessMode();
-    virtual void GetVersion(char* pcVersion);
-    virtual void GetDescription(char* pcDescription);
-    virtual bool IsServerRunning();
+    virtual int GetAccessMode() const;
+    virtual void GetVersion(char* pcVersion) const;
+    virtual void GetDescription(char* pcDescription) const;
+    virtual bool IsServerRunning() const;
 
     virtual bool AddMountPoint(const char* pcPath, const char* pcExportName, char* pcStatus);
     virtual void RemoveMountPoint(const char* pcPath);
@@ -105,7 +105,7 @@ public:
     virtual void EnableAutoShutdown(bool bEnable);
     // True when the request is honoured: the front end then ends the process.
     virtual bool RequestAutoShutdown();
-    virtual int GetServerStatus();
+    virtual int GetServerStatus() const;
     virtual bool SetDebugActionEnabled(bool bEnable);
 
     virtual int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);

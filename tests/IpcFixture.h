@@ -373,15 +373,15 @@ public:
         Record("StartServer", mountPort, nfsPort, uid, gid, readOnly);
         return Result(pcStatus);
     }
-    void GetVersion(char* text) override {
+    void GetVersion(char* text) const override {
         Record("GetVersion");
         std::snprintf(text, VERSION_SIZE, "1.2");
     }
-    void GetDescription(char* text) override {
+    void GetDescription(char* text) const override {
         Record("GetDescription");
         std::snprintf(text, VERSION_SIZE, "words");
     }
-    bool IsServerRunning() override {
+    bool IsServerRunning() const override {
         Record("IsServerRunning");
         return boolResult;
     }
@@ -433,7 +433,7 @@ public:
         Record("RequestAutoShutdown");
         return CNfsMain::RequestAutoShutdown();
     }
-    int GetServerStatus() override {
+    int GetServerStatus() const override {
         Record("GetServerStatus");
         return intResult;
     }
@@ -458,7 +458,7 @@ private:
                std::to_string(param->GetLogControl());
     }
     template <typename... Args>
-    void Record(const char* name, const Args&... args) {
+    void Record(const char* name, const Args&... args) const {
         std::ostringstream call;
         call << std::boolalpha << name;
         ((call << '|' << args), ...);
@@ -481,7 +481,7 @@ private:
     }
 
     mutable std::mutex m_mutex;
-    Texts m_calls;                 // guarded by m_mutex
+    mutable Texts m_calls;         // guarded by m_mutex
     std::string m_status;          // guarded by m_mutex
     std::function<void()> m_hook;  // guarded by m_mutex
 };
