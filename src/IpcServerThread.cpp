@@ -14,9 +14,9 @@ bool CIpcServerThread::Open(const char* pcChannel, CNfsMain* pNfsHandle, char* p
         return false;
     }
     m_bActive = true;
-    m_iThreadCreated = pthread_create(&m_hThread, nullptr, &CIpcServerThread::ThreadMain, this);
-    if (m_iThreadCreated != 0) {
-        CUtilities::GetLastErrorText(pcError, m_iThreadCreated);
+    const int iError = m_Thread.Start<&CIpcServerThread::Run>(this);
+    if (iError != 0) {
+        CUtilities::GetLastErrorText(pcError, iError);
         Close();
         return false;
     }
@@ -28,17 +28,9 @@ void CIpcServerThread::Close() {
         return;
     }
     m_pServer->Interrupt();
-    if (m_iThreadCreated == 0) {
-        pthread_join(m_hThread, nullptr);
-    }
-    m_iThreadCreated = -1;
+    m_Thread.Join();
     m_bActive = false;
     m_pServer.reset();  // closes the channel, which nobody waits on any more
-}
-
-void* CIpcServerThread::ThreadMain(void* pvThread) {
-    static_cast<CIpcServerThread*>(pvThread)->Run();
-    return nullptr;
 }
 
 void CIpcServerThread::Run() {

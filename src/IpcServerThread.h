@@ -2,10 +2,10 @@
 #ifndef VELOCAST_IPCSERVERTHREAD_H
 #define VELOCAST_IPCSERVERTHREAD_H
 
-#include <pthread.h>
-
 #include <atomic>
 #include <memory>
+
+#include "Thread.h"
 
 class CIpcServer;
 class CNfsMain;
@@ -27,12 +27,9 @@ public:
     void Run();
 
 private:
-    static void* ThreadMain(void* pvThread);
-
-    std::unique_ptr<CIpcServer> m_pServer;
+    std::unique_ptr<CIpcServer> m_pServer;  // null: no channel
     std::atomic<bool> m_bActive{false};
-    pthread_t m_hThread{};
-    int m_iThreadCreated = -1;  // 0: m_hThread is to be joined
+    CThread m_Thread;
 };
 
 #endif

@@ -1,15 +1,14 @@
-// A thread that does what may have to wait for another process.
+// A queue of tasks with a thread of its own, for what may have to wait for another process.
 #ifndef VELOCAST_IPCWORKER_H
 #define VELOCAST_IPCWORKER_H
 
-#include <pthread.h>
-
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
+
+#include "Mutex.h"
+#include "Thread.h"
 
 class CIpcWaits;
 
@@ -36,16 +35,14 @@ public:
     void WaitForAll(std::chrono::steady_clock::duration timeout);
 
 private:
-    static void* ThreadMain(void* pvWorker);
     void Run();
 
     CIpcWaits* m_pWaits;
-    mutable std::mutex m_hMutex;  // a leaf
-    std::condition_variable m_hChanged;
-    std::deque<Task> m_vTasks;  // guarded by m_hMutex; the first is under way
-    bool m_bEnd = false;        // guarded by m_hMutex
-    bool m_bThread = false;     // m_hThread is to be joined
-    pthread_t m_hThread{};
+    mutable CMutex m_hMutex;                         // a leaf
+    CCondition m_hChanged;                           // of m_vTasks and m_bEnd
+    std::deque<Task> m_vTasks GUARDED_BY(m_hMutex);  // the first is under way
+    bool m_bEnd GUARDED_BY(m_hMutex) = false;
+    CThread m_Thread;  // started with the first task
 };
 
 #endif
