@@ -24,6 +24,7 @@
 #include "RuntimeParam.h"
 #include "StandardOutput.h"
 #include "Utilities.h"
+#include "Version.h"
 
 namespace {
 
@@ -535,7 +536,7 @@ int CConsoleUtilities::RunMain(CNfsMain* pNfsMain, CFileLogger* pFileLogger, con
     pNfsMain->GetVersion(cVersion);
     pNfsMain->GetDescription(cDescription);
     Print("%s\n", DASHED_LINE);
-    Print("%s %s\n", "Execute Version:", "1.2");
+    Print("%s %s\n", "Execute Version:", PRODUCT_VERSION);
     Print("%s %s\n", "Server Version:", cVersion);
     Print("%s %s\n", "Server Description:", cDescription);
     Print("%s\n", DASHED_LINE);

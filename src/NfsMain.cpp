@@ -16,6 +16,7 @@
 #include "ServerSocket.h"
 #include "StandardOutput.h"
 #include "Utilities.h"
+#include "Version.h"
 
 namespace {
 
@@ -357,7 +358,9 @@ void CNfsMain::StopServer() {
 
 int CNfsMain::GetAccessMode() const { return ACCESS_MODE_INTERNAL; }
 
-void CNfsMain::GetVersion(char* pcVersion) const { std::snprintf(pcVersion, VERSION_SIZE, "1.2"); }
+void CNfsMain::GetVersion(char* pcVersion) const {
+    std::snprintf(pcVersion, VERSION_SIZE, "%s", PRODUCT_VERSION);
+}
 
 void CNfsMain::GetDescription(char* pcDescription) const {
     std::snprintf(pcDescription, VERSION_SIZE, "Internal NFS Server");
