@@ -1,103 +1,105 @@
 #include "IpcBasic.h"
 
+#include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <iterator>
+#include <utility>
+
+#include "IpcCallbacks.h"
+#include "IpcRequests.h"
 
 namespace {
 
-constexpr char IPC_VERSION[8] = "1.2";
+// A channel is the socket file <folder><prefix><name><suffix>; it has no suffix.
+constexpr const char* CHANNEL_FOLDER = "/tmp/";
+constexpr const char* CHANNEL_PREFIX = "nfs-";
+constexpr const char* CHANNEL_SUFFIX = "";
 
-// Sizes by type; index 0 is a bare header.
-constexpr std::size_t REQUEST_SIZES[] = {
-    sizeof(Ipc_Header),
-    sizeof(Ipc_Header),  // GET_VERSION
-    sizeof(Ipc_Header),  // GET_DESCRIPTION
-    sizeof(Ipc_Header),  // IS_SERVER_RUNNING
-    sizeof(IpcRequest_Start),
-    sizeof(IpcRequest_AddMountPoint),
-    sizeof(IpcRequest_RemoveMountPoint),
-    sizeof(IpcRequest_AddSession),
-    sizeof(IpcRequest_RemoveSession),
-    sizeof(IpcRequest_IsSessionExists),
-    sizeof(IpcRequest_OpenRedirectedFile),
-    sizeof(IpcRequest_CloseRedirectedFile),
-    sizeof(IpcRequest_CloseAllRedirectedFiles),
-    sizeof(IpcRequest_AddRedirectedFileSegment),
-    sizeof(IpcRequest_ExportRedirectedFile),
-    sizeof(IpcRequest_ExportRedirectedFileInfo),
-    sizeof(IpcRequest_CloseOpenedFile),
-    sizeof(IpcRequest_CloseAllOpenedFiles),
-    sizeof(IpcRequest_SetLogControl),
-    sizeof(IpcRequest_GetMountInfo),
-    sizeof(IpcRequest_GetSessionInfo),
-    sizeof(IpcRequest_RunTestMode),
-    sizeof(Ipc_Header),  // AUTO_SHUTDOWN
-    sizeof(Ipc_Header),  // GET_SERVER_STATUS
-    sizeof(IpcRequest_SetBoolean),
-    sizeof(IpcRequest_GetVSphereInfo),
-    sizeof(IpcRequest_AddVSphereInfo),
-    sizeof(IpcRequest_RemoveVSphereInfo),
-};
-static_assert(std::size(REQUEST_SIZES) == IPC_REQUEST_TYPE_COUNT);
+// Sizes by type, from the entries; index 0 is the bare header of an unknown type.
+template <std::size_t... TYPES>
+constexpr auto MakeRequestSizes(std::index_sequence<TYPES...>) {
+    return std::array{
+        sizeof(Ipc_Header),
+        IpcRequest<static_cast<IPC_REQUEST_TYPE>(IPC_REQUEST_TYPE_NONE + 1 + TYPES)>::SIZE...};
+}
 
-constexpr std::size_t REPLY_SIZES[] = {
+template <std::size_t... TYPES>
+constexpr auto MakeCallbackSizes(std::index_sequence<TYPES...>) {
+    return std::array{
+        sizeof(Ipc_Header),
+        IpcCallback<static_cast<IPC_CALLBACK_TYPE>(IPC_CALLBACK_TYPE_NONE + 1 + TYPES)>::SIZE...};
+}
+
+constexpr auto REQUEST_SIZES =
+    MakeRequestSizes(std::make_index_sequence<IPC_REQUEST_TYPE_COUNT - 1>());
+constexpr auto CALLBACK_SIZES =
+    MakeCallbackSizes(std::make_index_sequence<IPC_CALLBACK_TYPE_COUNT - 1>());
+constexpr std::array REPLY_SIZES = {
     sizeof(Ipc_Header),   sizeof(IpcReply_Bool),    sizeof(IpcReply_Long),
     sizeof(IpcReply_Int), sizeof(IpcReply_Message), sizeof(IpcReply_Message),
 };
-static_assert(std::size(REPLY_SIZES) == IPC_REPLY_TYPE_COUNT);
+static_assert(REPLY_SIZES.size() == IPC_REPLY_TYPE_COUNT);
 
-constexpr std::size_t CALLBACK_SIZES[] = {
-    sizeof(Ipc_Header),
-    sizeof(IpcCb_LogMessage),
-    sizeof(IpcCb_SetRedirectedFileAttributes),
-    sizeof(IpcCb_RemoveRedirectedFile),
-    sizeof(IpcCb_RenameRedirectedFile),
-    sizeof(IpcCb_WriteRedirectedFile),
-};
-static_assert(std::size(CALLBACK_SIZES) == IPC_CALLBACK_TYPE_COUNT);
-
-template <std::size_t N>
-int KnownType(const std::size_t (&)[N], int iType) {
-    return iType > 0 && iType < static_cast<int>(N) ? iType : 0;
+// Writes the header of a group and sets the length that the group's sizes give.
+template <std::size_t COUNT>
+void InitialData(IpcDataBuf* pData, IPC_GROUP iGroup, int iType,
+                 const std::array<std::size_t, COUNT>& sizes) {
+    const int iKnown = iType > 0 && iType < static_cast<int>(COUNT) ? iType : 0;
+    Ipc_Header header{iGroup, iKnown, {}};
+    SetIpcText(header.cVersion, PRODUCT_VERSION);
+    pData->Put(header);
+    pData->lDataLen = static_cast<std::int32_t>(sizes[static_cast<std::size_t>(iKnown)]);
 }
 
 }  // namespace
 
 void MakeIpcChannel(const char* pcName, char* pcChannel) {
-    std::snprintf(pcChannel, IPC_CHANNEL_SIZE, "%s%s%s%s", "/tmp/", "nfs-", pcName, "");
+    std::snprintf(pcChannel, IPC_CHANNEL_SIZE, "%s%s%s%s", CHANNEL_FOLDER, CHANNEL_PREFIX, pcName,
+                  CHANNEL_SUFFIX);
 }
 
 CIpcBasic::CIpcBasic(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
     : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {}
 
-void CIpcBasic::InitialData(IpcDataBuf* pData, IPC_GROUP iGroup, int iType, std::size_t iSize) {
-    Ipc_Header header{iGroup, iType, {}};
-    std::memcpy(header.cVersion, IPC_VERSION, sizeof(header.cVersion));
-    pData->Put(header);
-    pData->lDataLen = static_cast<std::int32_t>(iSize);
-}
-
 void CIpcBasic::InitialRequestData(IpcDataBuf* pData, int iType) {
-    const int iKnown = KnownType(REQUEST_SIZES, iType);
-    InitialData(pData, IPC_GROUP_REQUEST, iKnown, REQUEST_SIZES[iKnown]);
+    InitialData(pData, IPC_GROUP_REQUEST, iType, REQUEST_SIZES);
 }
 
 void CIpcBasic::InitialReplyData(IpcDataBuf* pData, int iType) {
-    const int iKnown = KnownType(REPLY_SIZES, iType);
-    InitialData(pData, IPC_GROUP_REPLY, iKnown, REPLY_SIZES[iKnown]);
+    InitialData(pData, IPC_GROUP_REPLY, iType, REPLY_SIZES);
 }
 
 void CIpcBasic::InitialCallbackData(IpcDataBuf* pData, int iType) {
-    const int iKnown = KnownType(CALLBACK_SIZES, iType);
-    InitialData(pData, IPC_GROUP_CALLBACK, iKnown, CALLBACK_SIZES[iKnown]);
+    InitialData(pData, IPC_GROUP_CALLBACK, iType, CALLBACK_SIZES);
 }
 
-bool CIpcBasic::Fail(char* pcError, const char* pcFmt, int iError) {
-    char cReason[STATUS_SIZE] = "";
-    CUtilities::GetLastErrorText(cReason, iError);
-    CUtilities::SetStatus(pcError, pcFmt, cReason);
+bool CIpcBasic::Fail(char* pcError, const char* pcFmt, ...) {
+    if (pcError != nullptr) {
+        va_list vaArgs;
+        va_start(vaArgs, pcFmt);
+        std::vsnprintf(pcError, STATUS_SIZE, pcFmt, vaArgs);
+        va_end(vaArgs);
+    }
     return false;
+}
+
+bool CIpcBasic::LogFailure(const char* pcName, const char* pcError) {
+    if (m_pRuntimeParam->IsLogError()) {
+        LogError("[%s] %s", pcName, pcError);
+    }
+    return false;
+}
+
+void CIpcBasic::LogState(const char* pcFmt, ...) {
+    if (!m_pRuntimeParam->IsLogIpcState()) {
+        return;
+    }
+    char cMessage[STATUS_SIZE];
+    va_list vaArgs;
+    va_start(vaArgs, pcFmt);
+    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
+    va_end(vaArgs);
+    LogInfo(cMessage);
 }
 
 void CIpcBasic::PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData) {

@@ -4,15 +4,18 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 
+#include "Descriptor.h"
 #include "IpcWaits.h"
 
 namespace {
 
 constexpr int STEP_MS = 50;  // of a wait, between two looks at whether it is to end
+
+// The label of the lines about an exchange.
+constexpr LogArgu CLIENT_ARGU{"IpcClient.SendRequest"};
 
 }  // namespace
 
@@ -21,49 +24,39 @@ CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, CIp
 
 bool CIpcClient::SendRequest(const char* pcChannel) {
     char cError[STATUS_SIZE] = "";
-    const bool bOk = SendRequest(pcChannel, cError);
-    if (!bOk && m_pRuntimeParam->IsLogError()) {
-        LogError("[%s] %s", "IpcClient.SendRequest", cError);
-    }
-    return bOk;
+    return SendRequest(pcChannel, cError) || LogFailure(CLIENT_ARGU.pcName, cError);
 }
 
 bool CIpcClient::SendRequest(const char* pcChannel, char* pcError) {
-    LogArgu logArgu{"IpcClient.SendRequest"};
+    LogArgu logArgu = CLIENT_ARGU;
     if (pcChannel == nullptr) {
-        CUtilities::SetStatus(pcError, "Channel is not defined");
-        return false;
+        return Fail(pcError, "Channel is not defined");
     }
-    if (m_pRuntimeParam->IsLogIpcState()) {
-        LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
-    }
+    LogState("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     PrintData(&logArgu, &m_IpcDataInst.request);
-    LogState("[%s] Open ipc client socket", &logArgu);
+    LogState("[%s] Open ipc client socket", logArgu.pcName);
     const CIpcWait wait(m_pWaits);
-    const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (iSocket == -1) {
-        return Fail(pcError, "Fail to open ipc client socket. %s", errno);
+    const CDescriptor socketOwner(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int iSocket = socketOwner.Get();
+    if (!socketOwner.IsOpen()) {
+        return Fail(pcError, "Fail to open ipc client socket. %s", ErrorText(errno).Get());
     }
-    const bool bOk = Exchange(&logArgu, wait, iSocket, pcChannel, pcError);
+    const bool bOk = Connect(wait, iSocket, pcChannel, pcError) && Send(iSocket, pcError) &&
+                     Receive(wait, iSocket, pcError);
+    if (bOk) {
+        PrintData(&logArgu, &m_IpcDataInst.reply);
+    }
     shutdown(iSocket, SHUT_RDWR);
-    close(iSocket);
     return bOk;
 }
 
-// The log control may change while an exchange waits, so it is asked for each line.
-void CIpcClient::LogState(const char* pcFmt, LogArgu* pLogArgu) {
-    if (m_pRuntimeParam->IsLogIpcState()) {
-        LogInfo(pcFmt, pLogArgu->pcName);
-    }
-}
-
-bool CIpcClient::Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket,
-                          const char* pcChannel, char* pcError) {
+bool CIpcClient::Connect(const CIpcWait& wait, int iSocket, const char* pcChannel, char* pcError) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    LogState("[%s] Connect ipc client socket", pLogArgu);
+    LogState("[%s] Connect ipc client socket", CLIENT_ARGU.pcName);
     if (!SetIpcText(addr.sun_path, pcChannel)) {
-        return Fail(pcError, "Fail to connect ipc client socket. %s", ENAMETOOLONG);
+        return Fail(pcError, "Fail to connect ipc client socket. %s",
+                    ErrorText(ENAMETOOLONG).Get());
     }
     // A peer whose queue is full makes connect wait, for one step at a time.
     const timeval step{0, STEP_MS * 1000L};
@@ -71,33 +64,40 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket,
     int iError = 0;
     do {
         if (wait.IsEnded()) {
-            return Fail(pcError, "Fail to connect ipc client socket. %s", ECANCELED);
+            iError = ECANCELED;
+            break;
         }
         const bool bOk =
             connect(iSocket, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
         iError = bOk ? 0 : errno;
     } while (iError == EAGAIN || iError == EINTR);
-    if (iError != 0) {
-        return Fail(pcError, "Fail to connect ipc client socket. %s", iError);
-    }
-    LogState("[%s] Send ipc client request", pLogArgu);
+    return iError == 0 ||
+           Fail(pcError, "Fail to connect ipc client socket. %s", ErrorText(iError).Get());
+}
+
+bool CIpcClient::Send(int iSocket, char* pcError) {
+    LogState("[%s] Send ipc client request", CLIENT_ARGU.pcName);
     const IpcDataBuf& request = m_IpcDataInst.request;
     const ssize_t iSent =
         send(iSocket, request.cBuf, static_cast<std::size_t>(request.lDataLen), MSG_NOSIGNAL);
     if (iSent == -1) {
-        return Fail(pcError, "Fail to send ipc client request. %s", errno);
+        return Fail(pcError, "Fail to send ipc client request. %s", ErrorText(errno).Get());
     }
     if (iSent != request.lDataLen) {
         LogError("[%s] Fail to send complete ipc client request. (Send = %d, Target = %ld)",
-                 pLogArgu->pcName, static_cast<int>(iSent), static_cast<long>(request.lDataLen));
+                 CLIENT_ARGU.pcName, static_cast<int>(iSent), static_cast<long>(request.lDataLen));
     }
-    LogState("[%s] Read ipc server reply", pLogArgu);
+    return true;
+}
+
+bool CIpcClient::Receive(const CIpcWait& wait, int iSocket, char* pcError) {
+    LogState("[%s] Read ipc server reply", CLIENT_ARGU.pcName);
     struct pollfd answer {
         iSocket, POLLIN, 0
     };
     while (poll(&answer, 1, STEP_MS) <= 0) {
         if (wait.IsEnded()) {
-            return Fail(pcError, "Fail to read ipc server reply. %s", ECANCELED);
+            return Fail(pcError, "Fail to read ipc server reply. %s", ErrorText(ECANCELED).Get());
         }
     }
     IpcDataBuf& reply = m_IpcDataInst.reply;
@@ -107,10 +107,10 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket,
     } while (iRead == -1 && errno == EINTR);
     if (iRead <= 0) {
         // No bytes: the peer went away before it answered.
-        return Fail(pcError, "Fail to read ipc server reply. %s", iRead == 0 ? ECONNRESET : errno);
+        const int iError = iRead == 0 ? ECONNRESET : errno;
+        return Fail(pcError, "Fail to read ipc server reply. %s", ErrorText(iError).Get());
     }
     reply.lDataLen = static_cast<std::int32_t>(iRead);
-    PrintData(pLogArgu, &reply);
     return true;
 }
 

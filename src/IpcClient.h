@@ -33,10 +33,10 @@ public:
 private:
     bool IsReply(IPC_REPLY_TYPE iType) const;
     const char* GetTextReply(IPC_REPLY_TYPE iType);
-    // The exchange on an open socket.
-    bool Exchange(LogArgu* pLogArgu, const CIpcWait& wait, int iSocket, const char* pcChannel,
-                  char* pcError);
-    void LogState(const char* pcFmt, LogArgu* pLogArgu);
+    // The steps of an exchange on an open socket.
+    bool Connect(const CIpcWait& wait, int iSocket, const char* pcChannel, char* pcError);
+    bool Send(int iSocket, char* pcError);
+    bool Receive(const CIpcWait& wait, int iSocket, char* pcError);
 
     CIpcWaits* m_pWaits;
     IpcDataInst m_IpcDataInst{};

@@ -1,4 +1,4 @@
-// The context of a request whose log lines go to the process that asked.
+// The runtime parameters of a request whose log lines go to the process that asked.
 #ifndef VELOCAST_IPCREPORT_H
 #define VELOCAST_IPCREPORT_H
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Descriptor.h"
 #include "IpcBasic.h"
 #include "IpcReport.h"
 #include "IpcWaits.h"
@@ -63,32 +64,14 @@ public:
     void ProcessCallback(IpcDataInst* pData, int iType);
 
 private:
-    // An accepted connection.
-    class Connection {
-    public:
-        explicit Connection(int iSocket) : m_iSocket(iSocket) {}
-        ~Connection();
-        Connection(const Connection&) = delete;
-        Connection& operator=(const Connection&) = delete;
-        int Get() const { return m_iSocket; }
-
-    private:
-        int m_iSocket;
-    };
-    using ConnectionPtr = std::shared_ptr<Connection>;
+    using ConnectionPtr = std::shared_ptr<CDescriptor>;  // accepted; whoever answers holds it
 
     struct IpcServerInst {
-        int iSocket;             // listening; -1: none
+        CDescriptor iSocket;     // listening
         sockaddr_un socketAddr;  // its path is the channel
         IpcDataInst data;        // reused for every connection: what a short message lacks is what
                                  // an earlier one left
     };
-
-    static void ReplyBool(IpcDataInst* pData, bool bVal);
-    static void ReplyInt(IpcDataInst* pData, int iVal);
-    // The text is already in the reply.
-    static void ReplyText(IpcDataInst* pData, IPC_REPLY_TYPE iType);
-    static void ReplyResult(IpcDataInst* pData, bool bOk);
 
     bool OpenSocket(LogArgu* pLogArgu, const char* pcChannel, char* pcError);
     // Waits until a connection has something to read, and takes it over; null when interrupted, and
@@ -96,7 +79,7 @@ private:
     ConnectionPtr WaitForMessage(char* pcError);
     // Takes the next connection of the backlog; false, with a text in pcError, when that failed.
     bool Accept(char* pcError);
-    bool ServeConnection(LogArgu* pLogArgu, const ConnectionPtr& pConnection, char* pcError);
+    bool ServeConnection(const ConnectionPtr& pConnection, char* pcError);
     // Gives the message to the forwarding thread; false, with a text in pcError, when that has too
     // much to do.
     bool Forward(const ConnectionPtr& pConnection, char* pcError);
@@ -105,11 +88,9 @@ private:
     bool Export(const ConnectionPtr& pConnection);
     // Answers those whose message must not wait for an export.
     void ServeUrgent();
-    bool SendReply(const LogArgu& logArgu, const Connection& connection, const IpcDataBuf& reply,
-                   char* pcError);
+    bool SendReply(const CDescriptor& connection, const IpcDataBuf& reply, char* pcError);
     // For the other threads: logs the error.
-    void SendReply(const Connection& connection, const IpcDataBuf& reply);
-    void LogState(const char* pcFmt, const LogArgu& logArgu);
+    void SendReply(const CDescriptor& connection, const IpcDataBuf& reply);
     // The context of a request that, with bLines, has lines for its requester.
     std::shared_ptr<CRuntimeParam> MakeListingParam(const std::string& sIpcID, bool bLines);
     // Once only, so that a file that another process has put in its place stays.
@@ -117,14 +98,20 @@ private:
     // Waits a moment, or until interrupted.
     void Pause();
     void Execute(IpcDataInst* pData);
+    // Executes the message of the pair, which is of that type, and fills the reply.
+    template <IPC_REQUEST_TYPE TYPE>
+    void ServeRequest(IpcDataInst* pData);
+    template <IPC_CALLBACK_TYPE TYPE>
+    void ServeCallback(IpcDataInst* pData);
 
     std::atomic<bool> m_bOpened{false};
     std::atomic<bool> m_bInterrupted{false};
     IpcServerInst m_IpcServerInst{};
     CNfsMain* m_pNfsHandle;
     bool m_bAutoShutdownRequested = false;  // only the serving thread of a server process sets it
-    int m_iWake[2] = {-1, -1};              // a pipe; readable once interrupted
-    std::deque<ConnectionPtr> m_vWaiting;   // accepted, no message yet; oldest first
+    CDescriptor m_WakeReader;               // of a pipe; readable once interrupted
+    CDescriptor m_WakeWriter;
+    std::deque<ConnectionPtr> m_vWaiting;  // accepted, no message yet; oldest first
 
     std::atomic<bool> m_bFile{false};          // the channel's file may be there
     CIpcWaits m_Waits;                         // of the reports and the forwarding thread

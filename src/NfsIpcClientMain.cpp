@@ -4,38 +4,50 @@
 #include <string>
 
 #include "IpcClient.h"
+#include "IpcRequests.h"
 
 namespace {
 
 constexpr const char* VERSION_UNKNOWN = "Unknown";
-constexpr const char* VERSION_1_0 = "1.0";  // lacks the requests from 23 on
-constexpr const char* VERSION_1_1 = "1.1";  // lacks the requests from 25 on
+constexpr const char* VERSION_1_0 = "1.0";
+constexpr const char* VERSION_1_1 = "1.1";
+
+// The last requests that servers of earlier versions know.
+constexpr IPC_REQUEST_TYPE LAST_REQUEST_1_0 = IPC_REQUEST_TYPE_AUTO_SHUTDOWN;
+constexpr IPC_REQUEST_TYPE LAST_REQUEST_1_1 = IPC_REQUEST_TYPE_SET_DEBUG_ACTION_ENABLED;
 
 }  // namespace
 
-// One request of a known structure: fill the fields of Get(), texts through SetText, then send.
-template <typename Request>
+// The fields are given as arguments, in the order of the request's entry.
+template <IPC_REQUEST_TYPE TYPE>
 class CNfsIpcClientMain::Exchange {
+    using Request = IpcRequest<TYPE>;
+    using Structure = typename Request::Structure;
+
 public:
-    Exchange(const CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam, int iType)
-        : m_Client(pMain->m_pUtilities.get(), pRuntimeParam),
-          m_pcChannel(pMain->m_cIpcChannel),
-          m_pRuntimeParam(pRuntimeParam) {
+    // With the parameters (borrowed) of the operation: they log, and their identity hears the lines
+    // of a listing.
+    template <typename... Arguments>
+    Exchange(const CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam, const Arguments&... arguments)
+        : m_Client(pMain->m_pUtilities.get(), pRuntimeParam), m_pcChannel(pMain->m_cIpcChannel) {
         IpcDataBuf& request = m_Client.GetDataInst()->request;
-        CIpcBasic::InitialRequestData(&request, iType);
-        m_Request = request.Get<Request>();
-    }
-    Exchange(const CNfsIpcClientMain* pMain, int iType)
-        : Exchange(pMain, pMain->m_pRuntimeParam.get(), iType) {}
-
-    Request& Get() { return m_Request; }
-
-    template <std::size_t N>
-    void SetText(char (&cField)[N], const char* pcText) {
-        if (!SetIpcText(cField, pcText) && m_iTooLong == 0) {
-            m_iTooLong = N;
+        CIpcBasic::InitialRequestData(&request, TYPE);
+        auto message = request.Get<Structure>();
+        if constexpr (Request::LISTING) {
+            m_iTooLong = Request::Fill(&message, pRuntimeParam->GetID(), arguments...);
+        } else {
+            m_iTooLong = Request::Fill(&message, arguments...);
         }
+        request.Put(message);
+        WipeIpcPassword(&message);
     }
+    // With those of the object.
+    template <typename... Arguments>
+    explicit Exchange(const CNfsIpcClientMain* pMain, const Arguments&... arguments)
+        : Exchange(pMain, pMain->m_pRuntimeParam.get(), arguments...) {}
+    ~Exchange() { WipeIpcPassword<Structure>(&m_Client.GetDataInst()->request); }
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
 
     // True when a reply came.
     bool Send(char* pcStatus) {
@@ -44,16 +56,12 @@ public:
                                   static_cast<unsigned long>(m_iTooLong - 1));
             return false;
         }
-        m_Client.GetDataInst()->request.Put(m_Request);
         return m_Client.SendRequest(m_pcChannel, pcStatus);
     }
+    // Logs the error instead.
     bool Send() {
         char cError[STATUS_SIZE] = "";
-        const bool bOk = Send(cError);
-        if (!bOk && m_pRuntimeParam->IsLogError()) {
-            m_Client.LogError("[%s] %s", "IpcClient.SendRequest", cError);
-        }
-        return bOk;
+        return Send(cError) || m_Client.LogFailure("IpcClient.SendRequest", cError);
     }
     // The result of an operation that reports an error text.
     bool SendForResult(char* pcStatus) {
@@ -66,14 +74,15 @@ public:
         }
         return m_Client.GetBoolReply();
     }
-
-    CIpcClient* Client() { return &m_Client; }
+    bool SendForBool() { return Send() && m_Client.GetBoolReply(); }
+    // iNone: what counts when no reply came.
+    int SendForInt(int iNone) { return Send() ? m_Client.GetIntReply() : iNone; }
+    // Null when no text came; good as long as this object.
+    const char* SendForText() { return Send() ? m_Client.GetMsgReply() : nullptr; }
 
 private:
     CIpcClient m_Client;
     const char* m_pcChannel;
-    CRuntimeParam* m_pRuntimeParam;
-    Request m_Request{};
     std::size_t m_iTooLong = 0;  // size of the first field that its text did not fit; 0: none
 };
 
@@ -109,13 +118,8 @@ int CNfsIpcClientMain::GetAccessMode() const { return ACCESS_MODE_IPC_CLIENT; }
 
 bool CNfsIpcClientMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId,
                                     unsigned int iGId, bool bReadOnly, char* pcStatus) {
-    Exchange<IpcRequest_Start> exchange(this, IPC_REQUEST_TYPE_START);
-    exchange.Get().iMountPort = iMountPort;
-    exchange.Get().iNfsPort = iNfsPort;
-    exchange.Get().iUId = iUId;
-    exchange.Get().iGId = iGId;
-    exchange.Get().bReadOnly = bReadOnly;
-    return exchange.SendForResult(pcStatus);
+    return Exchange<IPC_REQUEST_TYPE_START>(this, iMountPort, iNfsPort, iUId, iGId, bReadOnly)
+        .SendForResult(pcStatus);
 }
 
 void CNfsIpcClientMain::StopServer() {
@@ -125,29 +129,35 @@ void CNfsIpcClientMain::StopServer() {
     }
 }
 
-void CNfsIpcClientMain::GetText(int iType, char* pcText) const {
-    Exchange<Ipc_Header> exchange(this, iType);
-    const char* pcReply = exchange.Send() ? exchange.Client()->GetMsgReply() : nullptr;
+template <IPC_REQUEST_TYPE TYPE>
+void CNfsIpcClientMain::GetText(char* pcText) const {
+    Exchange<TYPE> exchange(this);
+    const char* pcReply = exchange.SendForText();
     std::snprintf(pcText, VERSION_SIZE, "%s", pcReply != nullptr ? pcReply : VERSION_UNKNOWN);
 }
 
 void CNfsIpcClientMain::GetVersion(char* pcVersion) const {
-    GetText(IPC_REQUEST_TYPE_GET_VERSION, pcVersion);
+    GetText<IPC_REQUEST_TYPE_GET_VERSION>(pcVersion);
 }
 
 void CNfsIpcClientMain::GetDescription(char* pcDescription) const {
-    GetText(IPC_REQUEST_TYPE_GET_DESCRIPTION, pcDescription);
+    GetText<IPC_REQUEST_TYPE_GET_DESCRIPTION>(pcDescription);
 }
 
 bool CNfsIpcClientMain::IsServerRunning() const {
-    Exchange<Ipc_Header> exchange(this, IPC_REQUEST_TYPE_IS_SERVER_RUNNING);
-    return exchange.Send() && exchange.Client()->GetBoolReply();
+    return Exchange<IPC_REQUEST_TYPE_IS_SERVER_RUNNING>(this).SendForBool();
 }
 
 std::string CNfsIpcClientMain::GetServerVersion() const {
-    char cVersion[VERSION_SIZE] = "Unknown";
+    char cVersion[VERSION_SIZE] = "";
     GetVersion(cVersion);
     return cVersion;
+}
+
+bool CNfsIpcClientMain::IsLackedByServer(IPC_REQUEST_TYPE iType) const {
+    const std::string sVersion = GetServerVersion();
+    return (sVersion == VERSION_1_0 && iType > LAST_REQUEST_1_0) ||
+           (sVersion == VERSION_1_1 && iType > LAST_REQUEST_1_1);
 }
 
 int CNfsIpcClientMain::GetServerStatus() const {
@@ -158,21 +168,16 @@ int CNfsIpcClientMain::GetServerStatus() const {
     if (sVersion == VERSION_1_0) {
         return SERVER_STATUS_ACCESSIBLE | (IsServerRunning() ? SERVER_STATUS_RUNNING : 0);
     }
-    Exchange<Ipc_Header> exchange(this, IPC_REQUEST_TYPE_GET_SERVER_STATUS);
-    return exchange.Send() ? exchange.Client()->GetIntReply() : SERVER_STATUS_ACCESSIBLE;
+    return Exchange<IPC_REQUEST_TYPE_GET_SERVER_STATUS>(this).SendForInt(SERVER_STATUS_ACCESSIBLE);
 }
 
 bool CNfsIpcClientMain::SetDebugActionEnabled(bool bEnable) {
-    if (GetServerVersion() == VERSION_1_0) {
-        return false;
-    }
-    Exchange<IpcRequest_SetBoolean> exchange(this, IPC_REQUEST_TYPE_SET_DEBUG_ACTION_ENABLED);
-    exchange.Get().bVal = bEnable;
-    return exchange.Send() && exchange.Client()->GetBoolReply();
+    return !IsLackedByServer(IPC_REQUEST_TYPE_SET_DEBUG_ACTION_ENABLED) &&
+           Exchange<IPC_REQUEST_TYPE_SET_DEBUG_ACTION_ENABLED>(this, bEnable).SendForBool();
 }
 
 void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
-    // The wording is an old one; what counts is that a controller is never shut down by request.
+    // The text says "supported" and means the opposite: a controller is never shut down by request.
     if (m_pRuntimeParam->IsLogGeneralInfo()) {
         m_pUtilities->LogInfo(m_pRuntimeParam.get(),
                               "[%s] Auto shutdown is supported in client mode.",
@@ -182,84 +187,56 @@ void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
 }
 
 bool CNfsIpcClientMain::RequestAutoShutdown() {
-    Exchange<Ipc_Header> exchange(this, IPC_REQUEST_TYPE_AUTO_SHUTDOWN);
-    return exchange.Send() && exchange.Client()->GetBoolReply();
+    return Exchange<IPC_REQUEST_TYPE_AUTO_SHUTDOWN>(this).SendForBool();
 }
 
 void CNfsIpcClientMain::SetLogControl(int iLogControl) {
     CNfsMain::SetLogControl(iLogControl);
-    Exchange<IpcRequest_SetLogControl> exchange(this, IPC_REQUEST_TYPE_SET_LOG_CTRL);
-    exchange.Get().iLogControl = iLogControl;
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_SET_LOG_CTRL>(this, iLogControl).Send();
 }
 
 // =================================================================================================
 // Exports and sessions
 // =================================================================================================
 
-template <typename Request, std::size_t N>
-void CNfsIpcClientMain::SendText(int iType, char (Request::*pcField)[N], const char* pcText) {
-    Exchange<Request> exchange(this, iType);
-    exchange.SetText(exchange.Get().*pcField, pcText);
-    exchange.Send();
-}
-
 bool CNfsIpcClientMain::AddMountPoint(const char* pcPath, const char* pcExportName,
                                       char* pcStatus) {
-    Exchange<IpcRequest_AddMountPoint> exchange(this, IPC_REQUEST_TYPE_ADD_MOUNT_POINT);
-    exchange.SetText(exchange.Get().cLocalMountFolder, pcPath);
-    exchange.SetText(exchange.Get().cExportName, pcExportName);
-    exchange.SetText(exchange.Get().cIpcID, m_pRuntimeParam->GetID());
-    return exchange.SendForResult(pcStatus);
+    return Exchange<IPC_REQUEST_TYPE_ADD_MOUNT_POINT>(this, pcPath, pcExportName,
+                                                      m_pRuntimeParam->GetID())
+        .SendForResult(pcStatus);
 }
 
 void CNfsIpcClientMain::RemoveMountPoint(const char* pcPath) {
-    SendText(IPC_REQUEST_TYPE_REMOVE_MOUNT_POINT, &IpcRequest_RemoveMountPoint::cLocalMountFolder,
-             pcPath);
+    Exchange<IPC_REQUEST_TYPE_REMOVE_MOUNT_POINT>(this, pcPath).Send();
 }
 
 void CNfsIpcClientMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
-    Exchange<IpcRequest_AddSession> exchange(this, IPC_REQUEST_TYPE_ADD_SESSION);
-    exchange.SetText(exchange.Get().cSessionID, pcSessionID);
-    exchange.SetText(exchange.Get().cLocalMountFolder, pcLocalMountPath);
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_ADD_SESSION>(this, pcSessionID, pcLocalMountPath).Send();
 }
 
 void CNfsIpcClientMain::RemoveSessionInfo(const char* pcSessionID) {
-    SendText(IPC_REQUEST_TYPE_REMOVE_SESSION, &IpcRequest_RemoveSession::cSessionID, pcSessionID);
+    Exchange<IPC_REQUEST_TYPE_REMOVE_SESSION>(this, pcSessionID).Send();
 }
 
 bool CNfsIpcClientMain::IsSessionExists(const char* pcSessionID) {
-    Exchange<IpcRequest_IsSessionExists> exchange(this, IPC_REQUEST_TYPE_IS_SESSION_EXIST);
-    exchange.SetText(exchange.Get().cSessionID, pcSessionID);
-    return exchange.Send() && exchange.Client()->GetBoolReply();
+    return Exchange<IPC_REQUEST_TYPE_IS_SESSION_EXIST>(this, pcSessionID).SendForBool();
 }
 
 int CNfsIpcClientMain::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
                                     bool bPrintDetails) {
-    Exchange<IpcRequest_GetMountInfo> exchange(this, pRuntimeParam,
-                                               IPC_REQUEST_TYPE_GET_MOUNT_INFO);
-    exchange.SetText(exchange.Get().cIpcID, pRuntimeParam->GetID());
-    exchange.Get().bClientMountedOnly = bClientMountedOnly;
-    exchange.Get().bPrintDetails = bPrintDetails;
-    return exchange.Send() ? exchange.Client()->GetIntReply() : 0;
+    return Exchange<IPC_REQUEST_TYPE_GET_MOUNT_INFO>(this, pRuntimeParam, bClientMountedOnly,
+                                                     bPrintDetails)
+        .SendForInt(0);
 }
 
 int CNfsIpcClientMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    Exchange<IpcRequest_GetSessionInfo> exchange(this, pRuntimeParam,
-                                                 IPC_REQUEST_TYPE_GET_SESSION_INFO);
-    exchange.SetText(exchange.Get().cIpcID, pRuntimeParam->GetID());
-    exchange.Get().bPrintDetails = bPrintDetails;
-    return exchange.Send() ? exchange.Client()->GetIntReply() : 0;
+    return Exchange<IPC_REQUEST_TYPE_GET_SESSION_INFO>(this, pRuntimeParam, bPrintDetails)
+        .SendForInt(0);
 }
 
 void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                     long long iSize) {
-    Exchange<IpcRequest_RunTestMode> exchange(this, pRuntimeParam, IPC_REQUEST_TYPE_RUN_TEST_MODE);
-    exchange.SetText(exchange.Get().cIpcID, pRuntimeParam->GetID());
-    exchange.SetText(exchange.Get().cDirPath, pcPath);
-    exchange.Get().iFileSize = iSize;
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_RUN_TEST_MODE>(this, pRuntimeParam, pcPath, iSize).Send();
 }
 
 // =================================================================================================
@@ -269,59 +246,42 @@ void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pc
 void CNfsIpcClientMain::OpenRedirectedFile(const char* pcPath, long long iSize,
                                            bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
                                            int iInfoFileCheckPointSizeMB) {
-    Exchange<IpcRequest_OpenRedirectedFile> exchange(this, IPC_REQUEST_TYPE_OPEN_RD_FILE);
-    exchange.SetText(exchange.Get().cPath, pcPath);
-    exchange.Get().iSize = iSize;
-    exchange.Get().bCreateInfoFile = bCreateInfoFile;
-    exchange.Get().iInfoFileSegmentSizeMB = iInfoFileSegmentSizeMB;
-    exchange.Get().iInfoFileCheckPointSizeMB = iInfoFileCheckPointSizeMB;
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_OPEN_RD_FILE>(this, pcPath, iSize, bCreateInfoFile,
+                                            iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB)
+        .Send();
 }
 
 void CNfsIpcClientMain::CloseRedirectedFile(const char* pcPath) {
-    SendText(IPC_REQUEST_TYPE_CLOSE_RD_FILE, &IpcRequest_CloseRedirectedFile::cPath, pcPath);
+    Exchange<IPC_REQUEST_TYPE_CLOSE_RD_FILE>(this, pcPath).Send();
 }
 
 void CNfsIpcClientMain::CloseAllRedirectedFiles(const char* pcPath) {
-    SendText(IPC_REQUEST_TYPE_CLOSE_ALL_RD_FILE, &IpcRequest_CloseAllRedirectedFiles::cPath,
-             pcPath);
+    Exchange<IPC_REQUEST_TYPE_CLOSE_ALL_RD_FILE>(this, pcPath).Send();
 }
 
 bool CNfsIpcClientMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSourcePath,
                                                  long long iSrcFileOffset, long long iOffset,
                                                  long long iLength, char* pcStatus) {
-    Exchange<IpcRequest_AddRedirectedFileSegment> exchange(this, IPC_REQUEST_TYPE_ADD_RD_FILE_SEG);
-    exchange.SetText(exchange.Get().cPath, pcPath);
-    exchange.SetText(exchange.Get().cSrcPath, pcSourcePath);
-    exchange.Get().iSrcFileOffset = iSrcFileOffset;
-    exchange.Get().iOffset = iOffset;
-    exchange.Get().iLength = iLength;
-    return exchange.SendForResult(pcStatus);
+    return Exchange<IPC_REQUEST_TYPE_ADD_RD_FILE_SEG>(this, pcPath, pcSourcePath, iSrcFileOffset,
+                                                      iOffset, iLength)
+        .SendForResult(pcStatus);
 }
 
 void CNfsIpcClientMain::ExportRedirectedFile(const char* pcPath, const char* pcExportPath) {
-    Exchange<IpcRequest_ExportRedirectedFile> exchange(this, IPC_REQUEST_TYPE_EXPORT_RD_FILE);
-    exchange.SetText(exchange.Get().cPath, pcPath);
-    exchange.SetText(exchange.Get().cExportPath, pcExportPath);
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_EXPORT_RD_FILE>(this, pcPath, pcExportPath).Send();
 }
 
 void CNfsIpcClientMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcExportPath,
                                                  bool bMergeRange) {
-    Exchange<IpcRequest_ExportRedirectedFileInfo> exchange(this,
-                                                           IPC_REQUEST_TYPE_EXPORT_RD_FILE_INFO);
-    exchange.SetText(exchange.Get().cPath, pcPath);
-    exchange.SetText(exchange.Get().cExportPath, pcExportPath);
-    exchange.Get().bMergeRange = bMergeRange;
-    exchange.Send();
+    Exchange<IPC_REQUEST_TYPE_EXPORT_RD_FILE_INFO>(this, pcPath, pcExportPath, bMergeRange).Send();
 }
 
 void CNfsIpcClientMain::CloseCachedFileHandle(const char* pcPath) {
-    SendText(IPC_REQUEST_TYPE_CLOSE_FILE, &IpcRequest_CloseOpenedFile::cPath, pcPath);
+    Exchange<IPC_REQUEST_TYPE_CLOSE_FILE>(this, pcPath).Send();
 }
 
 void CNfsIpcClientMain::CloseAllCachedFileHandles(const char* pcPath) {
-    SendText(IPC_REQUEST_TYPE_CLOSE_ALL_FILE, &IpcRequest_CloseAllOpenedFiles::cPath, pcPath);
+    Exchange<IPC_REQUEST_TYPE_CLOSE_ALL_FILE>(this, pcPath).Send();
 }
 
 // =================================================================================================
@@ -329,40 +289,23 @@ void CNfsIpcClientMain::CloseAllCachedFileHandles(const char* pcPath) {
 // =================================================================================================
 
 int CNfsIpcClientMain::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    const std::string sVersion = GetServerVersion();
-    if (sVersion == VERSION_1_0 || sVersion == VERSION_1_1) {
+    if (IsLackedByServer(IPC_REQUEST_TYPE_GET_VSPHERE_INFO)) {
         return 0;
     }
-    Exchange<IpcRequest_GetVSphereInfo> exchange(this, pRuntimeParam,
-                                                 IPC_REQUEST_TYPE_GET_VSPHERE_INFO);
-    exchange.SetText(exchange.Get().cIpcID, pRuntimeParam->GetID());
-    exchange.Get().bPrintDetails = bPrintDetails;
-    return exchange.Send() ? exchange.Client()->GetIntReply() : 0;
+    return Exchange<IPC_REQUEST_TYPE_GET_VSPHERE_INFO>(this, pRuntimeParam, bPrintDetails)
+        .SendForInt(0);
 }
 
 void CNfsIpcClientMain::AddVSphereInfo(const char* pcMoid, const char* pcHost, const char* pcPort,
                                        const char* pcUser, const char* pcPwd) {
-    const std::string sVersion = GetServerVersion();
-    if (sVersion == VERSION_1_0 || sVersion == VERSION_1_1) {
-        return;
+    if (!IsLackedByServer(IPC_REQUEST_TYPE_ADD_VSPHERE_INFO)) {
+        Exchange<IPC_REQUEST_TYPE_ADD_VSPHERE_INFO>(this, pcMoid, pcHost, pcPort, pcUser, pcPwd)
+            .Send();
     }
-    Exchange<IpcRequest_AddVSphereInfo> exchange(this, IPC_REQUEST_TYPE_ADD_VSPHERE_INFO);
-    exchange.SetText(exchange.Get().cDatastoreMoid, pcMoid);
-    exchange.SetText(exchange.Get().cHost, pcHost);
-    exchange.SetText(exchange.Get().cPort, pcPort);
-    exchange.SetText(exchange.Get().cUser, pcUser);
-    exchange.SetText(exchange.Get().cPwd, pcPwd);
-    exchange.Send();
-    // No copy of the password stays behind.
-    explicit_bzero(exchange.Get().cPwd, sizeof(exchange.Get().cPwd));
-    exchange.Client()->GetDataInst()->request.Put(exchange.Get());
 }
 
 void CNfsIpcClientMain::RemoveVSphereInfo(const char* pcMoid) {
-    const std::string sVersion = GetServerVersion();
-    if (sVersion == VERSION_1_0 || sVersion == VERSION_1_1) {
-        return;
+    if (!IsLackedByServer(IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO)) {
+        Exchange<IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO>(this, pcMoid).Send();
     }
-    SendText(IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO, &IpcRequest_RemoveVSphereInfo::cDatastoreMoid,
-             pcMoid);
 }

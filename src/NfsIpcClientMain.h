@@ -73,14 +73,15 @@ public:
     void GetIpcServerThreadChannel(char* pcChannel) override;
 
 private:
-    // A request being filled.
-    template <typename Request>
+    // One request and its reply.
+    template <IPC_REQUEST_TYPE TYPE>
     class Exchange;
 
-    void GetText(int iType, char* pcText) const;
-    // Sends the request of a one-path operation.
-    template <typename Request, std::size_t N>
-    void SendText(int iType, char (Request::*pcField)[N], const char* pcText);
+    // The text of a reply in VERSION_SIZE bytes, "Unknown" when none came.
+    template <IPC_REQUEST_TYPE TYPE>
+    void GetText(char* pcText) const;
+    // Whether the server is too old for a request.
+    bool IsLackedByServer(IPC_REQUEST_TYPE iType) const;
     std::string GetServerVersion() const;
 
     char m_cIpcChannel[IPC_CHANNEL_SIZE] = {};  // where requests go

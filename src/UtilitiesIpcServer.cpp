@@ -1,7 +1,9 @@
 #include "UtilitiesIpcServer.h"
 
+#include <functional>
 #include <string>
 
+#include "IpcCallbacks.h"
 #include "IpcClient.h"
 #include "IpcReport.h"
 
@@ -14,16 +16,6 @@ bool HasController(CRuntimeParam* pRuntimeParam) {
     return !sIpcID.empty() && sIpcID != IPC_SERVER_NAME;
 }
 
-// Starts a callback of the given structure, which the caller fills further.
-template <typename Callback>
-Callback BeginCallback(CIpcClient* pClient, int iType, CRuntimeParam* pRuntimeParam) {
-    IpcDataBuf& request = pClient->GetDataInst()->request;
-    CIpcBasic::InitialCallbackData(&request, iType);
-    auto callback = request.Get<Callback>();
-    SetIpcText(callback.cID, pRuntimeParam->GetID());
-    return callback;
-}
-
 }  // namespace
 
 void CUtilitiesIpcServer::GetIpcCallbackChannel(const char* pcIpcID, char* pcChannel) {
@@ -34,36 +26,42 @@ void CUtilitiesIpcServer::RefuseWaits() { m_Waits.Refuse(); }
 
 void CUtilitiesIpcServer::AllowWaits() { m_Waits.Allow(); }
 
-bool CUtilitiesIpcServer::SendCallback(CRuntimeParam* pRuntimeParam, CIpcClient* pClient) {
+template <IPC_CALLBACK_TYPE TYPE, typename... Arguments>
+bool CUtilitiesIpcServer::SendCallback(CIpcClient* pClient, CRuntimeParam* pRuntimeParam,
+                                       const Arguments&... arguments) {
+    using Callback = IpcCallback<TYPE>;
+    IpcDataBuf& request = pClient->GetDataInst()->request;
+    CIpcBasic::InitialCallbackData(&request, TYPE);
+    auto message = request.Get<typename Callback::Structure>();
+    Callback::Fill(&message, pRuntimeParam->GetID(), arguments...);  // what is too long is cut
+    request.Put(message);
     char cChannel[IPC_CHANNEL_SIZE];
     GetIpcCallbackChannel(pRuntimeParam->GetIpcID(), cChannel);
     return pClient->SendRequest(cChannel);
 }
+
+// =================================================================================================
+// Log lines
+// =================================================================================================
 
 void CUtilitiesIpcServer::SendMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage,
                                       int iType) {
     if (!HasController(pRuntimeParam)) {
         return;
     }
+    const auto sendLine = [this, iType](CRuntimeParam* pParam, const char* pcLine) {
+        CIpcClient client(this, pParam, &m_Waits);
+        SendCallback<IPC_CALLBACK_TYPE_MESSAGE>(&client, pParam, pcLine, iType);
+    };
     auto* pReport = dynamic_cast<CIpcReport*>(pRuntimeParam);
     if (pReport == nullptr) {
-        SendLine(pRuntimeParam, pcMessage, iType);
+        sendLine(pRuntimeParam, pcMessage);
     } else if (!pReport->IsMute()) {
-        pReport->Deliver([this, pReport, sMessage = std::string(pcMessage), iType] {
+        pReport->Deliver([sendLine, pReport, sMessage = std::string(pcMessage)] {
             pReport->Refresh();
-            SendLine(pReport, sMessage.c_str(), iType);
+            sendLine(pReport, sMessage.c_str());
         });
     }
-}
-
-void CUtilitiesIpcServer::SendLine(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType) {
-    CIpcClient client(this, pRuntimeParam, &m_Waits);
-    auto callback =
-        BeginCallback<IpcCb_LogMessage>(&client, IPC_CALLBACK_TYPE_MESSAGE, pRuntimeParam);
-    SetIpcText(callback.cMsg, pcMessage);
-    callback.iType = iType;
-    client.GetDataInst()->request.Put(callback);
-    SendCallback(pRuntimeParam, &client);
 }
 
 void CUtilitiesIpcServer::LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage) {
@@ -81,68 +79,40 @@ void CUtilitiesIpcServer::LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage) 
     SendMessage(pRuntimeParam, pcMessage, IPC_MESSAGE_TYPE_RAW);
 }
 
+// =================================================================================================
+// Notifications of redirected files
+// =================================================================================================
+
+template <IPC_CALLBACK_TYPE TYPE, typename... Arguments>
+int CUtilitiesIpcServer::Notify(CRuntimeParam* pRuntimeParam, const Arguments&... arguments) {
+    if (!HasController(pRuntimeParam)) {
+        return std::invoke(IpcCallback<TYPE>::OPERATION, this, pRuntimeParam->GetID(),
+                           arguments...);
+    }
+    CIpcClient client(this, pRuntimeParam, &m_Waits);
+    return SendCallback<TYPE>(&client, pRuntimeParam, arguments...) ? client.GetIntReply() : -1;
+}
+
 int CUtilitiesIpcServer::LogUpdateRedirectedFileAttributes(
     CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize, unsigned long long iSize,
     bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
     unsigned long lLastModifiedTimeSec) {
-    if (!HasController(pRuntimeParam)) {
-        return CUtilities::LogUpdateRedirectedFileAttributes(
-            pRuntimeParam, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec, bLastModifiedTime,
-            lLastModifiedTimeSec);
-    }
-    CIpcClient client(this, pRuntimeParam, &m_Waits);
-    auto callback = BeginCallback<IpcCb_SetRedirectedFileAttributes>(
-        &client, IPC_CALLBACK_TYPE_SET_RD_FILE_ATTR, pRuntimeParam);
-    SetIpcText(callback.cPath, pcPath);
-    callback.bSize = bSize;
-    callback.iSize = iSize;
-    callback.bAccessTime = bAccessTime;
-    callback.lAccessTimeSec = static_cast<std::uint32_t>(lAccessTimeSec);
-    callback.bLastModifiedTime = bLastModifiedTime;
-    callback.lLastModifiedTimeSec = static_cast<std::uint32_t>(lLastModifiedTimeSec);
-    client.GetDataInst()->request.Put(callback);
-    return SendCallback(pRuntimeParam, &client) ? client.GetIntReply() : -1;
+    return Notify<IPC_CALLBACK_TYPE_SET_RD_FILE_ATTR>(pRuntimeParam, pcPath, bSize, iSize,
+                                                      bAccessTime, lAccessTimeSec,
+                                                      bLastModifiedTime, lLastModifiedTimeSec);
 }
 
 int CUtilitiesIpcServer::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    if (!HasController(pRuntimeParam)) {
-        return CUtilities::LogRemoveRedirectedFile(pRuntimeParam, pcPath);
-    }
-    CIpcClient client(this, pRuntimeParam, &m_Waits);
-    auto callback = BeginCallback<IpcCb_RemoveRedirectedFile>(
-        &client, IPC_CALLBACK_TYPE_REMOVE_RD_FILE, pRuntimeParam);
-    SetIpcText(callback.cPath, pcPath);
-    client.GetDataInst()->request.Put(callback);
-    return SendCallback(pRuntimeParam, &client) ? client.GetIntReply() : -1;
+    return Notify<IPC_CALLBACK_TYPE_REMOVE_RD_FILE>(pRuntimeParam, pcPath);
 }
 
 int CUtilitiesIpcServer::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFm,
                                                  const char* pcPathTo) {
-    if (!HasController(pRuntimeParam)) {
-        return CUtilities::LogRenameRedirectedFile(pRuntimeParam, pcPathFm, pcPathTo);
-    }
-    CIpcClient client(this, pRuntimeParam, &m_Waits);
-    auto callback = BeginCallback<IpcCb_RenameRedirectedFile>(
-        &client, IPC_CALLBACK_TYPE_RENAME_RD_FILE, pRuntimeParam);
-    SetIpcText(callback.cPathFm, pcPathFm);
-    SetIpcText(callback.cPathTo, pcPathTo);
-    client.GetDataInst()->request.Put(callback);
-    return SendCallback(pRuntimeParam, &client) ? client.GetIntReply() : -1;
+    return Notify<IPC_CALLBACK_TYPE_RENAME_RD_FILE>(pRuntimeParam, pcPathFm, pcPathTo);
 }
 
 int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                                 unsigned long long iSeek, int iSeekType,
                                                 unsigned int iLen) {
-    if (!HasController(pRuntimeParam)) {
-        return CUtilities::LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
-    }
-    CIpcClient client(this, pRuntimeParam, &m_Waits);
-    auto callback = BeginCallback<IpcCb_WriteRedirectedFile>(
-        &client, IPC_CALLBACK_TYPE_WRITE_RD_FILE, pRuntimeParam);
-    SetIpcText(callback.cPath, pcPath);
-    callback.iSeek = iSeek;
-    callback.iSeekType = iSeekType;
-    callback.iLen = iLen;
-    client.GetDataInst()->request.Put(callback);
-    return SendCallback(pRuntimeParam, &client) ? client.GetIntReply() : -1;
+    return Notify<IPC_CALLBACK_TYPE_WRITE_RD_FILE>(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
 }

@@ -3,6 +3,7 @@
 #ifndef VELOCAST_UTILITIESIPCSERVER_H
 #define VELOCAST_UTILITIESIPCSERVER_H
 
+#include "IpcMessages.h"
 #include "IpcWaits.h"
 #include "Utilities.h"
 
@@ -46,10 +47,16 @@ public:
     virtual void GetIpcCallbackChannel(const char* pcIpcID, char* pcChannel);
 
 private:
+    // A log line, to the controller if there is one.
     void SendMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
-    void SendLine(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
-    // Sends a filled callback to the controller; false when no answer came.
-    bool SendCallback(CRuntimeParam* pRuntimeParam, CIpcClient* pClient);
+    // A notification of a redirected file: the controller's answer, or that of the base.
+    template <IPC_CALLBACK_TYPE TYPE, typename... Arguments>
+    int Notify(CRuntimeParam* pRuntimeParam, const Arguments&... arguments);
+    // Sends the callback, whose fields behind cID are the arguments, to the controller; false when
+    // no answer came.
+    template <IPC_CALLBACK_TYPE TYPE, typename... Arguments>
+    bool SendCallback(CIpcClient* pClient, CRuntimeParam* pRuntimeParam,
+                      const Arguments&... arguments);
 
     CIpcWaits m_Waits;
 };
