@@ -97,7 +97,8 @@ TEST_F(IpcWorkerTest, WithoutAThreadATaskIsLeftToTheCaller) {
 // ================================================================================================
 
 TEST_F(IpcWorkerTest, AReportWaitsForEachDeliveryWhileItHasPatience) {
-    CIpcReport report("sv", 5, &waits, support::kPatience);
+    const CRuntimeParam owner("sv", 5);
+    CIpcReport report(&owner, &waits, support::kPatience);
     EXPECT_STREQ("sv", report.GetID());
     EXPECT_EQ(5, report.GetLogControl());
     EXPECT_FALSE(report.IsUsed());
@@ -114,7 +115,8 @@ TEST_F(IpcWorkerTest, AReportWithoutPatienceLeavesItsDeliveriesBehindInTheirOrde
     std::latch released(1);
     std::vector<int> delivered;
     {
-        CIpcReport report("sv", 0, &waits, milliseconds(50));
+        const CRuntimeParam owner("sv", 0);
+        CIpcReport report(&owner, &waits, milliseconds(50));
         const auto begin = Clock::now();
         report.Deliver([&] { released.wait(); });
         EXPECT_GE(Clock::now() - begin, milliseconds(50));
@@ -132,7 +134,8 @@ TEST_F(IpcWorkerTest, AReportWithoutPatienceLeavesItsDeliveriesBehindInTheirOrde
 TEST_F(IpcWorkerTest, WithoutAThreadAReportDeliversItself) {
     CIpcWaits other;
     waits.Refuse();
-    CIpcReport report("sv", 0, &waits, milliseconds(0));
+    const CRuntimeParam owner("sv", 0);
+    CIpcReport report(&owner, &waits, milliseconds(0));
     faults::FailHere(faults::CALL_THREAD, EAGAIN);
     bool ended = false;
     report.Deliver([&] { ended = CIpcWait(&other).IsEnded(); });
