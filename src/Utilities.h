@@ -444,13 +444,6 @@ private:
     // answers changes nothing: the folder as a whole has been renamed.
     void RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                     const char* pathTo);
-    // The steps of the platform test.
-    void RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFile,
-                               long long iFileSize, const char* pcPrefix);
-    void RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                              long long iPos, long long iFileSize);
-    void RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                    const char* pcFile, unsigned int iMode);
     // Closes and forgets an entry.  REQUIRES: m_hMutexRedirectedFiles held.
     using RedirectedFileMap = std::map<std::string, std::shared_ptr<CRedirectedFile>>;
     RedirectedFileMap::iterator EraseRedirectedFile(CRuntimeParam* pRuntimeParam,
