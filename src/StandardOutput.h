@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <cstddef>
 
-#include "Utilities.h"
+#include "LogRouter.h"
 
 // A reader that does not read keeps whoever prints waiting, until the process is about to end: then
 // a second of waiting is left for everything that is still printed, and what is not taken is

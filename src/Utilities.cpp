@@ -24,11 +24,9 @@
 #include <string_view>
 #include <type_traits>
 
-#include "FileLogger.h"
-#include "HostCallback.h"
+#include "HeldLines.h"
 #include "PlatformTest.h"
 #include "RedirectedFile.h"
-#include "StandardOutput.h"
 #include "VSphereWebController.h"
 
 namespace {
@@ -52,132 +50,7 @@ bool IsFolder(const char* pcPath) {
     return stat(pcPath, &data) == 0 && S_ISDIR(data.st_mode);
 }
 
-// A system call that a signal interrupted is made again.
-template <typename Call>
-auto Retry(Call call) {
-    decltype(call()) iResult;
-    do {
-        iResult = call();
-    } while (iResult == -1 && errno == EINTR);
-    return iResult;
-}
-
-// Whether a path, links followed, is an ordinary file.  Leaves errno alone.
-bool IsRegularFile(const char* pcPath) {
-    const int iError = errno;
-    struct stat data {};
-    const bool bRegular = stat(pcPath, &data) == 0 && S_ISREG(data.st_mode);
-    errno = iError;
-    return bRegular;
-}
-
-// A call that makes a file larger.  At the limit of file sizes (ulimit -f) it fails with EFBIG
-// instead of ending the process.  SIGXFSZ is masked and not handled, because the dispositions of a
-// process belong to the host that has loaded us.
-template <typename Call>
-auto Grow(Call call) {
-    sigset_t signals;
-    sigset_t old;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &signals, &old);
-    const auto iResult = call();
-    const int iError = errno;
-    if (iResult == -1 && iError == EFBIG && sigismember(&old, SIGXFSZ) == 0) {
-        // Unmasked, the signal of this call would be delivered after all.
-        const struct timespec noTime {};
-        sigtimedwait(&signals, nullptr, &noTime);
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = iError;
-    return iResult;
-}
-
-// The reason why a system call failed, taken from errno at once; no text when it worked.  A call
-// on the descriptor -1 was never made and has its own reason.
-struct OsError {
-    explicit OsError(bool bOk, int iFile = 0) : iError(errno) {
-        if (bOk) {
-            return;
-        }
-        cText[0] = '\0';
-        pcText = cText;
-        if (iFile == -1) {
-            std::snprintf(cText, sizeof(cText), "Bad file descriptor");
-        } else {
-            CUtilities::GetLastErrorText(cText, iError);
-        }
-    }
-    OsError(const OsError&) = delete;
-    OsError& operator=(const OsError&) = delete;
-
-    int iError;
-    const char* pcText = nullptr;
-    char cText[STATUS_SIZE];  // filled only on failure: every system call makes one of these
-};
-
 }  // namespace
-
-// While it lives, the lines that the calling thread logs are kept; at its end, which is that of the
-// outermost one, they are delivered in their order.  It stands before the locks of an operation, so
-// that no line is delivered under them: whoever takes the line may be waiting for what they guard.
-// Not for an operation that waits for a controller's answer, nor for one without an end in sight.
-class CUtilities::HeldLines {
-public:
-    using Log = void (CUtilities::*)(CRuntimeParam*, char*);
-
-    explicit HeldLines(CUtilities* pUtilities)
-        : m_pUtilities(pUtilities), m_bOutermost(t_pHeldLines == nullptr) {
-        if (m_bOutermost) {
-            t_pHeldLines = this;
-        }
-    }
-    ~HeldLines() {
-        if (!m_bOutermost) {
-            return;
-        }
-        t_pHeldLines = nullptr;
-        for (Line& line : m_vLines) {
-            try {
-                (m_pUtilities->*line.log)(line.pRuntimeParam, line.sMessage.data());
-            } catch (const std::bad_alloc&) {
-                // Without memory there is no line.
-            }
-        }
-    }
-    HeldLines(const HeldLines&) = delete;
-    HeldLines& operator=(const HeldLines&) = delete;
-
-    // Whether the line is kept, and so not to be delivered yet.
-    static bool Hold(CUtilities* pUtilities, Log log, CRuntimeParam* pRuntimeParam,
-                     const char* pcMessage) {
-        HeldLines* pHeldLines = t_pHeldLines;
-        if (pHeldLines == nullptr || pHeldLines->m_pUtilities != pUtilities) {
-            return false;
-        }
-        try {
-            pHeldLines->m_vLines.push_back({log, pRuntimeParam, pcMessage});
-        } catch (const std::bad_alloc&) {
-            // Without memory there is no line; the operation goes on.
-        }
-        return true;
-    }
-
-private:
-    struct Line {
-        Log log;
-        CRuntimeParam* pRuntimeParam;  // the caller's, who is still in the operation
-        std::string sMessage;
-    };
-
-    static thread_local HeldLines* t_pHeldLines;  // the outermost one; null: none
-
-    CUtilities* m_pUtilities;
-    bool m_bOutermost;
-    std::vector<Line> m_vLines;
-};
-
-thread_local CUtilities::HeldLines* CUtilities::HeldLines::t_pHeldLines = nullptr;
 
 // =================================================================================================
 // Object and reset
@@ -227,16 +100,6 @@ void CUtilities::SetPathToCompare(char* pcPath) {
     }
 }
 
-void CUtilities::SplitIntoVector(const char* pcStr, char cDelimiter,
-                                 std::vector<std::string>* pvOutput) {
-    const std::string_view text(Text(pcStr));
-    for (std::size_t iBegin = 0; iBegin < text.size();) {
-        const std::size_t iEnd = std::min(text.find(cDelimiter, iBegin), text.size());
-        pvOutput->emplace_back(text.substr(iBegin, iEnd - iBegin));
-        iBegin = iEnd + 1;
-    }
-}
-
 // =================================================================================================
 // Exports
 // =================================================================================================
@@ -263,7 +126,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                    const char* pcLocalMountPath, const char* pcExportName,
                                    char* pcStatus) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
     if (pcExportName != nullptr && m_MountInfos.count(pcExportName) != 0) {
         SetStatus(pcStatus, "Export name \"%s\" already defined", pcExportName);
@@ -311,7 +174,7 @@ bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     CopyPath(cTarget, Text(pcPath));
     SetPathToCompare(cTarget);
 
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
     for (const auto& [sName, info] : m_MountInfos) {
         const char* pcLocal = info.sLocalMountPath.c_str();
@@ -525,7 +388,7 @@ long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     if (const auto pRedirected = GetRedirectedFile(pcPath)) {
         return pRedirected->GetFileSize();
     }
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
     std::unique_lock<std::mutex> lock;
     if (file.pUse != nullptr) {
@@ -680,7 +543,7 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
         LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
                 pLogArgu->pcName, pcPath, iSeek, iSeekType, iLen);
     }
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     *pbEof = true;
     if (const RedirectedFileUse redirected = UseRedirectedFile(pcPath); redirected.pFile) {
         return redirected.pFile->Read(pRuntimeParam, iSeek, pvBuf, iLen, pbEof);
@@ -712,7 +575,7 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     if (GetRedirectedFile(pcPath) != nullptr) {
         return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
     }
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
     if (file.iFile == -1) {
         return -1;
@@ -722,316 +585,6 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
         return -1;
     }
     return OS_FileWrite(pRuntimeParam, pLogArgu, file.iFile, pvBuf, iLen, nullptr);
-}
-
-// =================================================================================================
-// System calls with uniform reporting
-// =================================================================================================
-
-template <typename... Args>
-void CUtilities::ReportOs(CRuntimeParam* pRuntimeParam, const char* pcError, char* pcStatus,
-                          const char* pcInfoFmt, const char* pcErrorFmt, Args... args) {
-    if (pcError == nullptr) {
-        if (pRuntimeParam->IsLogFileAccess()) {
-            LogInfo(pRuntimeParam, pcInfoFmt, args...);
-        }
-        return;
-    }
-    SetStatus(pcStatus, "%s", pcError);
-    if (pRuntimeParam->IsLogError()) {
-        LogError(pRuntimeParam, pcErrorFmt, args..., pcError);
-    }
-}
-
-int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                              char* pcStatus) {
-    const int iFile = Retry([&] { return open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666); });
-    const OsError error(iFile != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS create file \"%s\"",
-             "[%s] OS create file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iFile;
-}
-
-int CUtilities::OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                              char* pcStatus) {
-    const int iResult = remove(pcPath);
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS remove file \"%s\"",
-             "[%s] OS remove file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iResult;
-}
-
-int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                              const char* pcPathFrom, const char* pcPathTo, char* pcStatus) {
-    const int iResult = rename(pcPathFrom, pcPathTo);
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS rename file from \"%s\" to \"%s\"",
-             "[%s] OS rename file from \"%s\" to \"%s\". Error=%s", pLogArgu->pcName, pcPathFrom,
-             pcPathTo);
-    return iResult;
-}
-
-int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                            int iMode, bool bCloseExceededCachedFileHandle, char* pcStatus) {
-    int iFile = Retry([&] { return open(pcPath, iMode | O_CLOEXEC); });
-    if (iFile == -1 && errno == EWOULDBLOCK && IsRegularFile(pcPath)) {
-        // Somebody holds a lease on the file, and has now been told to give it back.
-        iFile = Retry([&] { return open(pcPath, (iMode & ~O_NONBLOCK) | O_CLOEXEC); });
-    }
-    const OsError error(iFile != -1);
-    if (iFile == -1 && error.iError == EMFILE && bCloseExceededCachedFileHandle) {
-        CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
-        return OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, iMode, false, pcStatus);
-    }
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS open file \"%s\"",
-             "[%s] OS open file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iFile;
-}
-
-int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                             int iFile, char* pcStatus) {
-    // Not retried: after an interrupted close the number may already be somebody else's.
-    const int iResult = iFile != -1 ? close(iFile) : -1;
-    const OsError error(iResult != -1, iFile);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS close file \"%s\"",
-             "[%s] OS close file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iResult;
-}
-
-int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuf,
-                            unsigned int iLen, char* pcStatus) {
-    const ssize_t iRead =
-        iFile != -1 ? Retry([&] { return read(iFile, pvBuf, iLen); }) : ssize_t{-1};
-    const OsError error(iRead != -1, iFile);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS read file (%d)",
-             "[%s] OS read file (%d). Error=%s", pLogArgu->pcName, iFile);
-    return static_cast<int>(iRead);
-}
-
-int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                             const void* pvBuf, unsigned int iLen, char* pcStatus) {
-    const auto writeOnce = [&] { return Grow([&] { return write(iFile, pvBuf, iLen); }); };
-    const ssize_t iWritten = iFile != -1 ? Retry(writeOnce) : ssize_t{-1};
-    const OsError error(iWritten != -1, iFile);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS write file (%d)",
-             "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile);
-    return static_cast<int>(iWritten);
-}
-
-long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                                  unsigned long long iSeek, int iSeekType, char* pcStatus) {
-    static_assert(sizeof(off_t) == 8);
-    const off_t iPos = iFile != -1 ? lseek(iFile, static_cast<off_t>(iSeek), iSeekType) : off_t{-1};
-    const OsError error(iPos != -1, iFile);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS seek file (%d)",
-             "[%s] OS seek file (%d). Error=%s", pLogArgu->pcName, iFile);
-    return iPos;
-}
-
-long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                                  char* pcStatus) {
-    const off_t iPos = iFile != -1 ? lseek(iFile, 0, SEEK_CUR) : off_t{-1};
-    const OsError error(iPos != -1, iFile);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS tell file (%d)",
-             "[%s] OS tell file (%d). Error=%s", pLogArgu->pcName, iFile);
-    return iPos;
-}
-
-long long CUtilities::OS_FileCopyRange([[maybe_unused]] int iFromFile,
-                                       [[maybe_unused]] long long iFromPos,
-                                       [[maybe_unused]] int iToFile,
-                                       [[maybe_unused]] unsigned int iLen) {
-#if defined(__linux__) || defined(__FreeBSD__)
-    off_t iPos = iFromPos;
-    return Grow([&] { return copy_file_range(iFromFile, &iPos, iToFile, nullptr, iLen, 0); });
-#else
-    return -1;
-#endif
-}
-
-int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                int iMode, char* pcStatus) {
-    const int iResult = mkdir(pcPath, static_cast<mode_t>(iMode));
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS create folder \"%s\" (mode = %d)",
-             "[%s] OS create folder \"%s\" (mode = %d). Error=%s", pLogArgu->pcName, pcPath, iMode);
-    return iResult;
-}
-
-int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                char* pcStatus) {
-    const int iResult = rmdir(pcPath);
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS remove folder \"%s\"",
-             "[%s] OS remove folder \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iResult;
-}
-
-int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                               int iMode, char* pcStatus) {
-    const int iResult = chmod(pcPath, static_cast<mode_t>(iMode));
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS set file mode \"%s\" (mode = %d)",
-             "[%s] OS set file mode \"%s\" (mode = %d). Error=%s", pLogArgu->pcName, pcPath, iMode);
-    return iResult;
-}
-
-int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                               struct stat* pData, char* pcStatus) {
-    const int iResult = lstat(pcPath, pData);
-    const OsError error(iResult != -1);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS get file stat \"%s\"",
-             "[%s] OS get file stat \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return iResult;
-}
-
-bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                unsigned long long iSize, char* pcStatus) {
-    const int iFile = Retry([&] { return open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0755); });
-    bool bOk = false;
-    bool bChanged = true;
-    int iError = errno;
-    if (iFile != -1) {
-        struct stat data {};
-        if (fstat(iFile, &data) != -1) {
-            bChanged = static_cast<unsigned long long>(data.st_size) != iSize;
-            bOk = !bChanged ||
-                  Grow([&] { return ftruncate(iFile, static_cast<off_t>(iSize)); }) != -1;
-        }
-        iError = errno;
-        close(iFile);
-    }
-    if (bOk && !bChanged) {
-        return true;
-    }
-    errno = iError;
-    const OsError error(bOk);
-    ReportOs(pRuntimeParam, error.pcText, pcStatus, "[%s] OS set file file \"%s\"",
-             "[%s] OS set file file \"%s\". Error=%s", pLogArgu->pcName, pcPath);
-    return bOk;
-}
-
-int CUtilities::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                 const char* pcPath, char* pcStatus) {
-    std::vector<std::string> vPieces;
-    SplitIntoVector(pcPath, '/', &vPieces);
-    const bool bLog = pRuntimeParam->IsLogFileAccess();
-    if (bLog) {
-        LogInfo(pRuntimeParam, "[%s] OS splited path \"%s\" into %d elements", pLogArgu->pcName,
-                pcPath, static_cast<int>(vPieces.size()));
-    }
-    // The first piece is empty (an absolute path) or a folder of the working directory that must
-    // be there.
-    std::string sFolder = vPieces.empty() ? "" : vPieces.front();
-    for (std::size_t i = 1; i + 1 < vPieces.size(); ++i) {
-        sFolder += '/' + vPieces[i];
-        if (bLog) {
-            LogInfo(pRuntimeParam, "[%s] Check folder \"%s\" exists", pLogArgu->pcName,
-                    sFolder.c_str());
-        }
-        if (OS_IsFileExists(sFolder.c_str())) {
-            continue;
-        }
-        if (bLog) {
-            LogInfo(pRuntimeParam, "[%s] Create folder \"%s\"", pLogArgu->pcName, sFolder.c_str());
-        }
-        if (OS_FolderCreate(pRuntimeParam, pLogArgu, sFolder.c_str(), 0755, pcStatus) == -1) {
-            return -1;
-        }
-    }
-    if (OS_IsFileExists(pcPath)) {
-        return OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_APPEND, true, pcStatus);
-    }
-    return OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, pcStatus);
-}
-
-bool CUtilities::OS_IsFileExists(const char* pcPath) {
-    struct stat data {};
-    return stat(pcPath, &data) == 0;
-}
-
-// =================================================================================================
-// File-system queries
-// =================================================================================================
-
-namespace {
-
-constexpr unsigned long long ALL_ONES = ~0ULL;
-
-// A value of statvfs(3), or all ones.
-template <typename Value>
-unsigned long long QueryFileSystem(const char* pcPath, Value value) {
-    struct statvfs data {};
-    return statvfs(pcPath, &data) == 0 ? static_cast<unsigned long long>(value(data)) : ALL_ONES;
-}
-
-// Types of file systems whose largest file differs from the usual one.
-constexpr unsigned long FS_TYPE_MSDOS = 0x4D44;
-constexpr unsigned long FS_TYPE_REISER = 0x52654973;
-
-}  // namespace
-
-unsigned long long CUtilities::GetTotalDiskSpace(const char* pcPath) {
-    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_blocks * d.f_frsize; });
-}
-
-unsigned long long CUtilities::GetFreeDiskSpace(const char* pcPath) {
-    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_bfree * d.f_frsize; });
-}
-
-unsigned long long CUtilities::GetFreeDiskSpaceAvailableToCaller(const char* pcPath) {
-    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_bavail * d.f_frsize; });
-}
-
-unsigned long long CUtilities::GetTotalFileSlots(const char* pcPath) {
-    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_files; });
-}
-
-unsigned long long CUtilities::GetFreeFileSlots(const char* pcPath) {
-    return QueryFileSystem(pcPath, [](const auto& d) { return d.f_ffree; });
-}
-
-unsigned long long CUtilities::GetFreeFileSlotsAvailableToCaller(const char* pcPath) {
-    // The server creates files with the rights that see every free slot.
-    return GetFreeFileSlots(pcPath);
-}
-
-unsigned long long CUtilities::GetFileSystemID(const char* pcPath) {
-    struct statvfs data {};
-    return statvfs(pcPath, &data) == 0 ? static_cast<unsigned long long>(data.f_fsid) : 4;
-}
-
-unsigned long long CUtilities::GetMaxFileSize(const char* pcPath) {
-    struct statfs data {};
-    if (statfs(pcPath, &data) == 0) {
-        const auto lType = static_cast<unsigned long>(data.f_type);
-        if (lType == FS_TYPE_MSDOS) {
-            return 1ULL << 32;
-        }
-        if (lType == FS_TYPE_REISER) {
-            return 1ULL << 43;
-        }
-    }
-    return 1ULL << 41;
-}
-
-unsigned long long CUtilities::GetCurrentSystemTimeInMilliseconds() {
-    struct timeval now {};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long long>(now.tv_usec) / 1000;
-}
-
-void CUtilities::GetPrintableFileSize(unsigned long long iValue, char* pcPrintSize) {
-    static constexpr const char* FORMATS[] = {"%.1fB",  "%.1fKB", "%.1fMB", "%.1fGB",
-                                              "%.1fTB", "%.1fPB", "%.1fEB"};
-    double d = static_cast<double>(iValue) / 1024;
-    std::size_t iUnit = 0;
-    while (d >= 1.0 && iUnit < 6) {
-        d /= 1024;
-        ++iUnit;
-    }
-    std::snprintf(pcPrintSize, 32, FORMATS[iUnit], d * 1024);
 }
 
 // =================================================================================================
@@ -1083,7 +636,7 @@ CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
         return {};
     }
     const std::string sPath(pcPath);
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     OpenedFileInfo info;
     const auto it = m_OpenedFileHandles.find(sPath);
@@ -1122,8 +675,10 @@ void CUtilities::CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
         // another file's under its hands.
         pInfo->pUse->m_iCloseLater = pInfo->iFile;
         pInfo->pUse.reset();
-        ReportOs(pRuntimeParam, nullptr, nullptr, "[%s] OS close file \"%s\"", "", pLogArgu->pcName,
-                 pInfo->sPath.c_str());
+        if (pRuntimeParam->IsLogFileAccess()) {
+            LogInfo(pRuntimeParam, "[%s] OS close file \"%s\"", pLogArgu->pcName,
+                    pInfo->sPath.c_str());
+        }
         return;
     }
     std::unique_lock<std::mutex> lock;
@@ -1144,7 +699,7 @@ void CUtilities::CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLo
 
 void CUtilities::CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                           const char* pcPath, bool bBelow) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     const auto close = [&](auto it) {
         if (it->second.iFile == -1) {
@@ -1175,7 +730,7 @@ void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pL
     if (pcPath == nullptr || *pcPath == '\0') {
         return;
     }
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     const auto it = m_OpenedFileHandles.find(pcPath);
     if (it == m_OpenedFileHandles.end()) {
@@ -1194,7 +749,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     char cFolder[PATH_SIZE];
     CopyPath(cFolder, pcPath);
     SetPathToCompare(cFolder);
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     for (auto it = m_OpenedFileHandles.begin(); it != m_OpenedFileHandles.end();) {
         char cEntry[PATH_SIZE];
@@ -1216,13 +771,13 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
 }
 
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
 }
 
 void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     std::size_t n = m_OpenedFileHandles.size() / 10;
     if (n == 0) {
@@ -1268,7 +823,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
                                                                 int iInfoFileSegmentSizeMB,
                                                                 int iInfoFileCheckPointSizeMB) {
     CloseRedirectedFile(pRuntimeParam, pcPath);
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     auto pFile = std::make_shared<CRedirectedFile>(this);
     pFile->Open(pRuntimeParam, iSize, static_cast<int>(m_mRedirectedFiles.size()),
@@ -1279,7 +834,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 }
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it != m_mRedirectedFiles.end()) {
@@ -1288,7 +843,7 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     if (m_mRedirectedFiles.empty()) {
         return;
@@ -1314,7 +869,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
         it = EraseRedirectedFile(pRuntimeParam, it);
@@ -1324,7 +879,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
 bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                           const char* pcSourcePath, long long iSrcFileOffset,
                                           long long iOffset, long long iLength, char* pcStatus) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it == m_mRedirectedFiles.end()) {
@@ -1357,7 +912,7 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
 
 void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                       const char* pathTo) {
-    const HeldLines lines(this);
+    const CHeldLines lines(this);
     const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pathTo));
     if (it != m_mRedirectedFiles.end()) {
@@ -1508,11 +1063,11 @@ void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
         std::unique_lock<std::mutex>* m_pLock;
     };
     const Cleaning cleaning(this, &lock);
-    const auto tell = [&](const char* pcFmt, auto... args) {
+    const auto unlocked = [&](auto log) {
         ++m_iVSphereLine;
         lock.unlock();
         try {
-            LogInfo(pRuntimeParam, pcFmt, args...);
+            log();
         } catch (const std::bad_alloc&) {
             // Without memory there is no line; the datastore is unmounted all the same.
         }
@@ -1520,12 +1075,14 @@ void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
         ++m_iVSphereLine;
     };
     CVSphereWebController controller(this, pRuntimeParam);
-    tell("Start cleanup mounted NFS datastores");
+    unlocked([&] { LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores"); });
     while (!m_VSphereInfos.empty()) {
         const auto node = m_VSphereInfos.extract(m_VSphereInfos.begin());
         const VSphereInfo& info = node.mapped();
-        tell("Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
-             info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+        unlocked([&] {
+            LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
+                    info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
+        });
         lock.unlock();
         controller.RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(),
                                  info.sPort.c_str(), info.sUser.c_str(), info.sPwd.c_str());
@@ -1541,194 +1098,5 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
                              long long iFileSize) {
     if (pRuntimeParam != nullptr) {
         CPlatformTest(this, pRuntimeParam).Run(pcDirPath, iFileSize);
-    }
-}
-
-// =================================================================================================
-// Logging
-// =================================================================================================
-
-void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage) {
-    LogInfo(pRuntimeParam->GetID(), pcMessage);
-}
-
-void CUtilities::LogError(CRuntimeParam* pRuntimeParam, char* pcMessage) {
-    LogError(pRuntimeParam->GetID(), pcMessage);
-}
-
-void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage) {
-    LogRaw(pRuntimeParam->GetID(), pcMessage);
-}
-
-int CUtilities::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
-                                                  bool bSize, unsigned long long iSize,
-                                                  bool bAccessTime, unsigned long lAccessTimeSec,
-                                                  bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec) {
-    return LogUpdateRedirectedFileAttributes(pRuntimeParam->GetID(), pcPath, bSize, iSize,
-                                             bAccessTime, lAccessTimeSec, bLastModifiedTime,
-                                             lLastModifiedTimeSec);
-}
-
-int CUtilities::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    return LogRemoveRedirectedFile(pRuntimeParam->GetID(), pcPath);
-}
-
-int CUtilities::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFm,
-                                        const char* pcPathTo) {
-    return LogRenameRedirectedFile(pRuntimeParam->GetID(), pcPathFm, pcPathTo);
-}
-
-int CUtilities::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
-                                       unsigned long long iSeek, int iSeekType, unsigned int iLen) {
-    return LogWriteRedirectedFile(pRuntimeParam->GetID(), pcPath, iSeek, iSeekType, iLen);
-}
-
-void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
-    char cMessage[STATUS_SIZE];
-    va_list vaArgs;
-    va_start(vaArgs, pcFmt);
-    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
-    va_end(vaArgs);
-    if (!HeldLines::Hold(this, &CUtilities::LogInfo, pRuntimeParam, cMessage)) {
-        LogInfo(pRuntimeParam, cMessage);
-    }
-}
-
-void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
-    char cMessage[STATUS_SIZE];
-    va_list vaArgs;
-    va_start(vaArgs, pcFmt);
-    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
-    va_end(vaArgs);
-    if (!HeldLines::Hold(this, &CUtilities::LogError, pRuntimeParam, cMessage)) {
-        LogError(pRuntimeParam, cMessage);
-    }
-}
-
-void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) {
-    char cMessage[STATUS_SIZE];
-    va_list vaArgs;
-    va_start(vaArgs, pcFmt);
-    std::vsnprintf(cMessage, sizeof(cMessage), pcFmt, vaArgs);
-    va_end(vaArgs);
-    if (!HeldLines::Hold(this, &CUtilities::LogRaw, pRuntimeParam, cMessage)) {
-        LogRaw(pRuntimeParam, cMessage);
-    }
-}
-
-void CUtilities::LogInfo(const char* pcID, char* pcMessage) {
-    const auto pCallback = GetCallback();
-    if (pCallback != nullptr && pCallback->LogInfo(pcID, pcMessage)) {
-        return;
-    }
-    CFileLogger* pFileLogger = m_pFileLogger;
-    if (pFileLogger != nullptr && pFileLogger->LogInfo(pcMessage)) {
-        return;
-    }
-    CStandardOutput::Print("[info] (%s) %s\n", pcID, pcMessage);
-}
-
-void CUtilities::LogError(const char* pcID, char* pcMessage) {
-    const auto pCallback = GetCallback();
-    if (pCallback != nullptr && pCallback->LogError(pcID, pcMessage)) {
-        return;
-    }
-    CFileLogger* pFileLogger = m_pFileLogger;
-    if (pFileLogger != nullptr && pFileLogger->LogError(pcMessage)) {
-        return;
-    }
-    CStandardOutput::Print("[erro] (%s) %s\n", pcID, pcMessage);
-}
-
-void CUtilities::LogRaw(const char* pcID, char* pcMessage) {
-    const auto pCallback = GetCallback();
-    if (pCallback != nullptr && pCallback->LogRaw(pcID, pcMessage)) {
-        return;
-    }
-    CFileLogger* pFileLogger = m_pFileLogger;
-    if (pFileLogger != nullptr && pFileLogger->LogRaw(pcMessage)) {
-        return;
-    }
-    CStandardOutput::Print("%s\n", pcMessage);
-}
-
-int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
-                                                  unsigned long long iSize, bool bAccessTime,
-                                                  unsigned long lAccessTimeSec,
-                                                  bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec) {
-    const auto pCallback = GetCallback();
-    return pCallback != nullptr ? pCallback->UpdateRedirectedFileAttributes(
-                                      pcID, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
-                                      bLastModifiedTime, lLastModifiedTimeSec)
-                                : -1;
-}
-
-int CUtilities::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
-    const auto pCallback = GetCallback();
-    return pCallback != nullptr ? pCallback->RemoveRedirectedFile(pcID, pcPath) : -1;
-}
-
-int CUtilities::LogRenameRedirectedFile(const char* pcID, const char* pcPathFm,
-                                        const char* pcPathTo) {
-    const auto pCallback = GetCallback();
-    return pCallback != nullptr ? pCallback->RenameRedirectedFile(pcID, pcPathFm, pcPathTo) : -1;
-}
-
-int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath,
-                                       unsigned long long iSeek, int iSeekType, unsigned int iLen) {
-    const auto pCallback = GetCallback();
-    return pCallback != nullptr
-               ? pCallback->WriteRedirectedFile(pcID, pcPath, iSeek, iSeekType, iLen)
-               : -1;
-}
-
-bool CUtilities::SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue) {
-    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
-    if (!m_vCallbacks.empty() && !bQueue) {
-        return false;
-    }
-    m_vCallbacks.push_back(std::move(pCallback));
-    return true;
-}
-
-void CUtilities::UnsetCallback(const IHostCallback* pCallback) {
-    std::shared_ptr<IHostCallback>
-        pUnset;  // its end, which may be the object's, comes after the lock's
-    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
-    const auto it = std::find_if(m_vCallbacks.begin(), m_vCallbacks.end(),
-                                 [&](const auto& p) { return p.get() == pCallback; });
-    if (it != m_vCallbacks.end()) {
-        pUnset = std::move(*it);
-        m_vCallbacks.erase(it);
-    }
-}
-
-std::shared_ptr<IHostCallback> CUtilities::GetCallback() {
-    const std::lock_guard<std::mutex> lock(m_hMutexCallbacks);
-    return m_vCallbacks.empty() ? nullptr : m_vCallbacks.front();
-}
-
-void CUtilities::SetStatus(char* pcStatus, const char* pcFmt, ...) {
-    if (pcStatus == nullptr) {
-        return;
-    }
-    va_list vaArgs;
-    va_start(vaArgs, pcFmt);
-    std::vsnprintf(pcStatus, STATUS_SIZE, pcFmt, vaArgs);
-    va_end(vaArgs);
-}
-
-void CUtilities::GetLastErrorText(char* pcBuf, int iError) {
-    // strerror_r(3) comes in two forms: one returns the text, one fills the buffer.
-    char cText[256] = "";
-    const auto result = strerror_r(iError, cText, sizeof(cText));
-    const char* pcText = cText;
-    if constexpr (std::is_pointer_v<decltype(result)>) {
-        pcText = result;
-    }
-    if (pcText != nullptr && *pcText != '\0') {
-        std::snprintf(pcBuf, STATUS_SIZE, "%s (%d)", pcText, iError);
     }
 }

@@ -18,23 +18,12 @@
 
 #include "FileTable.h"
 #include "RuntimeParam.h"
+#include "SystemCalls.h"
 
-class CFileLogger;
 class CRedirectedFile;
-class IHostCallback;
 
 // Bytes of a path buffer, its NUL included.
 inline constexpr std::size_t PATH_SIZE = 4096;
-// Bytes of a buffer for a reason or a finished log message, its NUL included.  Every pcStatus and
-// every error text argument points to this many bytes, or is null where null is allowed.
-inline constexpr std::size_t STATUS_SIZE = 2048;
-
-#if defined(__GNUC__)
-#define VELOCAST_PRINTF(iFormat, iFirst) __attribute__((format(printf, iFormat, iFirst)))
-#else
-#define VELOCAST_PRINTF(iFormat, iFirst)
-#endif
-
 // One export.
 struct MountInfo {
     std::string sLocalMountPath;  // canonical local directory
@@ -125,34 +114,15 @@ struct RedirectedFileUse {
 //
 // Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
 // and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
-class CUtilities {
+class CUtilities : public CSystemCalls {
 public:
     // === Object and reset ===
 
     CUtilities();
     // Closes nothing: the owner calls Reset first.
-    virtual ~CUtilities();
+    ~CUtilities() override;
     CUtilities(const CUtilities&) = delete;
     CUtilities& operator=(const CUtilities&) = delete;
-
-    // === Logging: the operations that a variant replaces ===
-
-    virtual void LogInfo(CRuntimeParam* pRuntimeParam, char* pcMessage);
-    virtual void LogError(CRuntimeParam* pRuntimeParam, char* pcMessage);
-    virtual void LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage);
-    // Tell the controller of a change that a client asked for; its answer, or -1 when there is
-    // none. 0 is success; of a write, the answer is the number of bytes that the client is told. No
-    // lock is held while the answer is awaited.
-    virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
-                                                  bool bSize, unsigned long long iSize,
-                                                  bool bAccessTime, unsigned long lAccessTimeSec,
-                                                  bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec);
-    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
-    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFm,
-                                        const char* pcPathTo);
-    virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
-                                       unsigned long long iSeek, int iSeekType, unsigned int iLen);
 
     // While the service stops, no request waits for a controller's answer.  Here nothing ever
     // waits.
@@ -187,9 +157,6 @@ public:
     // Appends '/' to a non-empty path that lacks it, so that a prefix test respects directory
     // boundaries.  pcPath points to PATH_SIZE bytes.
     static void SetPathToCompare(char* pcPath);
-    // Appends the pieces between the delimiters; a trailing delimiter gives no empty last piece.
-    static void SplitIntoVector(const char* pcStr, char cDelimiter,
-                                std::vector<std::string>* pvOutput);
 
     // === Exports (m_hMutexMountInfos, held for each whole operation) ===
 
@@ -263,68 +230,6 @@ public:
     int WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                   unsigned long long iSeek, int iSeekType, const void* pvBuf, unsigned int iLen);
 
-    // === System calls with uniform reporting ===
-    // Success is logged with file-access logging, failure with error logging.
-
-    int OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                      char* pcStatus);
-    int OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                      char* pcStatus);
-    int OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo, char* pcStatus);
-    // With bCloseExceededCachedFileHandle, sheds cached descriptors and tries once more when the
-    // process has too many open files.  O_NONBLOCK in iMode keeps a pipe or a device from hanging
-    // the open; the open of an ordinary file still waits for a lease on it to be given back.
-    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iMode,
-                    bool bCloseExceededCachedFileHandle, char* pcStatus);
-    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile,
-                     char* pcStatus);
-    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuf,
-                    unsigned int iLen, char* pcStatus);
-    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuf,
-                     unsigned int iLen, char* pcStatus);
-    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                          unsigned long long iSeek, int iSeekType, char* pcStatus);
-    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
-                          char* pcStatus);
-    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                        int iMode, char* pcStatus);
-    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                        char* pcStatus);
-    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                       int iMode, char* pcStatus);
-    // Of the node itself: a symbolic link is not followed.
-    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                       struct stat* pData, char* pcStatus);
-    // Creates a missing file; grows with zeros.
-    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                        unsigned long long iSize, char* pcStatus);
-    // Opens for appending, or creates, together with missing parent folders.
-    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                         char* pcStatus);
-    // Copies bytes inside the kernel from a place of one regular file to the position of another,
-    // which moves on.  The bytes copied, which may be fewer, or -1 where the system cannot.
-    static long long OS_FileCopyRange(int iFromFile, long long iFromPos, int iToFile,
-                                      unsigned int iLen);
-    // Follows symbolic links; logs nothing.
-    static bool OS_IsFileExists(const char* pcPath);
-
-    // === File-system queries; all ones on failure unless said otherwise ===
-
-    static unsigned long long GetTotalDiskSpace(const char* pcPath);
-    static unsigned long long GetFreeDiskSpace(const char* pcPath);
-    static unsigned long long GetFreeDiskSpaceAvailableToCaller(const char* pcPath);
-    static unsigned long long GetTotalFileSlots(const char* pcPath);
-    static unsigned long long GetFreeFileSlots(const char* pcPath);
-    static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* pcPath);
-    // 4 on failure.
-    static unsigned long long GetFileSystemID(const char* pcPath);
-    // In bytes, by the type of the file system.
-    static unsigned long long GetMaxFileSize(const char* pcPath);
-    static unsigned long long GetCurrentSystemTimeInMilliseconds();
-    // pcPrintSize points to 32 bytes.
-    static void GetPrintableFileSize(unsigned long long iValue, char* pcPrintSize);
-
     // === Descriptor cache (m_hMutexOpenedFileHandles) ===
 
     // The descriptor of the path, opened when it is not cached; -1 when it cannot be opened.  Opens
@@ -341,7 +246,7 @@ public:
                                    const char* pcPath);
     void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
     // Closes the least recently used tenth, or everything when there are fewer than ten.
-    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) override;
 
     // === Redirected files (m_hMutexRedirectedFiles) ===
     // Paths are compared as given.
@@ -390,54 +295,9 @@ public:
     // bytes, and reports each step as an info line.  Does nothing without runtime parameters.
     void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
 
-    // === Logging ===
-
-    // Formats into STATUS_SIZE bytes and calls the virtual operation of the same kind.
-    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
-    void LogError(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
-    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcFmt, ...) VELOCAST_PRINTF(3, 4);
-    // Deliver to exactly one sink: the callback when it takes it, else the file logger when one
-    // takes it, else standard output.
-    void LogInfo(const char* pcID, char* pcMessage);
-    void LogError(const char* pcID, char* pcMessage);
-    void LogRaw(const char* pcID, char* pcMessage);
-    // Deliver a notification to the controller in this process; -1 when there is none.
-    int LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
-                                          unsigned long long iSize, bool bAccessTime,
-                                          unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                          unsigned long lLastModifiedTimeSec);
-    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath);
-    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFm, const char* pcPathTo);
-    int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
-                               int iSeekType, unsigned int iLen);
-
-    // Formats a reason into pcStatus (STATUS_SIZE bytes, or null), cut to fit.
-    static void SetStatus(char* pcStatus, const char* pcFmt, ...) VELOCAST_PRINTF(2, 3);
-    // "%s (%d)" of the system's text and the number; pcBuf points to STATUS_SIZE bytes.
-    static void GetLastErrorText(char* pcBuf, int iError);
-
-    // Installs a callback when none is installed; with bQueue it otherwise waits until those before
-    // it are unset.  False when it was neither installed nor queued.
-    bool SetCallback(std::shared_ptr<IHostCallback> pCallback, bool bQueue);
-    // Takes the callback back; the next one in the queue takes its place at once.  It lives on
-    // until its last user is done.
-    void UnsetCallback(const IHostCallback* pCallback);
-    // The installed callback, or null.
-    std::shared_ptr<IHostCallback> GetCallback();
-    // Borrowed; must be unset or outlive this object.
-    void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger = pFileLogger; }
-    CFileLogger* GetFileLogger() const { return m_pFileLogger; }
-
 private:
-    class HeldLines;
-
     // Locks the table once no clean-up goes on.
     std::unique_lock<std::mutex> LockVSphereInfos();
-    // The "[%s]..." line of one system call: info when it worked (pcError null), else error with
-    // the reason, which is also copied to pcStatus.
-    template <typename... Args>
-    void ReportOs(CRuntimeParam* pRuntimeParam, const char* pcError, char* pcStatus,
-                  const char* pcInfoFmt, const char* pcErrorFmt, Args... args);
     // Whether a rename fails for certain, so that its target must not be removed for it.
     static bool IsImpossibleRename(const char* pathFrom, const char* pathTo);
     // Moves the redirected files below a renamed folder and tells the controller of each.  What it
@@ -464,10 +324,7 @@ private:
     std::map<std::string, SessionInfo> m_SessionInfos;              // by session ID
     std::map<std::string, VSphereInfo> m_VSphereInfos;              // by MOID
     std::unique_ptr<CFileTable> m_pFileTable;
-    std::vector<std::shared_ptr<IHostCallback>>
-        m_vCallbacks;                                  // the first is installed, others wait
-    std::atomic<CFileLogger*> m_pFileLogger{nullptr};  // borrowed
-    std::atomic<int> m_iExportStops{0};                // living ExportStop objects
+    std::atomic<int> m_iExportStops{0};  // living ExportStop objects
 
     std::mutex m_hMutexFileTable;  // guards m_pFileTable
     // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.
@@ -479,7 +336,6 @@ private:
     std::condition_variable m_hVSphereCleaned;
     std::thread::id m_hVSphereCleaner;  // the thread that cleans up; the default: none
     unsigned long m_iVSphereLine = 0;   // odd while the clean-up delivers a line
-    std::mutex m_hMutexCallbacks;       // guards m_vCallbacks; a leaf
 };
 
 #endif
