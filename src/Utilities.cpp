@@ -1,30 +1,17 @@
 #include "Utilities.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/statvfs.h>
-#include <sys/time.h>
+#include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#if defined(__linux__)
-#include <sys/vfs.h>
-#else
-#include <sys/mount.h>
-#include <sys/param.h>
-#endif
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <new>
-#include <string_view>
-#include <type_traits>
 
 #include "HeldLines.h"
+#include "Paths.h"
 #include "PlatformTest.h"
 #include "RedirectedFile.h"
 #include "VSphereWebController.h"
@@ -33,17 +20,6 @@ namespace {
 
 // A null text counts as an empty one.
 const char* Text(const char* pc) { return pc != nullptr ? pc : ""; }
-
-// Copies a text into a buffer of PATH_SIZE bytes, cut to fit.
-void CopyPath(char* pcDst, const char* pcSrc) {
-    const std::size_t iLen = std::min(std::strlen(pcSrc), PATH_SIZE - 1);
-    std::memcpy(pcDst, pcSrc, iLen);
-    pcDst[iLen] = '\0';
-}
-
-bool StartsWith(const char* pcText, const char* pcPrefix) {
-    return std::strncmp(pcText, pcPrefix, std::strlen(pcPrefix)) == 0;
-}
 
 bool IsFolder(const char* pcPath) {
     struct stat data {};
@@ -56,7 +32,7 @@ bool IsFolder(const char* pcPath) {
 // Object and reset
 // =================================================================================================
 
-CUtilities::CUtilities() : m_pFileTable(std::make_unique<CFileTable>()) {}
+CUtilities::CUtilities() : m_DescriptorCache(this), m_pFileTable(std::make_unique<CFileTable>()) {}
 
 CUtilities::~CUtilities() {
     for (const auto& [sPath, pFile] : m_mRedirectedFiles) {
@@ -118,17 +94,74 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
         SetStatus(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    m_MountInfos[sExportName] = MountInfo{cPath, sExportName, Text(pcIpcID), ""};
+    const CMutexLock lock(m_hMutexMountInfos);
+    m_Exports.Add({cPath, sExportName, Text(pcIpcID), ""});
     return true;
+}
+
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                                 const char* pcLocalMountPath) {
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcLocalMountPath));
+    const CMutexLock lock(m_hMutexMountInfos);
+    m_Exports.RemoveByPath(cPath);
+    if (m_Exports.IsEmpty()) {
+        ResetFileTable();
+    }
+}
+
+void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
+    const CMutexLock lock(m_hMutexMountInfos);
+    m_Exports.RemoveByName(Text(pcExportName));
+    if (m_Exports.IsEmpty()) {
+        ResetFileTable();
+    }
+}
+
+void CUtilities::RemoveAllMountInfo() {
+    const CMutexLock lock(m_hMutexMountInfos);
+    m_Exports.Clear();
+    ResetFileTable();
+}
+
+bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName,
+                                                     const char* pcRemoteAddr,
+                                                     MountInfo* pMountInfo, char* pcStatus) {
+    const CMutexLock lock(m_hMutexMountInfos);
+    MountInfo* pInfo = m_Exports.FindByName(Text(pcExportName));
+    if (pInfo == nullptr) {
+        SetStatus(pcStatus, "Undefined export name \"%s\"", Text(pcExportName));
+        return false;
+    }
+    if (pcRemoteAddr != nullptr && !pInfo->sRemoteIpAddr.empty()) {
+        SetStatus(pcStatus, "This mount point \"%s\" already mounted by %s", pcExportName,
+                  pInfo->sRemoteIpAddr.c_str());
+        return false;
+    }
+    pInfo->sRemoteIpAddr = Text(pcRemoteAddr);
+    if (pMountInfo != nullptr) {
+        *pMountInfo = *pInfo;
+    }
+    return true;
+}
+
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath, MountInfo* pMountInfo) {
+    const CHeldLines lines(this);
+    const CMutexLock lock(m_hMutexMountInfos);
+    const MountInfo* pInfo = m_Exports.FindByPath(this, pRuntimeParam, pLogArgu, Text(pcPath));
+    if (pInfo != nullptr && pMountInfo != nullptr) {
+        *pMountInfo = *pInfo;
+    }
+    return pInfo != nullptr;
 }
 
 bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                    const char* pcLocalMountPath, const char* pcExportName,
                                    char* pcStatus) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    if (pcExportName != nullptr && m_MountInfos.count(pcExportName) != 0) {
+    const CMutexLock lock(m_hMutexMountInfos);
+    if (pcExportName != nullptr && m_Exports.FindByName(pcExportName) != nullptr) {
         SetStatus(pcStatus, "Export name \"%s\" already defined", pcExportName);
         return true;
     }
@@ -137,134 +170,34 @@ bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
     }
     char cPath[PATH_SIZE];
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalMountPath);
-    const bool bExists =
-        std::any_of(m_MountInfos.begin(), m_MountInfos.end(),
-                    [&](const auto& entry) { return entry.second.sLocalMountPath == cPath; });
-    if (bExists) {
-        SetStatus(pcStatus, "Local mount path \"%s\" already defined", cPath);
-    }
-    return bExists;
-}
-
-bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName,
-                                                     const char* pcRemoteAddr,
-                                                     MountInfo* pMountInfo, char* pcStatus) {
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    const auto it = m_MountInfos.find(Text(pcExportName));
-    if (it == m_MountInfos.end()) {
-        SetStatus(pcStatus, "Undefined export name \"%s\"", Text(pcExportName));
+    if (!m_Exports.HasPath(cPath)) {
         return false;
     }
-    MountInfo& info = it->second;
-    if (pcRemoteAddr != nullptr && !info.sRemoteIpAddr.empty()) {
-        SetStatus(pcStatus, "This mount point \"%s\" already mounted by %s", pcExportName,
-                  info.sRemoteIpAddr.c_str());
-        return false;
-    }
-    info.sRemoteIpAddr = Text(pcRemoteAddr);
-    if (pMountInfo != nullptr) {
-        *pMountInfo = info;
-    }
+    SetStatus(pcStatus, "Local mount path \"%s\" already defined", cPath);
     return true;
 }
 
-bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                    const char* pcPath, MountInfo* pMountInfo) {
-    char cTarget[PATH_SIZE];
-    CopyPath(cTarget, Text(pcPath));
-    SetPathToCompare(cTarget);
-
-    const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    for (const auto& [sName, info] : m_MountInfos) {
-        const char* pcLocal = info.sLocalMountPath.c_str();
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, cTarget,
-                    pcLocal);
-        }
-        if (!StartsWith(cTarget, pcLocal)) {
-            continue;
-        }
-        char cExport[PATH_SIZE];
-        CopyPath(cExport, pcLocal);
-        SetPathToCompare(cExport);
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, cTarget,
-                    cExport);
-        }
-        if (!StartsWith(cTarget, cExport)) {
-            continue;
-        }
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
-        }
-        if (pMountInfo != nullptr) {
-            *pMountInfo = info;
-        }
-        return true;
-    }
-    return false;
-}
-
-void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                                 const char* pcLocalMountPath) {
-    char cPath[PATH_SIZE];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcLocalMountPath));
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    const auto it = std::find_if(m_MountInfos.begin(), m_MountInfos.end(), [&](const auto& entry) {
-        return entry.second.sLocalMountPath == cPath;
-    });
-    if (it != m_MountInfos.end()) {
-        m_MountInfos.erase(it);
-    }
-    if (m_MountInfos.empty()) {
-        ResetFileTable();
-    }
-}
-
-void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    m_MountInfos.erase(Text(pcExportName));
-    if (m_MountInfos.empty()) {
-        ResetFileTable();
-    }
-}
-
-void CUtilities::RemoveAllMountInfo() {
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    m_MountInfos.clear();
-    ResetFileTable();
-}
-
 bool CUtilities::IsRemoteAddrExists(const char* pcRemoteAddr) {
-    const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-    return std::any_of(m_MountInfos.begin(), m_MountInfos.end(), [&](const auto& entry) {
-        return entry.second.sRemoteIpAddr == Text(pcRemoteAddr);
-    });
+    const CMutexLock lock(m_hMutexMountInfos);
+    return m_Exports.HasClient(Text(pcRemoteAddr));
 }
 
 int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
                              bool bPrintDetails) {
     std::vector<MountInfo> vRows;
-    int iCount = 0;
     {
-        const std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
-        for (const auto& [sName, info] : m_MountInfos) {
-            if (bClientMountedOnly && info.sRemoteIpAddr.empty()) {
-                continue;
-            }
-            ++iCount;
-            if (bPrintDetails) {
-                vRows.push_back(info);
-            }
+        const CMutexLock lock(m_hMutexMountInfos);
+        vRows = m_Exports.GetRows(bClientMountedOnly);
+    }
+    if (bPrintDetails) {
+        int iRow = 0;
+        for (const MountInfo& info : vRows) {
+            LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", ++iRow,
+                   info.sLocalMountPath.c_str(), info.sExportName.c_str(),
+                   info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
         }
     }
-    int iRow = 0;
-    for (const MountInfo& info : vRows) {
-        LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", ++iRow, info.sLocalMountPath.c_str(),
-               info.sExportName.c_str(), info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
-    }
-    return iCount;
+    return static_cast<int>(vRows.size());
 }
 
 // =================================================================================================
@@ -272,29 +205,29 @@ int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOn
 // =================================================================================================
 
 void CUtilities::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    const CMutexLock lock(m_hMutexSessionInfos);
     m_SessionInfos[Text(pcSessionID)] = SessionInfo{Text(pcSessionID), Text(pcLocalMountPath)};
 }
 
 void CUtilities::RemoveSessionInfo(const char* pcSessionID) {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    const CMutexLock lock(m_hMutexSessionInfos);
     m_SessionInfos.erase(Text(pcSessionID));
 }
 
 void CUtilities::RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath) {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    const CMutexLock lock(m_hMutexSessionInfos);
     std::erase_if(m_SessionInfos, [&](const auto& entry) {
         return entry.second.sLocalMountPath == Text(pcLocalMountPath);
     });
 }
 
 void CUtilities::RemoveAllSessionInfo() {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    const CMutexLock lock(m_hMutexSessionInfos);
     m_SessionInfos.clear();
 }
 
 bool CUtilities::IsSessionExists(const char* pcSessionID) {
-    const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    const CMutexLock lock(m_hMutexSessionInfos);
     return m_SessionInfos.count(Text(pcSessionID)) != 0;
 }
 
@@ -302,7 +235,7 @@ int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     std::vector<SessionInfo> vRows;
     int iCount = 0;
     {
-        const std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+        const CMutexLock lock(m_hMutexSessionInfos);
         for (const auto& [sID, info] : m_SessionInfos) {
             ++iCount;
             if (bPrintDetails) {
@@ -326,7 +259,7 @@ std::uint32_t CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
                                     const char* pcPath) {
     char cPath[PATH_SIZE];
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, Text(pcPath));
-    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    const CMutexLock lock(m_hMutexFileTable);
     if (m_pFileTable == nullptr) {
         return FILE_ID_NONE;
     }
@@ -364,7 +297,7 @@ bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const unsigned ch
     if (iID == FILE_ID_NONE) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    const CMutexLock lock(m_hMutexFileTable);
     if (m_pFileTable == nullptr || !m_pFileTable->GetPathByID(iID, pcPath, iBufSize)) {
         return false;
     }
@@ -373,7 +306,7 @@ bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const unsigned ch
 }
 
 void CUtilities::ResetFileTable() {
-    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    const CMutexLock lock(m_hMutexFileTable);
     if (m_pFileTable != nullptr) {
         m_pFileTable->Clear();
     }
@@ -390,10 +323,7 @@ long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     }
     const CHeldLines lines(this);
     const CachedFile file = UseCachedFile(pRuntimeParam, pLogArgu, pcPath, false);
-    std::unique_lock<std::mutex> lock;
-    if (file.pUse != nullptr) {
-        lock = std::unique_lock<std::mutex>(file.pUse->m_hMutex);
-    }
+    const auto lock = file.Lock();
     const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, 0, SEEK_END, nullptr);
     return iEnd >= 0 ? iEnd : iSize;
 }
@@ -482,7 +412,7 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     if (bFolder) {
         RenameRedirectedFilesBelow(pRuntimeParam, pathFrom, pathTo);
     }
-    const std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    const CMutexLock lock(m_hMutexFileTable);
     if (m_pFileTable == nullptr) {
         return bAccepted;
     }
@@ -503,7 +433,7 @@ bool CUtilities::IsImpossibleRename(const char* pathFrom, const char* pathTo) {
     if (!OS_IsFileExists(pathFrom)) {
         return false;  // nothing is renamed
     }
-    if (sTo.starts_with(sFrom + '/')) {
+    if (IsBelow(sTo, sFrom)) {
         return true;  // a folder into itself
     }
     const auto getDevice = [](const std::string& sPath, dev_t* piDevice) {
@@ -552,7 +482,7 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     if (file.iFile == -1) {
         return -1;
     }
-    const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+    const auto lock = file.Lock();
     if (OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, iSeek, iSeekType, nullptr) == -1) {
         // A place that no file can have lies behind the end of this one.  Anywhere else the bytes
         // at another place would be the wrong ones.
@@ -580,7 +510,7 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     if (file.iFile == -1) {
         return -1;
     }
-    const std::lock_guard<std::mutex> lock(file.pUse->m_hMutex);
+    const auto lock = file.Lock();
     if (OS_FileSeek(pRuntimeParam, pLogArgu, file.iFile, iSeek, iSeekType, nullptr) == -1) {
         return -1;
     }
@@ -591,40 +521,6 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
 // Descriptor cache
 // =================================================================================================
 
-namespace {
-
-constexpr std::size_t MAX_CACHED_FILES = 1023;  // more than that sheds the oldest tenth
-
-// Orders the entries by last access, in seconds; within one second the descriptor's digits decide.
-std::string MakeTimeKey(int iFile) {
-    char cKey[48];
-    std::snprintf(cKey, sizeof(cKey), "%016llu%d",
-                  static_cast<unsigned long long>(std::time(nullptr)), iFile);
-    return cKey;
-}
-
-}  // namespace
-
-CDescriptorUse::CDescriptorUse(int iFile) {
-    struct stat data {};
-    if (fstat(iFile, &data) == 0) {
-        m_bRegular = S_ISREG(data.st_mode);
-        m_iDevice = data.st_dev;
-        m_iNode = data.st_ino;
-    }
-}
-
-bool CDescriptorUse::IsOtherRegularFile(const CDescriptorUse& other) const {
-    return m_bRegular && other.m_bRegular &&
-           (m_iDevice != other.m_iDevice || m_iNode != other.m_iNode);
-}
-
-CDescriptorUse::~CDescriptorUse() {
-    if (m_iCloseLater != -1) {
-        close(m_iCloseLater);
-    }
-}
-
 int CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                     const char* pcPath, bool bAlwaysReadWrite) {
     return UseCachedFile(pRuntimeParam, pLogArgu, pcPath, bAlwaysReadWrite).iFile;
@@ -632,175 +528,49 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
 
 CachedFile CUtilities::UseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                      const char* pcPath, bool bAlwaysReadWrite) {
-    if (pcPath == nullptr || *pcPath == '\0') {
+    if (*Text(pcPath) == '\0') {
         return {};
     }
-    const std::string sPath(pcPath);
     const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    OpenedFileInfo info;
-    const auto it = m_OpenedFileHandles.find(sPath);
-    if (it != m_OpenedFileHandles.end()) {
-        info = it->second;
-    }
-    if (info.iFile == -1) {
-        if (m_OpenedFileHandles.size() > MAX_CACHED_FILES) {
-            CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
-        }
-        const bool bReadWrite =
-            bAlwaysReadWrite || GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
-        if (pRuntimeParam->IsLogFileAccess()) {
-            LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName,
-                    bReadWrite ? "read/write" : "read only", pcPath);
-        }
-        info.iFile = OS_FileOpen(pRuntimeParam, pLogArgu, pcPath,
-                                 (bReadWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK, true, nullptr);
-        info.sPath = sPath;
-        if (info.iFile != -1) {
-            info.pUse = std::make_shared<CDescriptorUse>(info.iFile);
-        }
-    }
-    // A failed open is entered too: the next request tries again, and eviction forgets it.
-    m_OpenedFileLastAccessList.erase(info.sTimeKey);
-    info.sTimeKey = MakeTimeKey(info.iFile);
-    m_OpenedFileLastAccessList[info.sTimeKey] = sPath;
-    m_OpenedFileHandles[sPath] = info;
-    return {info.iFile, info.pUse};
-}
-
-void CUtilities::CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                 OpenedFileInfo* pInfo) {
-    if (pInfo->pUse != nullptr && pInfo->pUse.use_count() > 1) {
-        // A request on another thread still reads or writes: the descriptor must not become
-        // another file's under its hands.
-        pInfo->pUse->m_iCloseLater = pInfo->iFile;
-        pInfo->pUse.reset();
-        if (pRuntimeParam->IsLogFileAccess()) {
-            LogInfo(pRuntimeParam, "[%s] OS close file \"%s\"", pLogArgu->pcName,
-                    pInfo->sPath.c_str());
-        }
-        return;
-    }
-    std::unique_lock<std::mutex> lock;
-    if (pInfo->pUse != nullptr) {
-        // Nobody holds it any more; taking it orders the last user's transfer before the close.
-        lock = std::unique_lock<std::mutex>(pInfo->pUse->m_hMutex, std::try_to_lock);
-    }
-    OS_FileClose(pRuntimeParam, pLogArgu, pInfo->sPath.c_str(), pInfo->iFile, nullptr);
-}
-
-void CUtilities::CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
-    for (auto& [sPath, info] : m_OpenedFileHandles) {
-        CloseOpenedFile(pRuntimeParam, pLogArgu, &info);
-    }
-    m_OpenedFileHandles.clear();
-    m_OpenedFileLastAccessList.clear();
-}
-
-void CUtilities::CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                          const char* pcPath, bool bBelow) {
-    const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    const auto close = [&](auto it) {
-        if (it->second.iFile == -1) {
-            return std::next(it);
-        }
-        m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
-        CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
-        return m_OpenedFileHandles.erase(it);
-    };
-    const auto itSelf = m_OpenedFileHandles.find(pcPath);
-    if (itSelf != m_OpenedFileHandles.end()) {
-        close(itSelf);
-    }
-    if (!bBelow) {
-        return;
-    }
-    char cFolder[PATH_SIZE];
-    CopyPath(cFolder, pcPath);
-    SetPathToCompare(cFolder);
-    for (auto it = m_OpenedFileHandles.lower_bound(cFolder);
-         it != m_OpenedFileHandles.end() && StartsWith(it->first.c_str(), cFolder);) {
-        it = close(it);
-    }
+    const CMutexLock lock(m_hMutexOpenedFileHandles);
+    return m_DescriptorCache.Use(pRuntimeParam, pLogArgu, pcPath, bAlwaysReadWrite);
 }
 
 void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                        const char* pcPath) {
-    if (pcPath == nullptr || *pcPath == '\0') {
-        return;
+    if (*Text(pcPath) != '\0') {
+        const CHeldLines lines(this);
+        const CMutexLock lock(m_hMutexOpenedFileHandles);
+        m_DescriptorCache.Close(pRuntimeParam, pLogArgu, pcPath);
     }
-    const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    const auto it = m_OpenedFileHandles.find(pcPath);
-    if (it == m_OpenedFileHandles.end()) {
-        return;
-    }
-    m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
-    CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
-    m_OpenedFileHandles.erase(it);
 }
 
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                            const char* pcPath) {
-    if (pcPath == nullptr || *pcPath == '\0') {
-        return;
-    }
-    char cFolder[PATH_SIZE];
-    CopyPath(cFolder, pcPath);
-    SetPathToCompare(cFolder);
-    const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    for (auto it = m_OpenedFileHandles.begin(); it != m_OpenedFileHandles.end();) {
-        char cEntry[PATH_SIZE];
-        CopyPath(cEntry, it->first.c_str());
-        SetPathToCompare(cEntry);
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            LogInfo(pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"",
-                    cFolder, cEntry);
-        }
-        if (!StartsWith(cEntry, cFolder)) {
-            ++it;
-            continue;
-        }
-        m_OpenedFileLastAccessList.erase(it->second.sTimeKey);
-        CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
-        m_OpenedFileHandles.erase(it);
-        it = m_OpenedFileHandles.begin();  // every walk is logged from the first entry
+    if (*Text(pcPath) != '\0') {
+        const CHeldLines lines(this);
+        const CMutexLock lock(m_hMutexOpenedFileHandles);
+        m_DescriptorCache.CloseBelow(pRuntimeParam, pLogArgu, pcPath);
     }
 }
 
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
+    const CMutexLock lock(m_hMutexOpenedFileHandles);
+    m_DescriptorCache.CloseAll(pRuntimeParam, pLogArgu);
 }
 
 void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    std::size_t n = m_OpenedFileHandles.size() / 10;
-    if (n == 0) {
-        if (pRuntimeParam->IsLogFileAccess()) {
-            LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: ALL", pLogArgu->pcName);
-        }
-        CloseEveryOpenedFile(pRuntimeParam, pLogArgu);
-        return;
-    }
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: %d", pLogArgu->pcName,
-                static_cast<int>(n));
-    }
-    while (n >= 1 && !m_OpenedFileLastAccessList.empty()) {
-        const auto itOldest = m_OpenedFileLastAccessList.begin();
-        const auto it = m_OpenedFileHandles.find(itOldest->second);
-        if (it != m_OpenedFileHandles.end()) {
-            CloseOpenedFile(pRuntimeParam, pLogArgu, &it->second);
-            m_OpenedFileHandles.erase(it);
-            --n;
-        }
-        m_OpenedFileLastAccessList.erase(itOldest);
-    }
+    const CMutexLock lock(m_hMutexOpenedFileHandles);
+    m_DescriptorCache.CloseExceeded(pRuntimeParam, pLogArgu);
+}
+
+void CUtilities::CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                          const char* pcPath, bool bBelow) {
+    const CHeldLines lines(this);
+    const CMutexLock lock(m_hMutexOpenedFileHandles);
+    m_DescriptorCache.CloseOutdated(pRuntimeParam, pLogArgu, pcPath, bBelow);
 }
 
 // =================================================================================================
@@ -824,7 +594,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
                                                                 int iInfoFileCheckPointSizeMB) {
     CloseRedirectedFile(pRuntimeParam, pcPath);
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     auto pFile = std::make_shared<CRedirectedFile>(this);
     pFile->Open(pRuntimeParam, iSize, static_cast<int>(m_mRedirectedFiles.size()),
                 bCreateInfoFile ? Text(pcPath) : nullptr, iInfoFileSegmentSizeMB,
@@ -835,7 +605,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it != m_mRedirectedFiles.end()) {
         EraseRedirectedFile(pRuntimeParam, it);
@@ -844,22 +614,16 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     if (m_mRedirectedFiles.empty()) {
         return;
     }
-    char cFolder[PATH_SIZE];
-    CopyPath(cFolder, Text(pcPath));
-    SetPathToCompare(cFolder);
     for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
-        char cEntry[PATH_SIZE];
-        CopyPath(cEntry, it->first.c_str());
-        SetPathToCompare(cEntry);
         if (pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"",
-                    cFolder, cEntry);
+                    WithSlash(Text(pcPath)).c_str(), WithSlash(it->first).c_str());
         }
-        if (!StartsWith(cEntry, cFolder)) {
+        if (!IsBelow(it->first, Text(pcPath))) {
             ++it;
             continue;
         }
@@ -870,7 +634,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
         it = EraseRedirectedFile(pRuntimeParam, it);
     }
@@ -880,7 +644,7 @@ bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const ch
                                           const char* pcSourcePath, long long iSrcFileOffset,
                                           long long iOffset, long long iLength, char* pcStatus) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it == m_mRedirectedFiles.end()) {
         return false;
@@ -892,7 +656,7 @@ bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const ch
 
 void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                       const char* pcExportPath) {
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it != m_mRedirectedFiles.end()) {
         const std::lock_guard<std::mutex> lockFile(it->second->GetMutex());
@@ -902,7 +666,7 @@ void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                           const char* pcExportPath, bool bMergeRange) {
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     if (it != m_mRedirectedFiles.end()) {
         const std::lock_guard<std::mutex> lockFile(it->second->GetMutex());
@@ -913,7 +677,7 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
 void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                       const char* pathTo) {
     const CHeldLines lines(this);
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pathTo));
     if (it != m_mRedirectedFiles.end()) {
         EraseRedirectedFile(pRuntimeParam, it);
@@ -927,29 +691,25 @@ void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 void CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                             const char* pathTo) {
-    char cFrom[PATH_SIZE];
-    char cTo[PATH_SIZE];
-    CopyPath(cFrom, pathFrom);
-    CopyPath(cTo, pathTo);
-    SetPathToCompare(cFrom);
-    SetPathToCompare(cTo);
+    const std::string sFromFolder = WithSlash(pathFrom);
+    const std::string sToFolder = WithSlash(pathTo);
     std::vector<std::string> vPaths;
     {
-        const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
-        for (auto it = m_mRedirectedFiles.lower_bound(cFrom);
-             it != m_mRedirectedFiles.end() && StartsWith(it->first.c_str(), cFrom); ++it) {
+        const CMutexLock lock(m_hMutexRedirectedFiles);
+        for (auto it = m_mRedirectedFiles.lower_bound(sFromFolder);
+             it != m_mRedirectedFiles.end() && IsBelow(it->first, sFromFolder); ++it) {
             vPaths.push_back(it->first);
         }
     }
     for (const std::string& sPath : vPaths) {
-        const std::string sTo = cTo + sPath.substr(std::strlen(cFrom));
+        const std::string sTo = sToFolder + sPath.substr(sFromFolder.size());
         RenameRedirectedFile(pRuntimeParam, sPath.c_str(), sTo.c_str());
         LogRenameRedirectedFile(pRuntimeParam, sPath.c_str(), sTo.c_str());
     }
 }
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
-    const std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    const CMutexLock lock(m_hMutexRedirectedFiles);
     const auto it = m_mRedirectedFiles.find(Text(pcPath));
     return it != m_mRedirectedFiles.end() ? it->second : nullptr;
 }
@@ -979,24 +739,42 @@ void VSphereInfo::WipePassword() { explicit_bzero(sPwd.data(), sPwd.size()); }
 // A clean-up keeps everybody else out, but it holds no lock while it tells of its steps: whoever
 // takes the lines may be waiting for an answer of ours.  One that has not taken a line within a
 // second is taken to do so.
-std::unique_lock<std::mutex> CUtilities::LockVSphereInfos() {
+class SCOPED_CAPABILITY CUtilities::VSphereLock {
+public:
+    explicit VSphereLock(CUtilities* pUtilities) ACQUIRE(pUtilities->m_hMutexVSphereInfos)
+        : m_pUtilities(pUtilities) {
+        m_pUtilities->m_hMutexVSphereInfos.lock();
+        m_pUtilities->WaitForVSphereCleaner();
+    }
+    ~VSphereLock() RELEASE() { m_pUtilities->m_hMutexVSphereInfos.unlock(); }
+    VSphereLock(const VSphereLock&) = delete;
+    VSphereLock& operator=(const VSphereLock&) = delete;
+
+private:
+    CUtilities* m_pUtilities;
+};
+
+void CUtilities::WaitForVSphereCleaner() {
     constexpr std::chrono::seconds LINE_TIME{1};
-    std::unique_lock<std::mutex> lock(m_hMutexVSphereInfos);
     while (m_hVSphereCleaner != std::thread::id() &&
            m_hVSphereCleaner != std::this_thread::get_id()) {
         const unsigned long iLine = m_iVSphereLine;
-        const bool bDone = m_hVSphereCleaned.wait_for(
-            lock, LINE_TIME, [this] { return m_hVSphereCleaner == std::thread::id(); });
-        if (!bDone && iLine % 2 == 1 && iLine == m_iVSphereLine) {
+        // One wait lasts until the time is over or the cleaner is done, whatever wakes it.
+        const auto end = std::chrono::steady_clock::now() + LINE_TIME;
+        bool bTimeout = false;
+        while (m_hVSphereCleaner != std::thread::id() && !bTimeout) {
+            bTimeout =
+                m_hVSphereCleaned.wait_until(m_hMutexVSphereInfos, end) == std::cv_status::timeout;
+        }
+        if (m_hVSphereCleaner != std::thread::id() && iLine % 2 == 1 && iLine == m_iVSphereLine) {
             break;
         }
     }
-    return lock;
 }
 
 void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                                 const char* pcUser, const char* pcPwd) {
-    const auto lock = LockVSphereInfos();
+    const VSphereLock lock(this);
     // Filled in place: a record that is moved in would leave the password behind.
     VSphereInfo& info = m_VSphereInfos[Text(pcDatastoreMoid)];
     info.sDatastoreMoid = Text(pcDatastoreMoid);
@@ -1008,7 +786,7 @@ void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
-    const auto lock = LockVSphereInfos();
+    const VSphereLock lock(this);
     m_VSphereInfos.erase(Text(pcDatastoreMoid));
 }
 
@@ -1021,7 +799,7 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     std::vector<Row> vRows;
     int iCount = 0;
     {
-        const auto lock = LockVSphereInfos();
+        const VSphereLock lock(this);
         for (const auto& [sMoid, info] : m_VSphereInfos) {
             ++iCount;
             if (bPrintDetails) {
@@ -1038,20 +816,18 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
 }
 
 void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
-    auto lock = LockVSphereInfos();
-    if (m_VSphereInfos.empty()) {
-        return;
+    {
+        const VSphereLock lock(this);
+        if (m_VSphereInfos.empty()) {
+            return;
+        }
+        m_hVSphereCleaner = std::this_thread::get_id();
     }
     // Lets the others in again, in whatever way this ends.
     struct Cleaning {
-        Cleaning(CUtilities* pUtilities, std::unique_lock<std::mutex>* pLock)
-            : m_pUtilities(pUtilities), m_pLock(pLock) {
-            m_pUtilities->m_hVSphereCleaner = std::this_thread::get_id();
-        }
+        explicit Cleaning(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
         ~Cleaning() {
-            if (!m_pLock->owns_lock()) {
-                m_pLock->lock();
-            }
+            const CMutexLock lock(m_pUtilities->m_hMutexVSphereInfos);
             m_pUtilities->m_hVSphereCleaner = std::thread::id();
             m_pUtilities->m_hVSphereCleaned.notify_all();
         }
@@ -1060,33 +836,39 @@ void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
 
     private:
         CUtilities* m_pUtilities;
-        std::unique_lock<std::mutex>* m_pLock;
     };
-    const Cleaning cleaning(this, &lock);
-    const auto unlocked = [&](auto log) {
+    const Cleaning cleaning(this);
+    const auto countLine = [this] {
+        const CMutexLock lock(m_hMutexVSphereInfos);
         ++m_iVSphereLine;
-        lock.unlock();
+    };
+    const auto tell = [&](auto log) {
+        countLine();
         try {
             log();
         } catch (const std::bad_alloc&) {
             // Without memory there is no line; the datastore is unmounted all the same.
         }
-        lock.lock();
-        ++m_iVSphereLine;
+        countLine();
     };
     CVSphereWebController controller(this, pRuntimeParam);
-    unlocked([&] { LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores"); });
-    while (!m_VSphereInfos.empty()) {
-        const auto node = m_VSphereInfos.extract(m_VSphereInfos.begin());
+    tell([&] { LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores"); });
+    for (;;) {
+        std::map<std::string, VSphereInfo>::node_type node;
+        {
+            const CMutexLock lock(m_hMutexVSphereInfos);
+            if (m_VSphereInfos.empty()) {
+                return;
+            }
+            node = m_VSphereInfos.extract(m_VSphereInfos.begin());
+        }
         const VSphereInfo& info = node.mapped();
-        unlocked([&] {
+        tell([&] {
             LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"",
                     info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
         });
-        lock.unlock();
         controller.RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(),
                                  info.sPort.c_str(), info.sUser.c_str(), info.sPwd.c_str());
-        lock.lock();
     }
 }
 

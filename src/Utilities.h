@@ -16,21 +16,15 @@
 #include <thread>
 #include <vector>
 
+#include "DescriptorCache.h"
+#include "ExportTable.h"
 #include "FileTable.h"
+#include "Mutex.h"
+#include "Paths.h"
 #include "RuntimeParam.h"
 #include "SystemCalls.h"
 
 class CRedirectedFile;
-
-// Bytes of a path buffer, its NUL included.
-inline constexpr std::size_t PATH_SIZE = 4096;
-// One export.
-struct MountInfo {
-    std::string sLocalMountPath;  // canonical local directory
-    std::string sExportName;      // what clients mount; the table's key
-    std::string sIcpID;           // IPC ID of the controller that added it; empty: added locally
-    std::string sRemoteIpAddr;    // client that has it mounted; empty: nobody
-};
 
 // One session of a controller.
 struct SessionInfo {
@@ -55,44 +49,6 @@ struct VSphereInfo {
     std::string sPwd;  // never logged
 };
 
-// The users of one cached descriptor.  The mutex makes a positioning and the transfer after it one
-// step.  A descriptor that leaves the cache while it is in use is closed by its last user.
-class CDescriptorUse {
-public:
-    // iFile is open.
-    explicit CDescriptorUse(int iFile);
-    ~CDescriptorUse();
-    CDescriptorUse(const CDescriptorUse&) = delete;
-    CDescriptorUse& operator=(const CDescriptorUse&) = delete;
-
-    // Both are regular files, and not one and the same under two paths.
-    bool IsOtherRegularFile(const CDescriptorUse& other) const;
-    bool IsRegularFile() const { return m_bRegular; }
-
-    std::mutex m_hMutex;
-    int m_iCloseLater = -1;  // written under the cache lock by who gives up the cache's share
-
-private:
-    bool m_bRegular = false;
-    dev_t m_iDevice = 0;
-    ino_t m_iNode = 0;
-};
-
-// One cached descriptor.
-struct OpenedFileInfo {
-    int iFile = -1;                        // -1: the open failed
-    std::string sTimeKey;                  // last access; empty before the first use
-    std::string sPath;                     // as given by the caller
-    std::shared_ptr<CDescriptorUse> pUse;  // null when iFile is -1
-};
-
-// A cached descriptor in use: stays open while this lives.  Lock *pUse->m_hMutex around a
-// positioning and its transfer.
-struct CachedFile {
-    int iFile = -1;
-    std::shared_ptr<CDescriptorUse> pUse;
-};
-
 // A redirected file in use: nobody else uses or closes it while this lives.
 struct RedirectedFileUse {
     std::shared_ptr<CRedirectedFile> pFile;  // null: the path is not redirected
@@ -101,16 +57,26 @@ struct RedirectedFileUse {
 
 // Thread safety: every operation may be called from any thread; each table has its own mutex.
 //
-// Nesting order of the mutexes (take left before right):
+// All locks that this object takes, and their nesting order (an arrow: the left one may be held
+// while the right one is taken; no other two are held together):
 //
-//     m_hMutexRedirectedFiles  ->  a redirected file's own  ->  m_hMutexOpenedFileHandles
-//     m_hMutexOpenedFileHandles  ->  m_hMutexMountInfos  ->  m_hMutexFileTable
-//     a redirected file's own  ->  a cached descriptor's (CDescriptorUse), which is a leaf; an
-//     export takes two of them, together (std::scoped_lock)
+//     m_hMutexRedirectedFiles --> a redirected file's own (CRedirectedFile::GetMutex)
+//             |                        |
+//             +-----------+------------+
+//                         |
+//                         +--> m_hMutexOpenedFileHandles --> m_hMutexMountInfos -->
+//                         m_hMutexFileTable |                |
+//                         +----------------+--> a cached descriptor's (CDescriptorUse)
+//
+//     m_hMutexSessionInfos, m_hMutexVSphereInfos: with none of the others
+//
+// Two descriptors are locked at once only by the copy of an export, both in one step
+// (std::scoped_lock).  The cache locks the descriptor that it closes, when nobody uses it.
 //
 // Lines are delivered without any of these mutexes, because a sink may call back, or its process
 // may be waiting for an operation of this object.  The exception is an export: its lines, which
-// concern no client's work, come while it goes on.
+// concern no client's work, come while it goes on, under the registry's mutex and the file's.  The
+// locks of the sinks (the callbacks', the file logger's, standard output's) are leaves.
 //
 // Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
 // and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
@@ -296,46 +262,47 @@ public:
     void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
 
 private:
-    // Locks the table once no clean-up goes on.
-    std::unique_lock<std::mutex> LockVSphereInfos();
+    // Locks the datastores once no clean-up goes on.
+    class VSphereLock;
+
+    void WaitForVSphereCleaner() REQUIRES(m_hMutexVSphereInfos);
     // Whether a rename fails for certain, so that its target must not be removed for it.
     static bool IsImpossibleRename(const char* pathFrom, const char* pathTo);
     // Moves the redirected files below a renamed folder and tells the controller of each.  What it
     // answers changes nothing: the folder as a whole has been renamed.
     void RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                     const char* pathTo);
-    // Closes and forgets an entry.  REQUIRES: m_hMutexRedirectedFiles held.
+    // Closes and forgets an entry.
     using RedirectedFileMap = std::map<std::string, std::shared_ptr<CRedirectedFile>>;
     RedirectedFileMap::iterator EraseRedirectedFile(CRuntimeParam* pRuntimeParam,
-                                                    RedirectedFileMap::iterator it);
-    // Removes the share of the cache in a descriptor.  REQUIRES: m_hMutexOpenedFileHandles held.
-    void CloseOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo* pInfo);
+                                                    RedirectedFileMap::iterator it)
+        REQUIRES(m_hMutexRedirectedFiles);
     // Closes what is open under a path at which another file lies now, or none; with bBelow also
-    // what is open below it.  An entry that could not be opened stays: it is tried again anyway.
+    // what is open below it.
     void CloseOutdatedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const char* pcPath, bool bBelow);
-    // Closes every entry and clears both maps.  REQUIRES: m_hMutexOpenedFileHandles held.
-    void CloseEveryOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
 
-    std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;      // path to descriptor
-    std::map<std::string, std::string> m_OpenedFileLastAccessList;  // time key to path
-    RedirectedFileMap m_mRedirectedFiles;                           // by path
-    std::map<std::string, MountInfo> m_MountInfos;                  // by export name
-    std::map<std::string, SessionInfo> m_SessionInfos;              // by session ID
-    std::map<std::string, VSphereInfo> m_VSphereInfos;              // by MOID
-    std::unique_ptr<CFileTable> m_pFileTable;
+    // In the nesting order, as far as there is one.
+    CMutex m_hMutexRedirectedFiles ACQUIRED_BEFORE(m_hMutexOpenedFileHandles);
+    CMutex m_hMutexOpenedFileHandles ACQUIRED_BEFORE(m_hMutexMountInfos);
+    CMutex m_hMutexMountInfos ACQUIRED_BEFORE(m_hMutexFileTable);
+    CMutex m_hMutexFileTable;
+    CMutex m_hMutexSessionInfos;
+    CMutex m_hMutexVSphereInfos;
+
+    RedirectedFileMap m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);  // by path
+    CDescriptorCache m_DescriptorCache GUARDED_BY(m_hMutexOpenedFileHandles);
+    CExportTable m_Exports GUARDED_BY(m_hMutexMountInfos);
+    std::unique_ptr<CFileTable> m_pFileTable GUARDED_BY(m_hMutexFileTable)
+        PT_GUARDED_BY(m_hMutexFileTable);
+    std::map<std::string, SessionInfo> m_SessionInfos GUARDED_BY(m_hMutexSessionInfos);  // by ID
+    std::map<std::string, VSphereInfo> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);  // by MOID
+    std::condition_variable_any m_hVSphereCleaned;
+    // The thread that cleans up; the default: none.
+    std::thread::id m_hVSphereCleaner GUARDED_BY(m_hMutexVSphereInfos);
+    // Odd while the clean-up delivers a line.
+    unsigned long m_iVSphereLine GUARDED_BY(m_hMutexVSphereInfos) = 0;
     std::atomic<int> m_iExportStops{0};  // living ExportStop objects
-
-    std::mutex m_hMutexFileTable;  // guards m_pFileTable
-    // Guards both maps of the cache.  Recursive: an open under the lock may have to shed entries.
-    std::recursive_mutex m_hMutexOpenedFileHandles;
-    std::mutex m_hMutexRedirectedFiles;  // guards m_mRedirectedFiles
-    std::mutex m_hMutexMountInfos;       // guards m_MountInfos
-    std::mutex m_hMutexSessionInfos;     // guards m_SessionInfos
-    std::mutex m_hMutexVSphereInfos;     // guards m_VSphereInfos and these:
-    std::condition_variable m_hVSphereCleaned;
-    std::thread::id m_hVSphereCleaner;  // the thread that cleans up; the default: none
-    unsigned long m_iVSphereLine = 0;   // odd while the clean-up delivers a line
 };
 
 #endif
