@@ -16,7 +16,7 @@ CFileLogger::~CFileLogger() { Close(); }
 
 bool CFileLogger::Open(int iLogControl) {
     LogArgu logArgu{"CFileLogger.Open"};
-    const std::lock_guard<std::mutex> lock(m_hMutex);
+    const CMutexLock lock(m_hMutex);
     if (m_iLogFile == -1) {
         const int iOwnControl = m_pRuntimeParam->GetLogControl();
         m_pRuntimeParam->SetLogControl(iOwnControl | iLogControl);
@@ -35,7 +35,7 @@ bool CFileLogger::Open(int iLogControl) {
 
 void CFileLogger::Close() {
     LogArgu logArgu{"CFileLogger.Close"};
-    const std::lock_guard<std::mutex> lock(m_hMutex);
+    const CMutexLock lock(m_hMutex);
     if (m_iLogFile != -1) {
         m_pUtilities->OS_FileClose(m_pRuntimeParam.get(), &logArgu, m_LogFile.c_str(), m_iLogFile,
                                    nullptr);
@@ -77,7 +77,7 @@ bool CFileLogger::Rotate(LogArgu* pLogArgu) {
 
 bool CFileLogger::LogMessage(const char* pcType, const char* pcMsg) {
     LogArgu logArgu{"CFileLogger.LogMessage"};
-    const std::lock_guard<std::mutex> lock(m_hMutex);
+    const CMutexLock lock(m_hMutex);
     if (m_iLogFile == -1) {
         return false;
     }

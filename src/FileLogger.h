@@ -4,9 +4,9 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "Mutex.h"
 #include "RuntimeParam.h"
 
 class CUtilities;
@@ -37,16 +37,16 @@ public:
 
 private:
     bool LogMessage(const char* pcType, const char* pcMsg);
-    // REQUIRES: m_hMutex held.  On failure the logger may stay closed.
-    bool Rotate(LogArgu* pLogArgu);
+    // On failure the logger may stay closed.
+    bool Rotate(LogArgu* pLogArgu) REQUIRES(m_hMutex);
 
+    CMutex m_hMutex;
     const std::string m_LogFile;
-    int m_iLogFile = -1;                              // guarded by m_hMutex; -1: closed
+    int m_iLogFile GUARDED_BY(m_hMutex) = -1;         // -1: closed
     std::atomic<long long> m_iMaxLogSize{0x2000000};  // bytes, 32 MiB
-    int m_iLastLogIndex = 1;                          // guarded by m_hMutex; next number to try
+    int m_iLastLogIndex GUARDED_BY(m_hMutex) = 1;     // next number to try
     std::unique_ptr<CUtilities> m_pUtilities;         // no sinks: own errors go to the console
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
-    std::mutex m_hMutex;
 };
 
 #endif
