@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -91,6 +92,59 @@ jmethodID FindMethod(JNIEnv* pEnv, jobject jObj, const char* pcName, const char*
         pEnv->ExceptionClear();
     }
     return method;
+}
+
+// Turns the arguments of one call into Java's; owns its texts.
+class Arguments {
+public:
+    explicit Arguments(JNIEnv* pEnv) : m_pEnv(pEnv) {}
+    ~Arguments() {
+        for (std::size_t i = 0; i < m_iTexts; ++i) {
+            m_pEnv->DeleteLocalRef(m_jTexts[i]);
+        }
+    }
+    Arguments(const Arguments&) = delete;
+    Arguments& operator=(const Arguments&) = delete;
+
+    // Null, as all that follow, when the virtual machine has no memory for it.
+    jstring Convert(const char* pcText) {
+        jstring jText = m_bFailed ? nullptr : CCallback::NewJavaString(m_pEnv, pcText);
+        m_bFailed = jText == nullptr;
+        if (!m_bFailed) {
+            m_jTexts[m_iTexts++] = jText;
+        }
+        return jText;
+    }
+    static jboolean Convert(bool b) { return b ? JNI_TRUE : JNI_FALSE; }
+    static jint Convert(jint i) { return i; }
+    static jlong Convert(jlong l) { return l; }
+
+private:
+    static constexpr std::size_t MAX_TEXTS = 3;
+
+    JNIEnv* m_pEnv;
+    jstring m_jTexts[MAX_TEXTS] = {};
+    std::size_t m_iTexts = 0;
+    bool m_bFailed = false;
+};
+
+// Calls a method through call(method, arguments...).  True when it was there and returned without
+// an exception; what was thrown is not pending any more.
+template <typename Call, typename... Args>
+bool CallMethod(JNIEnv* pEnv, jobject jObj, const char* pcName, const char* pcSignature, Call call,
+                Args... args) {
+    jmethodID method = FindMethod(pEnv, jObj, pcName, pcSignature);
+    if (method == nullptr) {
+        return false;
+    }
+    Arguments arguments(pEnv);
+    const std::tuple values{arguments.Convert(args)...};  // in braces: one after the other
+    if (ClearException(pEnv)) {
+        return false;
+    }
+    const InsideCall inside;
+    std::apply([&](auto... jValues) { call(method, jValues...); }, values);
+    return !ClearException(pEnv);
 }
 
 }  // namespace
@@ -216,22 +270,10 @@ bool CCallback::FireMessageLog(const char* pcMethodName, const char* pcID, const
 
 void CCallback::FireMessageLogWOAT(JNIEnv* pEnv, jobject jObj, const char* pcMethodName,
                                    const char* pcID, const char* pcText) {
-    jmethodID method =
-        FindMethod(pEnv, jObj, pcMethodName, "(Ljava/lang/String;Ljava/lang/String;)V");
-    if (method == nullptr) {
-        return;
-    }
-    const Local<jstring> id(pEnv, NewJavaString(pEnv, pcID));
-    if (ClearException(pEnv)) {
-        return;
-    }
-    const Local<jstring> text(pEnv, NewJavaString(pEnv, pcText));
-    if (ClearException(pEnv)) {
-        return;
-    }
-    const InsideCall inside;
-    pEnv->CallVoidMethod(jObj, method, id.Get(), text.Get());
-    ClearException(pEnv);
+    CallMethod(
+        pEnv, jObj, pcMethodName, "(Ljava/lang/String;Ljava/lang/String;)V",
+        [&](jmethodID method, auto... jArgs) { pEnv->CallVoidMethod(jObj, method, jArgs...); },
+        pcID, pcText);
 }
 
 bool CCallback::IsInterrupted() {
@@ -239,13 +281,11 @@ bool CCallback::IsInterrupted() {
     if (m_jObj == nullptr || GetEnv(&pEnv) != JNI_OK || pEnv == nullptr) {
         return false;
     }
-    jmethodID method = FindMethod(pEnv, m_jObj, "isInterrupted", "()Z");
-    if (method == nullptr) {
-        return false;
-    }
-    const InsideCall inside;
-    const jboolean bInterrupted = pEnv->CallBooleanMethod(m_jObj, method);
-    return !ClearException(pEnv) && bInterrupted == JNI_TRUE;
+    jboolean bInterrupted = JNI_FALSE;
+    return CallMethod(
+               pEnv, m_jObj, "isInterrupted", "()Z",
+               [&](jmethodID method) { bInterrupted = pEnv->CallBooleanMethod(m_jObj, method); }) &&
+           bInterrupted == JNI_TRUE;
 }
 
 // =================================================================================================
@@ -253,84 +293,51 @@ bool CCallback::IsInterrupted() {
 // =================================================================================================
 
 template <typename... Args>
-int CCallback::CallInt(JNIEnv* pEnv, jobject jObj, const char* pcName, const char* pcSignature,
-                       Args... args) {
-    jmethodID method = FindMethod(pEnv, jObj, pcName, pcSignature);
-    if (method == nullptr) {
-        return -1;
-    }
-    const InsideCall inside;
-    const jint iResult = pEnv->CallIntMethod(jObj, method, args...);
-    return ClearException(pEnv) ? -1 : iResult;
+int CCallback::Notify(const char* pcName, const char* pcSignature, Args... args) {
+    jint iAnswer = -1;
+    bool bAnswered = false;
+    WithEnv([&](JNIEnv* pEnv) {
+        bAnswered = CallMethod(
+            pEnv, m_jObj, pcName, pcSignature,
+            [&](jmethodID method, auto... jArgs) {
+                iAnswer = pEnv->CallIntMethod(m_jObj, method, jArgs...);
+            },
+            args...);
+    });
+    return bAnswered ? iAnswer : -1;
 }
 
 int CCallback::UpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
                                               unsigned long long iSize, bool bAccessTime,
                                               unsigned long lAccessTimeSec, bool bLastModifiedTime,
                                               unsigned long lLastModifiedTimeSec) {
-    int iResult = -1;
-    WithEnv([&](JNIEnv* pEnv) {
-        const Local<jstring> id(pEnv, NewJavaString(pEnv, pcID));
-        const Local<jstring> path(pEnv, id.Get() ? NewJavaString(pEnv, pcPath) : nullptr);
-        if (ClearException(pEnv)) {
-            return;
-        }
-        const auto flag = [](bool b) { return static_cast<jboolean>(b ? JNI_TRUE : JNI_FALSE); };
-        // The high words of the times are zero.
-        iResult = CallInt(pEnv, m_jObj, "setRedirectedFileAttributes",
-                          "(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I", id.Get(), path.Get(),
-                          flag(bSize), static_cast<jlong>(iSize), flag(bAccessTime),
-                          static_cast<jlong>(static_cast<std::uint32_t>(lAccessTimeSec)),
-                          flag(bLastModifiedTime),
-                          static_cast<jlong>(static_cast<std::uint32_t>(lLastModifiedTimeSec)));
-    });
-    return iResult;
+    // The high words of the times are zero.
+    return Notify("setRedirectedFileAttributes", "(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I",
+                  pcID, pcPath, bSize, static_cast<jlong>(iSize), bAccessTime,
+                  static_cast<jlong>(static_cast<std::uint32_t>(lAccessTimeSec)), bLastModifiedTime,
+                  static_cast<jlong>(static_cast<std::uint32_t>(lLastModifiedTimeSec)));
 }
 
 int CCallback::RemoveRedirectedFile(const char* pcID, const char* pcPath) {
-    int iResult = -1;
-    WithEnv([&](JNIEnv* pEnv) {
-        const Local<jstring> id(pEnv, NewJavaString(pEnv, pcID));
-        const Local<jstring> path(pEnv, id.Get() ? NewJavaString(pEnv, pcPath) : nullptr);
-        if (!ClearException(pEnv)) {
-            iResult = CallInt(pEnv, m_jObj, "removeRedirectedFile",
-                              "(Ljava/lang/String;Ljava/lang/String;)I", id.Get(), path.Get());
-        }
-    });
-    return iResult;
+    return Notify("removeRedirectedFile", "(Ljava/lang/String;Ljava/lang/String;)I", pcID, pcPath);
 }
 
 int CCallback::RenameRedirectedFile(const char* pcID, const char* pcPathFrom,
                                     const char* pcPathTo) {
-    int iResult = -1;
-    WithEnv([&](JNIEnv* pEnv) {
-        const Local<jstring> id(pEnv, NewJavaString(pEnv, pcID));
-        const Local<jstring> from(pEnv, id.Get() ? NewJavaString(pEnv, pcPathFrom) : nullptr);
-        const Local<jstring> to(pEnv, from.Get() ? NewJavaString(pEnv, pcPathTo) : nullptr);
-        if (!ClearException(pEnv)) {
-            iResult = CallInt(pEnv, m_jObj, "renameRedirectedFile",
-                              "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I", id.Get(),
-                              from.Get(), to.Get());
-        }
-    });
-    return iResult;
+    return Notify("renameRedirectedFile",
+                  "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I", pcID, pcPathFrom,
+                  pcPathTo);
 }
 
 int CCallback::WriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
                                    int iSeekType, unsigned int iLen) {
-    int iResult = -1;
-    WithEnv([&](JNIEnv* pEnv) {
-        const Local<jstring> id(pEnv, NewJavaString(pEnv, pcID));
-        const Local<jstring> path(pEnv, id.Get() ? NewJavaString(pEnv, pcPath) : nullptr);
-        if (!ClearException(pEnv)) {
-            iResult = CallInt(pEnv, m_jObj, "writeRedirectedFile",
-                              "(Ljava/lang/String;Ljava/lang/String;JII)I", id.Get(), path.Get(),
-                              static_cast<jlong>(iSeek), static_cast<jint>(iSeekType),
-                              static_cast<jint>(iLen));
-        }
-    });
-    return iResult;
+    return Notify("writeRedirectedFile", "(Ljava/lang/String;Ljava/lang/String;JII)I", pcID, pcPath,
+                  static_cast<jlong>(iSeek), static_cast<jint>(iSeekType), static_cast<jint>(iLen));
 }
+
+// =================================================================================================
+// Exceptions
+// =================================================================================================
 
 void CCallback::ThrowIOException(const char* pcMessage) {
     WithEnv([&](JNIEnv* pEnv) {

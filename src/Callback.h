@@ -64,10 +64,9 @@ private:
     // Runs call(pEnv) on this thread with an environment; false when there is none.
     template <typename Call>
     bool WithEnv(Call call);
-    // Calls a method that returns int.
+    // Calls a method that returns int; its answer, -1 when it was not called or threw.
     template <typename... Args>
-    static int CallInt(JNIEnv* pEnv, jobject jObj, const char* pcName, const char* pcSignature,
-                       Args... args);
+    int Notify(const char* pcName, const char* pcSignature, Args... args);
 
     JavaVM* m_jVM = nullptr;
     jobject m_jObj = nullptr;  // global reference, owned

@@ -1,8 +1,8 @@
 // The native methods of com.corvane.qtx.velocast.nfs.NfsLibNative.
 //
-// A handle is the address of a main object; 0 means none.  Booleans from Java count only when they
-// are exactly 1.  Methods that may produce log lines or notifications lend the calling object for
-// the duration of the call when no other object is being told of them.
+// A handle is the address of a main object; 0 is no object.  A boolean from Java is true only when
+// it is exactly 1.  A method that may cause log lines or notifications installs a callback to its
+// own object while it runs, unless a callback is already installed.
 
 #include <jni.h>
 #include <unistd.h>
@@ -12,8 +12,7 @@
 #include <string>
 
 #include "Callback.h"
-#include "NfsIpcClientMain.h"
-#include "NfsIpcServerMain.h"
+#include "MainFactory.h"
 #include "NfsMain.h"
 #include "Utilities.h"
 
@@ -101,15 +100,38 @@ bool MayEndThreads(JNIEnv* pEnv, const char* pcMethod) {
     return false;
 }
 
-std::unique_ptr<CNfsMain> CreateMain(const char* pcID, jint iAccessMode, jint iLogControl) {
-    switch (iAccessMode) {
-        case ACCESS_MODE_IPC_SERVER:
-            return std::make_unique<CNfsIpcServerMain>(pcID, iLogControl);
-        case ACCESS_MODE_IPC_CLIENT:
-            return std::make_unique<CNfsIpcClientMain>(pcID, iLogControl);
-        default:
-            return std::make_unique<CNfsMain>(pcID, iLogControl);
-    }
+// The forms of a method.  Each runs call on the main object of a handle; for handle 0 it does
+// nothing and answers with the zero of the result's type.
+
+// Result call(CNfsMain*).
+template <typename Call>
+auto OnMain(jlong lHandle, Call call) {
+    CNfsMain* pMain = GetMain(lHandle);
+    using Result = decltype(call(pMain));
+    return pMain != nullptr ? call(pMain) : Result();
+}
+
+// Result call(CNfsMain*), with a callback to the calling object installed.
+template <typename Call>
+auto WithCallback(JNIEnv* pEnv, jobject jObj, jlong lHandle, Call call) {
+    return OnMain(lHandle, [&](CNfsMain* pMain) {
+        const TemporaryCallback callback(pEnv, jObj, pMain);
+        return call(pMain);
+    });
+}
+
+// bool call(CNfsMain*, char* pcError), with that callback; a failure leaves an IOException pending.
+// pcError points to STATUS_SIZE bytes.
+template <typename Call>
+jboolean OrThrow(JNIEnv* pEnv, jobject jObj, jlong lHandle, Call call) {
+    return WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
+        char cError[STATUS_SIZE] = "";
+        const bool bOk = call(pMain, cError);
+        if (!bOk) {
+            ThrowIOException(pEnv, jObj, cError);
+        }
+        return ToJava(bOk);
+    });
 }
 
 }  // namespace
@@ -120,7 +142,10 @@ std::unique_ptr<CNfsMain> CreateMain(const char* pcID, jint iAccessMode, jint iL
 
 NFS_METHOD(jlong, initial)
 (JNIEnv* pEnv, jobject jObj, jstring jID, jint iAccessMode, jint iLogControl) {
-    std::unique_ptr<CNfsMain> pMain = CreateMain(JavaText(pEnv, jID), iAccessMode, iLogControl);
+    const bool bIpc =
+        iAccessMode == ACCESS_MODE_IPC_SERVER || iAccessMode == ACCESS_MODE_IPC_CLIENT;
+    std::unique_ptr<CNfsMain> pMain = CMainFactory::Create(
+        bIpc ? iAccessMode : ACCESS_MODE_INTERNAL, JavaText(pEnv, jID), iLogControl);
     char cError[STATUS_SIZE] = "";
     if (!pMain->Initial(cError)) {
         ThrowIOException(pEnv, jObj, cError);
@@ -130,78 +155,63 @@ NFS_METHOD(jlong, initial)
 }
 
 NFS_METHOD(void, terminate)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
-    if (GetMain(lHandle) != nullptr && MayEndThreads(pEnv, "terminate")) {
-        const std::unique_ptr<CNfsMain> pMain(GetMain(lHandle));
-        pMain->Terminate();
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) {
+        if (MayEndThreads(pEnv, "terminate")) {
+            const std::unique_ptr<CNfsMain> pOwned(pMain);
+            pOwned->Terminate();
+        }
+    });
 }
 
 NFS_METHOD(jboolean, isServerRunning)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    return ToJava(pMain != nullptr && pMain->IsServerRunning());
+    return OnMain(lHandle, [](CNfsMain* pMain) { return ToJava(pMain->IsServerRunning()); });
 }
 
 NFS_METHOD(jboolean, startRemoteController)(JNIEnv* pEnv, jobject jObj, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return JNI_FALSE;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    char cError[STATUS_SIZE] = "";
-    if (!pMain->StartRemoteController(cError)) {
-        ThrowIOException(pEnv, jObj, cError);
-        return JNI_FALSE;
-    }
-    return JNI_TRUE;
+    return OrThrow(pEnv, jObj, lHandle, [](CNfsMain* pMain, char* pcError) {
+        return pMain->StartRemoteController(pcError);
+    });
 }
 
 NFS_METHOD(void, stopRemoteController)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr && MayEndThreads(pEnv, "stopRemoteController")) {
-        pMain->StopRemoteController();
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) {
+        if (MayEndThreads(pEnv, "stopRemoteController")) {
+            pMain->StopRemoteController();
+        }
+    });
 }
 
 NFS_METHOD(jboolean, startServer)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jint iMountPort, jint iNfsPort, jboolean bReadOnly) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return JNI_FALSE;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    char cError[STATUS_SIZE] = "";
-    if (!pMain->StartServer(iMountPort, iNfsPort, 0, 0, IsTrue(bReadOnly), cError)) {
-        ThrowIOException(pEnv, jObj, cError);
-        return JNI_FALSE;
-    }
-    return JNI_TRUE;
+    return OrThrow(pEnv, jObj, lHandle, [&](CNfsMain* pMain, char* pcError) {
+        return pMain->StartServer(iMountPort, iNfsPort, 0, 0, IsTrue(bReadOnly), pcError);
+    });
 }
 
 NFS_METHOD(void, stopServer)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr && MayEndThreads(pEnv, "stopServer")) {
-        pMain->StopServer();
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) {
+        if (MayEndThreads(pEnv, "stopServer")) {
+            pMain->StopServer();
+        }
+    });
 }
 
-// Lends the calling thread's object for callbacks that come while no other call runs, until
+// Installs a callback to the calling object for what comes while no other call runs, until
 // isInterrupted of that object answers true or the seconds are over (a negative number: never).
 NFS_METHOD(jint, receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jint iSeconds) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return 0;
-    }
-    // Behind another call's callback it waits its turn, so that nothing is lost in between.
-    const auto pCallback = std::make_shared<CCallback>(pEnv, jObj);
-    pMain->SetCallback(pCallback, true);
-    while (iSeconds != 0 && !pCallback->IsInterrupted()) {
-        if (iSeconds > 0) {
-            --iSeconds;
+    return OnMain(lHandle, [&](CNfsMain* pMain) -> jint {
+        // Behind another call's callback it waits its turn, so that nothing is lost in between.
+        const auto pCallback = std::make_shared<CCallback>(pEnv, jObj);
+        pMain->SetCallback(pCallback, true);
+        while (iSeconds != 0 && !pCallback->IsInterrupted()) {
+            if (iSeconds > 0) {
+                --iSeconds;
+            }
+            usleep(LOOP_STEP_US);
         }
-        usleep(LOOP_STEP_US);
-    }
-    pMain->UnsetCallback(pCallback.get());
-    return 0;
+        pMain->UnsetCallback(pCallback.get());
+        return 0;
+    });
 }
 
 // =================================================================================================
@@ -210,63 +220,42 @@ NFS_METHOD(jint, receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong lHandle,
 
 NFS_METHOD(jboolean, addMountPoint)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jLocalFolder, jstring jExportName) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return JNI_FALSE;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    char cError[STATUS_SIZE] = "";
-    if (!pMain->AddMountPoint(JavaText(pEnv, jLocalFolder), JavaText(pEnv, jExportName), cError)) {
-        ThrowIOException(pEnv, jObj, cError);
-        return JNI_FALSE;
-    }
-    return JNI_TRUE;
+    return OrThrow(pEnv, jObj, lHandle, [&](CNfsMain* pMain, char* pcError) {
+        return pMain->AddMountPoint(JavaText(pEnv, jLocalFolder), JavaText(pEnv, jExportName),
+                                    pcError);
+    });
 }
 
 NFS_METHOD(void, removeMountPoint)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jLocalFolder) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->RemoveMountPoint(JavaText(pEnv, jLocalFolder));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->RemoveMountPoint(JavaText(pEnv, jLocalFolder)); });
 }
 
 NFS_METHOD(void, addSession)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jSessionId, jstring jLocalFolder) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
+    WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
         pMain->AddSessionInfo(JavaText(pEnv, jSessionId), JavaText(pEnv, jLocalFolder));
-    }
+    });
 }
 
 NFS_METHOD(void, removeSession)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jSessionId) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->RemoveSessionInfo(JavaText(pEnv, jSessionId));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->RemoveSessionInfo(JavaText(pEnv, jSessionId)); });
 }
 
 NFS_METHOD(jboolean, isSessionExists)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jSessionId) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return JNI_FALSE;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    return ToJava(pMain->IsSessionExists(JavaText(pEnv, jSessionId)));
+    return WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
+        return ToJava(pMain->IsSessionExists(JavaText(pEnv, jSessionId)));
+    });
 }
 
 NFS_METHOD(jboolean, isLocalSessionExists)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jSessionId) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return JNI_FALSE;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    return ToJava(pMain->IsLocalSessionExists(JavaText(pEnv, jSessionId)));
+    return WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
+        return ToJava(pMain->IsLocalSessionExists(JavaText(pEnv, jSessionId)));
+    });
 }
 
 // =================================================================================================
@@ -276,80 +265,56 @@ NFS_METHOD(jboolean, isLocalSessionExists)
 NFS_METHOD(void, openRedirectedFile)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath, jlong lSize, jboolean bCreateInfoFile,
  jint iSegmentSizeMB, jint iCheckPointSizeMB) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
+    WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
         pMain->OpenRedirectedFile(JavaText(pEnv, jPath), lSize, IsTrue(bCreateInfoFile),
                                   iSegmentSizeMB, iCheckPointSizeMB);
-    }
+    });
 }
 
 NFS_METHOD(void, closeRedirectedFile)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->CloseRedirectedFile(JavaText(pEnv, jPath));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->CloseRedirectedFile(JavaText(pEnv, jPath)); });
 }
 
 NFS_METHOD(void, closeAllRedirectedFiles)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->CloseAllRedirectedFiles(JavaText(pEnv, jPath));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->CloseAllRedirectedFiles(JavaText(pEnv, jPath)); });
 }
 
 NFS_METHOD(void, addRedirectedFileSegment)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath, jstring jSrcPath, jlong lSrcFileOffset,
  jlong lOffset, jlong lLength) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    char cError[STATUS_SIZE] = "";
-    if (!pMain->AddRedirectedFileSegment(JavaText(pEnv, jPath), JavaText(pEnv, jSrcPath),
-                                         lSrcFileOffset, lOffset, lLength, cError)) {
-        ThrowIOException(pEnv, jObj, cError);
-    }
+    OrThrow(pEnv, jObj, lHandle, [&](CNfsMain* pMain, char* pcError) {
+        return pMain->AddRedirectedFileSegment(JavaText(pEnv, jPath), JavaText(pEnv, jSrcPath),
+                                               lSrcFileOffset, lOffset, lLength, pcError);
+    });
 }
 
 NFS_METHOD(void, exportRedirectedFile)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath, jstring jExportPath) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
+    WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
         pMain->ExportRedirectedFile(JavaText(pEnv, jPath), JavaText(pEnv, jExportPath));
-    }
+    });
 }
 
 NFS_METHOD(void, exportRedirectedFileInfo)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath, jstring jExportPath,
  jboolean bMergeRange) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
+    WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
         pMain->ExportRedirectedFileInfo(JavaText(pEnv, jPath), JavaText(pEnv, jExportPath),
                                         IsTrue(bMergeRange));
-    }
+    });
 }
 
 NFS_METHOD(void, closeOpenedFile)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->CloseCachedFileHandle(JavaText(pEnv, jPath));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->CloseCachedFileHandle(JavaText(pEnv, jPath)); });
 }
 
 NFS_METHOD(void, closeAllOpenedFiles)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jPath) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->CloseAllCachedFileHandles(JavaText(pEnv, jPath));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->CloseAllCachedFileHandles(JavaText(pEnv, jPath)); });
 }
 
 // =================================================================================================
@@ -357,67 +322,49 @@ NFS_METHOD(void, closeAllOpenedFiles)(JNIEnv* pEnv, jobject jObj, jlong lHandle,
 // =================================================================================================
 
 NFS_METHOD(void, setLogControl)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle, jint iBits) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        pMain->SetLogControl(iBits);
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) { pMain->SetLogControl(iBits); });
 }
 
 NFS_METHOD(jstring, getVersion)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
     char cVersion[VERSION_SIZE] = "Not Defined";
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        pMain->GetVersion(cVersion);
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) { pMain->GetVersion(cVersion); });
     return CCallback::NewJavaString(pEnv, cVersion);
 }
 
 NFS_METHOD(jstring, getDescription)(JNIEnv* pEnv, jobject /*jObj*/, jlong lHandle) {
     char cDescription[VERSION_SIZE] = "Unknown";
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        pMain->GetDescription(cDescription);
-    }
+    OnMain(lHandle, [&](CNfsMain* pMain) { pMain->GetDescription(cDescription); });
     return CCallback::NewJavaString(pEnv, cDescription);  // a server's text
 }
 
 NFS_METHOD(jint, getAccessMode)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    return pMain != nullptr ? pMain->GetAccessMode() : -1;
+    jint iAccessMode = -1;
+    OnMain(lHandle, [&](CNfsMain* pMain) { iAccessMode = pMain->GetAccessMode(); });
+    return iAccessMode;
 }
 
 NFS_METHOD(jint, getMountInfo)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jboolean bClientMountedOnly, jboolean bPrintDetails) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return 0;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    return pMain->GetMountInfo(IsTrue(bClientMountedOnly), IsTrue(bPrintDetails));
+    return WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
+        return pMain->GetMountInfo(IsTrue(bClientMountedOnly), IsTrue(bPrintDetails));
+    });
 }
 
 NFS_METHOD(jint, getSessionInfo)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jboolean bPrintDetails) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain == nullptr) {
-        return 0;
-    }
-    const TemporaryCallback callback(pEnv, jObj, pMain);
-    return pMain->GetSessionInfo(IsTrue(bPrintDetails));
+    return WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
+        return pMain->GetSessionInfo(IsTrue(bPrintDetails));
+    });
 }
 
 NFS_METHOD(void, runTestMode)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jDirPath, jlong lFileSize) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->RunTestMode(JavaText(pEnv, jDirPath), lFileSize);
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->RunTestMode(JavaText(pEnv, jDirPath), lFileSize); });
 }
 
 NFS_METHOD(jint, getServerStatus)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHandle) {
-    CNfsMain* pMain = GetMain(lHandle);
-    return pMain != nullptr ? pMain->GetServerStatus() : 0;
+    return OnMain(lHandle, [](CNfsMain* pMain) { return pMain->GetServerStatus(); });
 }
 
 // =================================================================================================
@@ -427,18 +374,13 @@ NFS_METHOD(jint, getServerStatus)(JNIEnv* /*pEnv*/, jobject /*jObj*/, jlong lHan
 NFS_METHOD(void, addVSphereInfo)
 (JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jMoid, jstring jHost, jstring jPort,
  jstring jUser, jstring jPassword) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
+    WithCallback(pEnv, jObj, lHandle, [&](CNfsMain* pMain) {
         pMain->AddVSphereInfo(JavaText(pEnv, jMoid), JavaText(pEnv, jHost), JavaText(pEnv, jPort),
                               JavaText(pEnv, jUser), JavaText(pEnv, jPassword));
-    }
+    });
 }
 
 NFS_METHOD(void, removeVSphereInfo)(JNIEnv* pEnv, jobject jObj, jlong lHandle, jstring jMoid) {
-    CNfsMain* pMain = GetMain(lHandle);
-    if (pMain != nullptr) {
-        const TemporaryCallback callback(pEnv, jObj, pMain);
-        pMain->RemoveVSphereInfo(JavaText(pEnv, jMoid));
-    }
+    WithCallback(pEnv, jObj, lHandle,
+                 [&](CNfsMain* pMain) { pMain->RemoveVSphereInfo(JavaText(pEnv, jMoid)); });
 }

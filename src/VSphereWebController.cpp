@@ -22,14 +22,11 @@ extern char** environ;
 
 namespace {
 
-constexpr const char* HELPER_NAME =
-    "dsPurgeTool"
-    "Fbd"
-    "X86";
-constexpr std::size_t COMMAND_SIZE = 1024;  // the NUL included
+constexpr const char* HELPER_NAME = "dsPurgeToolFbdX86";  // ends in the platform it is built for
+constexpr std::size_t COMMAND_SIZE = 1024;                // the NUL included
 
-// The folder of the running executable with its last '/', or nothing when it cannot be found: the
-// helper is then looked for in the working directory's and the search path's way.
+// The folder of the running executable with its last '/'.  Empty when the system does not tell it:
+// the shell then searches PATH for the helper.
 std::string GetExecutableFolder() {
     char cPath[PATH_SIZE] = "";
 #if defined(__linux__)
