@@ -108,7 +108,7 @@ void CVSphereWebController::RemoveSession(const char* pcMoid, const char* pcHost
         pcPwd == nullptr) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(m_hMutex);
+    const CMutexLock lock(m_hMutex);
     const std::string sHelper = GetExecutableFolder() + HELPER_NAME;
     char cCommand[COMMAND_SIZE];
     const int iLen =

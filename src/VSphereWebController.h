@@ -2,7 +2,7 @@
 #ifndef VELOCAST_VSPHEREWEBCONTROLLER_H
 #define VELOCAST_VSPHEREWEBCONTROLLER_H
 
-#include <mutex>
+#include "Mutex.h"
 
 class CRuntimeParam;
 class CUtilities;
@@ -19,16 +19,16 @@ public:
     CVSphereWebController& operator=(const CVSphereWebController&) = delete;
 
     // Runs the helper once, through the system shell, with every signal at its default effect and
-    // in a session of its own, and waits for it; what it answers is ignored. Only the helper's path
-    // is quoted: the shell sees the values as they are.  Does nothing when an argument is null;
-    // logs an error, and runs nothing, when the command exceeds 1,023 bytes.
+    // in a session of its own, and waits for it; what it answers is ignored.  Only the helper's
+    // path is quoted: the shell sees the values as they are.  Does nothing when an argument is
+    // null; logs an error, and runs nothing, when the command exceeds 1,023 bytes.
     void RemoveSession(const char* pcMoid, const char* pcHost, const char* pcPort,
-                       const char* pcUser, const char* pcPwd);
+                       const char* pcUser, const char* pcPwd) EXCLUDES(m_hMutex);
 
 private:
     CUtilities* m_pUtilities;
     CRuntimeParam* m_pRuntimeParam;
-    std::mutex m_hMutex;  // held while the helper runs
+    CMutex m_hMutex;  // held while the helper runs
 };
 
 #endif
