@@ -1,6 +1,5 @@
 #include "ConsoleCommands.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 #include <vector>
@@ -16,26 +15,34 @@
 // Table
 // =================================================================================================
 
+namespace {
+
+constexpr const char* TITLE = "Command";
+constexpr const char* KEYWORD_HELP = "help";
+
+}  // namespace
+
 // The line of "start" is kept as people know it: without its blank, and with two kinds of bracket.
 const CConsoleCommands::Command CConsoleCommands::COMMANDS[] = {
-    {"help", ": display help", false, &CConsoleCommands::Help},
-    {"quit", ": quit this program", false, &CConsoleCommands::Quit},
-    {"log ", "<num>: display log messages or not", false, &CConsoleCommands::SetLogControl},
-    {"status", ": show status", false, &CConsoleCommands::ShowStatus},
+    {KEYWORD_HELP, "  %s: display help\n", false, &CConsoleCommands::Help},
+    {"quit", "  %s: quit this program\n", false, &CConsoleCommands::Quit},
+    {"log ", "  %s<num>: display log messages or not\n", false, &CConsoleCommands::SetLogControl},
+    {"status", "  %s: show status\n", false, &CConsoleCommands::ShowStatus},
     {"debug", nullptr, false, &CConsoleCommands::EnterDebugMode},
-    {"start", "<mount_port=nfs_port]: start server", true, &CConsoleCommands::Start},
+    {"start", "  %s<mount_port=nfs_port]: start server\n", true, &CConsoleCommands::Start},
     {"start ", nullptr, true, &CConsoleCommands::Start},
-    {"mount ", "<path=exportName>: add mount point", true, &CConsoleCommands::Mount},
-    {"umount ", "<path>: remove mount point", true, &CConsoleCommands::Umount},
-    {"test ", "<dirPath=fileSizeInByte>: run platform test on target file", true,
+    {"mount ", "  %s<path=exportName>: add mount point\n", true, &CConsoleCommands::Mount},
+    {"umount ", "  %s<path>: remove mount point\n", true, &CConsoleCommands::Umount},
+    {"test ", "  %s<dirPath=fileSizeInByte>: run platform test on target file\n", true,
      &CConsoleCommands::Test},
-    {"logfilesize ", "<size>: set max log file size", true, &CConsoleCommands::SetLogFileSize},
-    {"print ", "<message>: print message to log", true, &CConsoleCommands::LogMessage},
-    {"debugaction ", "<num>: turn on/off debug action control in QVS", true,
+    {"logfilesize ", "  %s<size>: set max log file size\n", true,
+     &CConsoleCommands::SetLogFileSize},
+    {"print ", "  %s<message>: print message to log\n", true, &CConsoleCommands::LogMessage},
+    {"debugaction ", "  %s<num>: turn on/off debug action control in QVS\n", true,
      &CConsoleCommands::SetDebugAction},
-    {"addvsphereinfo ", "<datastore MOID> <host> <port> <user> <password>: add VSphere info", true,
-     &CConsoleCommands::AddVSphereInfo},
-    {"removevsphereinfo ", "<datastore MOID>: remove VSphere info", true,
+    {"addvsphereinfo ", "  %s<datastore MOID> <host> <port> <user> <password>: add VSphere info\n",
+     true, &CConsoleCommands::AddVSphereInfo},
+    {"removevsphereinfo ", "  %s<datastore MOID>: remove VSphere info\n", true,
      &CConsoleCommands::RemoveVSphereInfo},
 };
 
@@ -43,17 +50,24 @@ std::span<const CConsoleCommands::Command> CConsoleCommands::GetCommands() { ret
 
 void CConsoleCommands::PrintHelp(bool bDebugMode) {
     constexpr const char* DOUBLE_LINE = "==========================";
+    constexpr std::string_view PLACE = "%s";
     CStandardOutput::Print("%s\n", DOUBLE_LINE);
-    CStandardOutput::Print("Command:\n");
+    CStandardOutput::Print("%s:\n", TITLE);
     for (const Command& command : COMMANDS) {
         if (command.pcHelp != nullptr && (bDebugMode || !command.bDebugOnly)) {
-            CStandardOutput::Print("  %s%s\n", command.pcKeyword, command.pcHelp);
+            std::string sLine = command.pcHelp;
+            sLine.replace(sLine.find(PLACE), PLACE.size(), command.pcKeyword);
+            CStandardOutput::Print("%s", sLine.c_str());
         }
     }
     CStandardOutput::Print("%s\n", DOUBLE_LINE);
 }
 
-void CConsoleCommands::PrintHint() { CStandardOutput::Print("Type 'help' to see help\n"); }
+void CConsoleCommands::PrintHint() {
+    CStandardOutput::Print("Type '%s' to see help\n", KEYWORD_HELP);
+}
+
+void CConsoleCommands::PrintPrompt() { CStandardOutput::Print("\n%s: ", TITLE); }
 
 bool CConsoleCommands::Execute(const std::string& sLine) {
     if (sLine.empty()) {

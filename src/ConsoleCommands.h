@@ -16,7 +16,7 @@ public:
     struct Command {
         // Ends in a blank when the command takes an argument, which is the rest of the line.
         const char* pcKeyword;
-        const char* pcHelp;  // what the help shows behind the keyword; null: no line of its own
+        const char* pcHelp;  // the line of the help, %s for the keyword; null: none
         bool bDebugOnly;     // known only after "debug"
         // pcArgument is null without an argument, and else not empty.
         void (CConsoleCommands::*pExecute)(const char* pcArgument);
@@ -30,6 +30,7 @@ public:
     static std::span<const Command> GetCommands();
     static void PrintHelp(bool bDebugMode);
     static void PrintHint();
+    static void PrintPrompt();
 
     // False when the loop is to end.
     bool Execute(const std::string& sLine);

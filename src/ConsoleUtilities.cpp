@@ -28,6 +28,14 @@ constexpr int POLL_MS = 100;
 
 void PrintDashedLine() { CStandardOutput::Print("------------------------------------\n"); }
 
+void PrintValue(const char* pcLabel, const char* pcValue) {
+    CStandardOutput::Print("%s %s\n", pcLabel, pcValue);
+}
+
+void PrintCount(const char* pcLabel, int iCount) {
+    CStandardOutput::Print("%s %d\n", pcLabel, iCount);
+}
+
 bool IsExitRequested(const CNfsMain* pNfsMain) {
     return pNfsMain->IsAutoShutdownRequested() || CExitSignals::IsEndRequested();
 }
@@ -93,9 +101,9 @@ bool PrintVersions(CNfsMain* pNfsMain) {
     pNfsMain->GetVersion(cVersion);
     pNfsMain->GetDescription(cDescription);
     PrintDashedLine();
-    CStandardOutput::Print("Execute Version: %s\n", PRODUCT_VERSION);
-    CStandardOutput::Print("Server Version: %s\n", cVersion);
-    CStandardOutput::Print("Server Description: %s\n", cDescription);
+    PrintValue("Execute Version:", PRODUCT_VERSION);
+    PrintValue("Server Version:", cVersion);
+    PrintValue("Server Description:", cDescription);
     PrintDashedLine();
     return std::strcmp(cVersion, "Unknown") != 0;
 }
@@ -105,7 +113,7 @@ int RunMain(CConsoleUtilities* pConsole, CNfsMain* pNfsMain, CFileLogger* pFileL
             const ConsoleOptions& options, char* pcReason) {
     if (!PrintVersions(pNfsMain)) {
         if (options.bQuery) {
-            CStandardOutput::Print("Server Status: NotAccessible\n");
+            PrintValue("Server Status:", "NotAccessible");
             PrintDashedLine();
             return 0;
         }
@@ -196,23 +204,22 @@ void CConsoleUtilities::PrintCommandHelp(bool bDebugMode) {
 }
 
 void CConsoleUtilities::PrintStatus(CNfsMain* pNfsMain) {
-    CStandardOutput::Print("Server Status: %s\n",
-                           pNfsMain->IsServerRunning() ? "Started" : "Stopped");
+    PrintValue("Server Status:", pNfsMain->IsServerRunning() ? "Started" : "Stopped");
     PrintDashedLine();
     int iCount = pNfsMain->GetMountInfo(false, false);
-    CStandardOutput::Print("Number of Mount Point: %d\n", iCount);
+    PrintCount("Number of Mount Point:", iCount);
     if (iCount > 0) {
         pNfsMain->GetMountInfo(false, true);
     }
     PrintDashedLine();
     iCount = pNfsMain->GetSessionInfo(false);
-    CStandardOutput::Print("Number of Session: %d\n", iCount);
+    PrintCount("Number of Session:", iCount);
     if (iCount > 0) {
         pNfsMain->GetSessionInfo(true);
     }
     PrintDashedLine();
     iCount = pNfsMain->GetVSphereInfo(false);
-    CStandardOutput::Print("Number of mounted NFS datastore: %d\n", iCount);
+    PrintCount("Number of mounted NFS datastore:", iCount);
     if (iCount > 0) {
         pNfsMain->GetVSphereInfo(true);
     }
@@ -229,7 +236,7 @@ void CConsoleUtilities::ProcessCommand(CNfsMain* pNfsMain, CFileLogger* pFileLog
     // Whoever sees the prompt may end the loop.
     const auto prompt = [] {
         CExitSignals::EndInOrder();
-        CStandardOutput::Print("\nCommand: ");
+        CConsoleCommands::PrintPrompt();
     };
     const auto isExitRequested = [pNfsMain] { return IsExitRequested(pNfsMain); };
     const bool bClient = pNfsMain->GetAccessMode() == ACCESS_MODE_IPC_CLIENT;
