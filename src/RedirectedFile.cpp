@@ -214,6 +214,12 @@ int CRedirectedFile::Assemble(const FileContext& context, std::int64_t iSeek, un
         }
         const unsigned int n = read.Clip(iLeft);
         const WideOffset iAskedTo = read.iPos + n;
+        // A segment of which everything is asked for is done with, also where its source ends
+        // early: what is missing then is a gap before the next one, or belongs to the tail.
+        bool bDone = !bPart && iAskedTo == segment.GetEnd();
+        if (bDone) {
+            store->GetNextSegment(&cursor);
+        }
         const int iRead = ReadPiece(context, segment, n, pReader, &read);
         if (iRead < 0 || read.GetRoom() == 0) {
             return static_cast<int>(read.iPlaced);
@@ -221,12 +227,12 @@ int CRedirectedFile::Assemble(const FileContext& context, std::int64_t iSeek, un
         if (bPart) {  // the source has ended early: it takes the whole segment to go on
             bPart = false;
             store->GetSegment(iSeek, &cursor);
+            bDone = iAskedTo == cursor.segment.GetEnd();
+            if (bDone) {
+                store->GetNextSegment(&cursor);
+            }
         }
-        // A segment of which everything was asked for is done with, also where its source has ended
-        // early: what is missing is a gap before the next one, or belongs to the tail.
-        if (iAskedTo == cursor.segment.GetEnd()) {
-            store->GetNextSegment(&cursor);
-        } else if (iRead == 0) {
+        if (!bDone && iRead == 0) {
             return static_cast<int>(read.iPlaced);  // asking again would give nothing again
         }
     }
