@@ -147,7 +147,7 @@ void CDescriptorCache::CloseBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
         if (pRuntimeParam->IsLogGeneralInfo()) {
             m_pUtilities->LogInfo(pRuntimeParam,
                                   "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"",
-                                  WithSlash(pcPath).c_str(), WithSlash(it->first).c_str());
+                                  CSlashedPath(pcPath).Get(), CSlashedPath(it->first).Get());
         }
         if (!IsBelow(it->first, pcPath)) {
             ++it;
@@ -170,7 +170,7 @@ void CDescriptorCache::CloseOutdated(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     if (!bBelow) {
         return;
     }
-    const std::string sFolder = WithSlash(pcPath);
+    const std::string sFolder = CSlashedPath(pcPath).Get();
     for (auto it = m_OpenedFileHandles.lower_bound(sFolder);
          it != m_OpenedFileHandles.end() && IsBelow(it->first, sFolder);) {
         it = close(it);

@@ -1,9 +1,26 @@
 #include "ExportTable.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "Paths.h"
+
+namespace {
+
+// Tells of the search at one export.
+void LogCompare(CLogRouter* pLogRouter, CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                std::string_view sPath, const std::string& sLocalMountPath) {
+    const CSlashedPath target(sPath);
+    pLogRouter->LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName,
+                        target.Get(), sLocalMountPath.c_str());
+    if (std::string_view(target.Get()).starts_with(sLocalMountPath)) {
+        pLogRouter->LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName,
+                            target.Get(), CSlashedPath(sLocalMountPath).Get());
+    }
+}
+
+}  // namespace
 
 void CExportTable::Add(MountInfo info) {
     MountInfo& entry = m_MountInfos[info.sExportName];
@@ -42,16 +59,9 @@ const MountInfo* CExportTable::FindByPath(CLogRouter* pLogRouter, CRuntimeParam*
                                           LogArgu* pLogArgu, const char* pcPath) const {
     const std::string_view sPath(pcPath);
     const bool bLog = pRuntimeParam->IsLogGeneralInfo();
-    const std::string sTarget = bLog ? WithSlash(sPath) : std::string();
     for (const auto& [sName, info] : m_MountInfos) {
         if (bLog) {
-            pLogRouter->LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName,
-                                sTarget.c_str(), info.sLocalMountPath.c_str());
-            if (sTarget.starts_with(info.sLocalMountPath)) {
-                pLogRouter->LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"",
-                                    pLogArgu->pcName, sTarget.c_str(),
-                                    WithSlash(info.sLocalMountPath).c_str());
-            }
+            LogCompare(pLogRouter, pRuntimeParam, pLogArgu, sPath, info.sLocalMountPath);
         }
         if (IsBelow(sPath, info.sLocalMountPath)) {
             if (bLog) {

@@ -23,10 +23,11 @@ bool IsBelow(std::string_view sPath, std::string_view sFolder) {
                                          : !sPath.empty() && !sPath.ends_with('/');
 }
 
-std::string WithSlash(std::string_view sPath) {
-    std::string sResult(sPath);
-    if (!sResult.empty() && sResult.back() != '/') {
-        sResult += '/';
+CSlashedPath::CSlashedPath(std::string_view sPath) {
+    std::size_t iLen = std::min(sPath.size(), PATH_SIZE - 1);
+    std::memcpy(m_cPath, sPath.data(), iLen);
+    if (iLen > 0 && m_cPath[iLen - 1] != '/' && iLen + 1 < PATH_SIZE) {
+        m_cPath[iLen++] = '/';
     }
-    return sResult;
+    m_cPath[iLen] = '\0';
 }

@@ -3,7 +3,6 @@
 #define VELOCAST_PATHS_H
 
 #include <cstddef>
-#include <string>
 #include <string_view>
 
 // Bytes of a path buffer, its NUL included.
@@ -17,7 +16,14 @@ void CopyPath(char* pcDst, const char* pcSrc);
 // folder.
 bool IsBelow(std::string_view sPath, std::string_view sFolder);
 
-// The path with a '/' at its end, unless it is empty.
-std::string WithSlash(std::string_view sPath);
+// A path with a '/' at its end, unless it is empty, and cut to fit; needs no memory of the heap.
+class CSlashedPath {
+public:
+    explicit CSlashedPath(std::string_view sPath);
+    const char* Get() const { return m_cPath; }
+
+private:
+    char m_cPath[PATH_SIZE];
+};
 
 #endif

@@ -621,7 +621,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
     for (auto it = m_mRedirectedFiles.begin(); it != m_mRedirectedFiles.end();) {
         if (pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"",
-                    WithSlash(Text(pcPath)).c_str(), WithSlash(it->first).c_str());
+                    CSlashedPath(Text(pcPath)).Get(), CSlashedPath(it->first).Get());
         }
         if (!IsBelow(it->first, Text(pcPath))) {
             ++it;
@@ -691,8 +691,8 @@ void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 void CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pathFrom,
                                             const char* pathTo) {
-    const std::string sFromFolder = WithSlash(pathFrom);
-    const std::string sToFolder = WithSlash(pathTo);
+    const std::string sFromFolder = CSlashedPath(pathFrom).Get();
+    const std::string sToFolder = CSlashedPath(pathTo).Get();
     std::vector<std::string> vPaths;
     {
         const CMutexLock lock(m_hMutexRedirectedFiles);
