@@ -102,7 +102,7 @@ void CSystemCalls::ReportLine::operator()(const char* pcFmt, ...) const {
 }
 
 // =================================================================================================
-// System calls with uniform reporting
+// System calls
 // =================================================================================================
 
 int CSystemCalls::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
