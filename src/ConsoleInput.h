@@ -29,9 +29,11 @@ public:
     static void RestoreTerminal();
 
 private:
-    // The next line of what was read, when there is one; bEnd: what is there is a line.
+    // Takes the next line off what was read; false when there is none yet.  With bEnd, all that was
+    // read is a line, whether a newline ends it or not.
     bool TakeLine(bool bEnd, std::string* psLine);
-    // Reads what is there; false when nothing is, for bEnded because the input ended or failed.
+    // Reads once; false when that gave nothing: *pbEnded then tells whether the input has ended or
+    // failed.
     bool ReadMore(bool* pbEnded);
 
     std::string m_sPending;  // read, not yet part of a line
