@@ -15,8 +15,8 @@
 // Thread safety: as CRuntimeParam and CIpcWorker.
 class CIpcReport : public CRuntimeParam {
 public:
-    // The exchanges of the deliveries belong to pWaits (borrowed).
-    // pOwner (borrowed) gives its identity and its log control.
+    // pOwner gives its identity and its log control; the exchanges of the deliveries belong to
+    // pWaits.  Both borrowed.
     CIpcReport(const CRuntimeParam* pOwner, CIpcWaits* pWaits, std::chrono::milliseconds patience);
 
     // Takes over the owner's log control of this moment: a delivery may come long after the

@@ -29,9 +29,8 @@ constexpr int SOCKET_FILE_MODE = 0777;    // processes of other users may connec
 constexpr std::size_t MAX_WAITING = 256;  // silent connections; one more drops the oldest
 constexpr int PAUSE_MS = 100;
 
-constexpr std::size_t MAX_REPORTS = 64;  // whose requesters do not take their lines
-constexpr std::chrono::milliseconds PATIENCE{
-    250};  // of all requests, with the first such requester
+constexpr std::size_t MAX_REPORTS = 64;             // whose requesters do not take their lines
+constexpr std::chrono::milliseconds PATIENCE{250};  // with the first such requester
 constexpr std::size_t MAX_FORWARDS = 256;
 constexpr std::chrono::milliseconds EXPORT_STEP{50};  // between two looks at what must not wait
 
