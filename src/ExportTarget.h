@@ -17,7 +17,7 @@ public:
     bool IsOpen() const { return m_File.IsOpen(); }
     const CUsedFile& GetFile() const { return m_File; }
     // Bytes written at the position, or -1.  A pipe is waited for while its reader goes on reading,
-    // and once that was in vain no more.  REQUIRES: IsOpen.
+    // and once that was in vain, or exports are stopped, no more.  REQUIRES: IsOpen.
     int Write(const void* pvBuf, unsigned int iLen);
     // Takes the file out of the cache, which closes it and reports that.
     void Close();

@@ -28,7 +28,8 @@ public:
     // With the parameters (borrowed) of the operation: they log, and their identity hears the lines
     // of a listing.
     template <typename... Arguments>
-    Exchange(const CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam, const Arguments&... arguments)
+    Exchange(const CNfsIpcClientMain* pMain, CRuntimeParam* pRuntimeParam,
+             const Arguments&... arguments)
         : m_Client(pMain->m_pUtilities.get(), pRuntimeParam), m_pcChannel(pMain->m_cIpcChannel) {
         IpcDataBuf& request = m_Client.GetDataInst()->request;
         CIpcBasic::InitialRequestData(&request, TYPE);

@@ -240,7 +240,7 @@ bool CRecordFile::Use::ReadChunk() {
 }
 
 bool CRecordFile::Use::ReadRecord(Segment* pSegment) {
-    if (m_iRecordPos + RECORD_SIZE > m_iFileLen || m_Context.pUtilities->AreExportsStopped()) {
+    if (m_iRecordPos + RECORD_SIZE > m_iFileLen) {
         return false;  // also of a file that grows as fast as it is read
     }
     const RecordChunk& chunk = m_pRecords->m_Chunk;
