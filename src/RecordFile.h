@@ -122,7 +122,7 @@ private:
     class Appender;
 
     // The record at m_iRecordPos, which moves on; false where the file ended when the operation
-    // began, and while exports are stopped.
+    // began.
     bool ReadRecord(Segment* pSegment);
     // Reads the records from m_iRecordPos on, up to where the next run begins.
     bool ReadChunk();

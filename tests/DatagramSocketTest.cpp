@@ -8,7 +8,9 @@
 #include "NfsMain.h"
 #include "RecordingUtilities.h"
 #include "RpcFixture.h"
-#include "SocketFaults.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using support::Bytes;
 using support::RpcClient;
@@ -151,14 +153,14 @@ TEST_F(DatagramSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
 TEST_F(DatagramSocket, WithoutAReceiveThreadTheOpeningFails) {
     (void)ThreadCount();  // before the creation of threads fails
     const std::size_t fds = support::OpenFds().size();
-    faults::threadsToCreate = 0;
+    faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
     char reason[STATUS_SIZE] = "";
     EXPECT_FALSE(m_server.Open(PROGRAM, PORT, &m_utilities, reason));
     EXPECT_STREQ(reason, "Fail to create datagram socket. Resource temporarily unavailable (11)");
     EXPECT_EQ(support::OpenFds().size(), fds);
     EXPECT_EQ(Descriptor(), -1);
     m_server.Close();
-    faults::threadsToCreate = -1;
+    faults::Clear(faults::Call::Thread);
     Open();
     RpcClient client(Transport::Udp, PORT);
     ExpectEcho(client, 7);
@@ -172,9 +174,10 @@ TEST_F(DatagramSocket, TheServiceDoesNotStartWithoutOneOfItsThreads) {
     for (int threads = 0; threads < 6; ++threads) {
         SCOPED_TRACE(threads);
         reason[0] = '\0';
-        faults::threadsToCreate = threads;
+        faults::Pass(faults::Call::Thread, threads);
+        faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
         EXPECT_FALSE(service.StartServer(0, 0, 0, 0, false, reason));
-        faults::threadsToCreate = -1;
+        faults::Clear(faults::Call::Thread);
         EXPECT_THAT(std::string(reason), testing::HasSubstr("daemon failed to open port"));
         EXPECT_EQ(Descriptor(), -1);
     }

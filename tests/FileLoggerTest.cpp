@@ -12,8 +12,10 @@
 #include <set>
 #include <thread>
 
-#include "SystemFaults.h"
+#include "support/Faults.h"
 #include "UtilitiesFixture.h"
+
+namespace faults = support::faults;
 
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
@@ -67,7 +69,7 @@ TEST_F(FileLogger, WritesTimeTypeAndText) {
 TEST_F(FileLogger, TheTimeIsTheLocalTimeOfTheWriting) {
     ASSERT_EQ(0, setenv("TZ", "XYZ-5:30", 1));
     tzset();
-    faults::lTime = 1'700'000'000;  // 2023/11/14 22:13:20 UTC
+    faults::SetTime(1'700'000'000);  // 2023/11/14 22:13:20 UTC
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.LogInfo("x"));
@@ -110,7 +112,7 @@ TEST_F(FileLogger, AWriteThatFailsIsNotDelivered) {
 TEST_F(FileLogger, ALineIsDeliveredDespiteAnInterruptingSignal) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
-    faults::Fail(faults::CALL_WRITE, EINTR, 2);
+    faults::Fail(faults::Call::Write, EINTR, 2);
     EXPECT_TRUE(logger.LogInfo("x"));
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre("[info] x"));
 }
@@ -378,7 +380,7 @@ TEST_F(FileLogger, ARotationThatCannotCreateSendsLaterLinesToTheConsole) {
     logger.SetMaxLogSize(1);
     EXPECT_TRUE(logger.LogRaw("one"));
     CaptureStdout();
-    faults::Fail(faults::CALL_OPEN, ENOSPC);
+    faults::Fail(faults::Call::Open, ENOSPC);
     EXPECT_FALSE(logger.LogRaw("two"));
     EXPECT_EQ("[erro] () [CFileLogger.LogMessage] OS create file \"" + m_sLog +
                   "\". Error=No space left on device (28)\n",
@@ -394,7 +396,7 @@ TEST_F(FileLogger, ARotationThatCannotCloseKeepsTheFileAndTriesAgain) {
     logger.SetMaxLogSize(1);
     EXPECT_TRUE(logger.LogRaw("one"));
     CaptureStdout();
-    faults::Fail(faults::CALL_CLOSE, EIO);
+    faults::Fail(faults::Call::Close, EIO);
     EXPECT_FALSE(logger.LogRaw("two"));
     EXPECT_EQ("[erro] () [CFileLogger.LogMessage] OS close file \"" + m_sLog +
                   "\". Error=Input/output error (5)\n",

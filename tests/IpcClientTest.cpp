@@ -8,9 +8,11 @@
 #include <future>
 #include <memory>
 
-#include "IpcFaults.h"
 #include "IpcFixture.h"
 #include "IpcWaits.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using namespace ipctest;
 
@@ -82,13 +84,13 @@ TEST_F(IpcClientTest, EveryFailingStepNamesItself) {
     EXPECT_EQ("Fail to connect ipc client socket. " + SystemText(ENOENT), reason);
 
     FakePeer peer(channel, ReplyBool(true));
-    faults::FailHere(faults::CALL_SOCKET, EMFILE);
+    faults::Fail(faults::Call::Socket, EMFILE);
     EXPECT_FALSE(Send());
     EXPECT_EQ("Fail to open ipc client socket. " + SystemText(EMFILE), reason);
-    faults::FailHere(faults::CALL_SEND, EPIPE);
+    faults::Fail(faults::Call::Send, EPIPE);
     EXPECT_FALSE(Send());
     EXPECT_EQ("Fail to send ipc client request. " + SystemText(EPIPE), reason);
-    faults::FailHere(faults::CALL_RECV, EIO);
+    faults::Fail(faults::Call::Recv, EIO);
     EXPECT_FALSE(Send());
     EXPECT_EQ("Fail to read ipc server reply. " + SystemText(EIO), reason);
     peer.Stop();
@@ -120,14 +122,14 @@ TEST_F(IpcClientTest, AReplyOfNoBytesIsAFailedExchange) {
 
 TEST_F(IpcClientTest, AnInterruptedReadGoesOn) {
     FakePeer peer(channel, ReplyInt(9));
-    faults::FailHere(faults::CALL_RECV, EINTR, 2);
+    faults::Fail(faults::Call::Recv, EINTR, 2);
     EXPECT_TRUE(Send()) << reason;
     EXPECT_EQ(9, client.GetIntReply());
 }
 
 TEST_F(IpcClientTest, AShortWriteIsLoggedAndTheExchangeGoesOn) {
     FakePeer peer(channel, ReplyBool(true));
-    faults::FailHere(faults::CALL_SEND, -5);
+    faults::Shorten(faults::Call::Send, 5);
     EXPECT_TRUE(Send()) << reason;
     EXPECT_EQ(5u, peer.TakeOne().size());
     EXPECT_TRUE(client.GetBoolReply());
@@ -150,9 +152,9 @@ TEST_F(IpcClientTest, EveryExchangeClosesItsSocket) {
     const std::size_t fds = support::OpenFds().size();
     for (int i = 0; i < 20; ++i) {
         ASSERT_TRUE(Send());
-        faults::FailHere(faults::CALL_SEND, EPIPE);
+        faults::Fail(faults::Call::Send, EPIPE);
         ASSERT_FALSE(Send());
-        faults::FailHere(faults::CALL_RECV, EIO);
+        faults::Fail(faults::Call::Recv, EIO);
         ASSERT_FALSE(Send());
         ASSERT_FALSE(client.SendRequest((dir / "nobody").c_str(), reason));
     }
@@ -172,7 +174,7 @@ public:
     explicit BusyPeer(const std::string& channel) : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         const sockaddr_un address = ChannelAddress(channel);
         if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            faults::Next<int(int, int)>("listen")(m_fd, 0) != 0) {
+            listen(m_fd, 0) != 0) {
             throw std::runtime_error("listen " + channel);
         }
     }

@@ -14,9 +14,11 @@
 #include <latch>
 
 #include "ConsoleFixture.h"
-#include "IpcFaults.h"
 #include "IpcFixture.h"
 #include "IpcServerThread.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using namespace ipctest;
 
@@ -439,7 +441,7 @@ TEST_F(IpcServerTest, NothingIsLoggedOfTheChannelWithoutItsBits) {
 
 TEST_F(IpcServerTest, AFailedReadClosesThatConnectionOnly) {
     LogBits(LOG_CONTROL_ERROR);
-    faults::FailElsewhere(faults::CALL_RECV, EIO);
+    faults::Fail(faults::Call::Recv, EIO, 1, faults::On::OtherThreads);
     EXPECT_EQ(Bytes{}, Exchange(ipcvectors::kIsServerRunning));
     ASSERT_TRUE(support::WaitFor([&] { return !log.Lines().empty(); }));
     EXPECT_EQ(Texts{"[error] [IpcServer.SendRequest] Fail to read ipc request. " + SystemText(EIO)},
@@ -449,7 +451,7 @@ TEST_F(IpcServerTest, AFailedReadClosesThatConnectionOnly) {
 
 TEST_F(IpcServerTest, AShortReplyIsLoggedAndCountsAsSent) {
     LogBits(LOG_CONTROL_ERROR);
-    faults::FailElsewhere(faults::CALL_SEND, -7);
+    faults::Shorten(faults::Call::Send, 7, 1, faults::On::OtherThreads);
     const Bytes reply = Exchange(ipcvectors::kIsServerRunning);
     EXPECT_EQ(Hex(Bytes(kTrue.begin(), kTrue.begin() + 7)), Hex(reply));
     EXPECT_EQ(Texts{"[error] Fail to send ipc complete reply. (Send = 7, Target = 20)"},
@@ -458,7 +460,7 @@ TEST_F(IpcServerTest, AShortReplyIsLoggedAndCountsAsSent) {
 
 TEST_F(IpcServerTest, AFailedAcceptIsLoggedAndTheChannelGoesOn) {
     LogBits(LOG_CONTROL_ERROR);
-    faults::FailElsewhere(faults::CALL_ACCEPT, EMFILE, 3);
+    faults::Fail(faults::Call::Accept, EMFILE, 3, faults::On::OtherThreads);
     EXPECT_EQ(Hex(kTrue), Hex(Exchange(ipcvectors::kIsServerRunning)));
     EXPECT_EQ(Texts(3, "[error] [IpcServer.SendRequest] Fail to accept ipc request. " +
                            SystemText(EMFILE)),
@@ -467,7 +469,7 @@ TEST_F(IpcServerTest, AFailedAcceptIsLoggedAndTheChannelGoesOn) {
 
 TEST_F(IpcServerTest, AFailureThatLastsDoesNotBurnACore) {
     LogBits(LOG_CONTROL_ERROR);
-    faults::FailElsewhere(faults::CALL_ACCEPT, EMFILE, 1'000'000);
+    faults::Fail(faults::Call::Accept, EMFILE, faults::kAlways, faults::On::OtherThreads);
     const RawClient client;
     ASSERT_TRUE(support::WaitFor([&] { return log.Lines().size() >= 2; }));
     const auto begin = std::chrono::steady_clock::now();
@@ -621,11 +623,11 @@ TEST_F(IpcChannelTest, TheDestructorCloses) {
 TEST_F(IpcChannelTest, AFailedStepOfOpeningNamesItselfAndLeavesNothing) {
     const std::size_t fds = support::OpenFds().size();
     for (const auto& [call, text] : std::vector<std::pair<faults::Call, std::string>>{
-             {faults::CALL_SOCKET, "Fail to bind ipc server socket. "},
-             {faults::CALL_CHMOD, ""},  // the file layer's text as it is
-             {faults::CALL_LISTEN, "Fail to listen ipc server socket. "}}) {
+             {faults::Call::Socket, "Fail to bind ipc server socket. "},
+             {faults::Call::Chmod, ""},  // the file layer's text as it is
+             {faults::Call::Listen, "Fail to listen ipc server socket. "}}) {
         CIpcServer server(&main);
-        faults::FailHere(call, EPERM);
+        faults::Fail(call, EPERM);
         EXPECT_FALSE(server.Open(channel.c_str(), reason));
         EXPECT_EQ(text + SystemText(EPERM), reason);
         EXPECT_FALSE(server.IsOpened());
@@ -782,7 +784,7 @@ TEST_F(IpcChannelTest, AFailedThreadObjectIsKept) {
 }
 
 TEST_F(IpcChannelTest, AThreadThatCannotBeMadeLeavesNoChannel) {
-    faults::FailHere(faults::CALL_THREAD, EAGAIN);
+    faults::Fail(faults::Call::Thread, EAGAIN);
     EXPECT_FALSE(main.StartRemoteController(reason));
     EXPECT_EQ(SystemText(EAGAIN), reason);
     EXPECT_FALSE(support::FileExists(kServerChannel));

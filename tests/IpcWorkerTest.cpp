@@ -12,10 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "IpcFaults.h"
 #include "IpcReport.h"
 #include "IpcWaits.h"
+#include "support/Faults.h"
 #include "support/Files.h"
+
+namespace faults = support::faults;
 
 using std::chrono::milliseconds;
 
@@ -84,7 +86,7 @@ TEST_F(IpcWorkerTest, ATaskThatThrowsEndsNothing) {
 TEST_F(IpcWorkerTest, WithoutAThreadATaskIsLeftToTheCaller) {
     std::atomic<int> done{0};
     CIpcWorker worker(&waits);
-    faults::FailHere(faults::CALL_THREAD, EAGAIN);
+    faults::Fail(faults::Call::Thread, EAGAIN);
     EXPECT_FALSE(worker.Add([&] { ++done; }));
     EXPECT_EQ(0u, worker.GetCount());
     EXPECT_TRUE(worker.Add([&] { ++done; })) << "tried again";
@@ -136,7 +138,7 @@ TEST_F(IpcWorkerTest, WithoutAThreadAReportDeliversItself) {
     waits.Refuse();
     const CRuntimeParam owner("sv", 0);
     CIpcReport report(&owner, &waits, milliseconds(0));
-    faults::FailHere(faults::CALL_THREAD, EAGAIN);
+    faults::Fail(faults::Call::Thread, EAGAIN);
     bool ended = false;
     report.Deliver([&] { ended = CIpcWait(&other).IsEnded(); });
     EXPECT_TRUE(ended) << "its exchange belongs to the report's waits";

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "NfsServiceFixture.h"
+#include "support/Faults.h"
+
+using support::faults::LstatFault;
 
 using namespace nfstest;
 

@@ -12,6 +12,9 @@
 #include "Nfs3Prog.h"
 #include "Nfs3Xdr.h"
 #include "NfsServiceFixture.h"
+#include "support/Faults.h"
+
+using support::faults::LstatFault;
 
 using namespace nfstest;
 using namespace support;

@@ -5,6 +5,9 @@
 
 #include "Nfs3Prog.h"
 #include "NfsServiceFixture.h"
+#include "support/Faults.h"
+
+using support::faults::LstatFault;
 
 using namespace nfstest;
 using namespace support;

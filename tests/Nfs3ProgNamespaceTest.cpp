@@ -9,6 +9,9 @@
 
 #include "Nfs3Prog.h"
 #include "NfsServiceFixture.h"
+#include "support/Faults.h"
+
+using support::faults::LstatFault;
 
 using namespace nfstest;
 using namespace support;

@@ -2,14 +2,12 @@
 // of the test's namespace, whose log lines are kept; and single programs without a network.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -102,53 +100,6 @@ private:
     std::string m_hookText;        // guarded by m_hookMutex
     std::function<void()> m_hook;  // guarded by m_hookMutex
 };
-
-// ------------------------------------------------------------------------------------------------
-// Faults: lstat(2), defined here in the program itself, goes before the C library's
-// ------------------------------------------------------------------------------------------------
-
-// While it lives, lstat of the path fails, as of an object that went away after it was found.
-// The path is borrowed.
-inline std::atomic<const char*> g_lstatFault{nullptr};
-// While set, lstat of the path of g_lstatFault succeeds with this record instead of failing.
-inline std::atomic<const struct stat*> g_lstatAnswer{nullptr};
-
-class LstatFault {
-public:
-    explicit LstatFault(std::string path, const struct stat* answer = nullptr)
-        : m_path(std::move(path)) {
-        g_lstatAnswer = answer;
-        g_lstatFault = m_path.c_str();
-    }
-    ~LstatFault() {
-        g_lstatFault = nullptr;
-        g_lstatAnswer = nullptr;
-    }
-    LstatFault(const LstatFault&) = delete;
-    LstatFault& operator=(const LstatFault&) = delete;
-
-private:
-    std::string m_path;
-};
-
-}  // namespace nfstest
-
-// A test program consists of one source, so that this definition is the only one.
-extern "C" int lstat(const char* path, struct stat* data) noexcept {
-    const char* fault = nfstest::g_lstatFault;
-    if (fault != nullptr && std::strcmp(fault, path) == 0) {
-        const struct stat* answer = nfstest::g_lstatAnswer;
-        if (answer == nullptr) {
-            errno = ENOENT;
-            return -1;
-        }
-        *data = *answer;
-        return 0;
-    }
-    return fstatat(AT_FDCWD, path, data, AT_SYMLINK_NOFOLLOW);
-}
-
-namespace nfstest {
 
 // ------------------------------------------------------------------------------------------------
 // Expected bytes

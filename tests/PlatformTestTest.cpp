@@ -18,16 +18,12 @@
 #include "PlatformReport.h"
 #include "RecordingUtilities.h"
 #include "RuntimeParam.h"
+#include "support/Faults.h"
 #include "support/Files.h"
-#include "SystemFaults.h"
+
+namespace faults = support::faults;
 
 // The moment in the report.
-extern "C" int gettimeofday(struct timeval* now, void* /*zone*/) noexcept {
-    now->tv_sec = platform::kNowMs / 1000;
-    now->tv_usec = platform::kNowMs % 1000 * 1000 + 999;
-    return 0;
-}
-
 namespace {
 
 using namespace platform;
@@ -103,6 +99,11 @@ void ExchangeForNullDevice(const std::string& path) {
 
 class PlatformTest : public ::testing::Test {
 protected:
+    PlatformTest() {
+        static constexpr struct timeval kNow { kNowMs / 1000, kNowMs % 1000 * 1000 + 999 };
+        faults::SetTimeOfDay(&kNow);
+    }
+
     // Runs the test and returns its report.
     Lines Run(long long size, const std::string& directory) {
         const std::vector<int> before = support::OpenFds();
@@ -550,7 +551,7 @@ TEST_F(PlatformTest, DirectoryThatVanishesAtOnceIsNotCreated) {
 }
 
 TEST_F(PlatformTest, FailedCreationLeavesNothingToClose) {
-    m_utilities.After("[ OK ] Create directory", 1, [] { faults::Fail(faults::CALL_OPEN, EIO); });
+    m_utilities.After("[ OK ] Create directory", 1, [] { faults::Fail(faults::Call::Open, EIO); });
     EXPECT_EQ(ExpectedWithLateFile(
                   {{"Create file", 1, kIoError}, {"Close file", 1, "Bad file descriptor"}}),
               Text(Run()));
@@ -569,7 +570,7 @@ TEST_F(PlatformTest, FailedClosingIsReportedOnly) {
         m_utilities.After(line, 1, [&] {
             const int fd = DescriptorOf(m_file);
             ASSERT_EQ(0, close(fd));
-            faults::Fail(faults::CALL_CLOSE, EIO);
+            faults::Fail(faults::Call::Close, EIO);
         });
         EXPECT_EQ(Expected({{"Close file", nth, kIoError}}), Text(Run()));
     }
@@ -588,7 +589,7 @@ protected:
 };
 
 TEST_P(PlatformTestOfResizing, FailureSkipsItsVerification) {
-    BeforeResizing([] { faults::Fail(faults::CALL_FSTAT, EIO); });
+    BeforeResizing([] { faults::Fail(faults::Call::Fstat, EIO); });
     const int nth = GetParam();
     EXPECT_EQ(Expected({{Step(), 1, kIoError},
                         {"Open file", nth, "Set file size failed"},
@@ -599,7 +600,7 @@ TEST_P(PlatformTestOfResizing, FailureSkipsItsVerification) {
 }
 
 TEST_P(PlatformTestOfResizing, FileThatCannotBeOpenedIsNotVerified) {
-    AfterResizing([] { faults::Fail(faults::CALL_OPEN, EIO); });
+    AfterResizing([] { faults::Fail(faults::Call::Open, EIO); });
     const int nth = GetParam();
     EXPECT_EQ(Expected({{"Open file", nth, kIoError},
                         {"Verify file size", nth, "Open file failed"},
@@ -608,7 +609,7 @@ TEST_P(PlatformTestOfResizing, FileThatCannotBeOpenedIsNotVerified) {
 }
 
 TEST_P(PlatformTestOfResizing, OpeningIsNotTriedASecondTime) {
-    AfterResizing([] { faults::Fail(faults::CALL_OPEN, EMFILE); });
+    AfterResizing([] { faults::Fail(faults::Call::Open, EMFILE); });
     const int nth = GetParam();
     EXPECT_EQ(Expected({{"Open file", nth, "Too many open files (24)"},
                         {"Verify file size", nth, "Open file failed"},
@@ -618,7 +619,7 @@ TEST_P(PlatformTestOfResizing, OpeningIsNotTriedASecondTime) {
 
 TEST_P(PlatformTestOfResizing, EndThatCannotBeFoundIsReported) {
     m_utilities.After("[ OK ] Open file", GetParam(),
-                      [] { faults::Fail(faults::CALL_LSEEK, EIO); });
+                      [] { faults::Fail(faults::Call::Lseek, EIO); });
     EXPECT_EQ(Expected({{"Verify file size", GetParam(), kIoError}}), Text(Run()));
 }
 
@@ -631,7 +632,7 @@ TEST_P(PlatformTestOfResizing, AnotherSizeIsReportedWithTheSize) {
 TEST_P(PlatformTestOfResizing, FailedClosingIsReportedOnly) {
     m_utilities.After("[ OK ] Verify file size", GetParam(), [this] {
         ASSERT_EQ(0, close(DescriptorOf(m_file)));
-        faults::Fail(faults::CALL_CLOSE, EIO);
+        faults::Fail(faults::Call::Close, EIO);
     });
     EXPECT_EQ(Expected({{"Close file", GetParam() + 1, kIoError}}), Text(Run()));
 }
@@ -643,7 +644,7 @@ TEST_F(PlatformTest, FileThatCannotBeOpenedIsNeitherWrittenNorRead) {
     for (const auto& [error, reason] :
          {std::pair{EIO, kIoError}, std::pair{EMFILE, std::string("Too many open files (24)")}}) {
         m_utilities.After("[ OK ] Close file", 3,
-                          [error = error] { faults::Fail(faults::CALL_OPEN, error); });
+                          [error = error] { faults::Fail(faults::Call::Open, error); });
         std::vector<Failure> failures{{"Open file", 3, reason},
                                       {"Close file", 4, "Bad file descriptor"}};
         for (const int pass : {1, 2}) {
@@ -675,7 +676,7 @@ protected:
 };
 
 TEST_P(PlatformTestOfPass, FailedSeekSkipsTheRest) {
-    BeforePass([] { FailNext(faults::CALL_LSEEK); });
+    BeforePass([] { FailNext(faults::Call::Lseek); });
     EXPECT_EQ(Expected({{"File seek", Pass(), kIoError},
                         {"Write data", Pass(), "File seek failed"},
                         {"Move pointer", Pass(), "File write failed"},
@@ -685,7 +686,7 @@ TEST_P(PlatformTestOfPass, FailedSeekSkipsTheRest) {
 }
 
 TEST_P(PlatformTestOfPass, FailedWriteSkipsTheRest) {
-    After("File seek", [] { FailNext(faults::CALL_WRITE); });
+    After("File seek", [] { FailNext(faults::Call::Write); });
     EXPECT_EQ(Expected({{"Write data", Pass(), kIoError},
                         {"Move pointer", Pass(), "File write failed"},
                         {"Read data", Pass(), "File seek failed"},
@@ -694,7 +695,7 @@ TEST_P(PlatformTestOfPass, FailedWriteSkipsTheRest) {
 }
 
 TEST_P(PlatformTestOfPass, FailedMoveSkipsTheRest) {
-    After("Write data", [] { FailNext(faults::CALL_LSEEK); });
+    After("Write data", [] { FailNext(faults::Call::Lseek); });
     EXPECT_EQ(Expected({{"Move pointer", Pass(), kIoError},
                         {"Read data", Pass(), "File seek failed"},
                         {"Verify data", Pass(), "File read failed"}}),
@@ -702,7 +703,7 @@ TEST_P(PlatformTestOfPass, FailedMoveSkipsTheRest) {
 }
 
 TEST_P(PlatformTestOfPass, FailedReadSkipsTheComparison) {
-    After("Move pointer", [] { FailNext(faults::CALL_READ); });
+    After("Move pointer", [] { FailNext(faults::Call::Read); });
     EXPECT_EQ(
         Expected({{"Read data", Pass(), kIoError}, {"Verify data", Pass(), "File read failed"}}),
         Text(Run()));

@@ -6,41 +6,32 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <set>
 
 #include "NfsServiceFixture.h"
 #include "ServerSocket.h"
+#include "support/Faults.h"
 #include "support/Rpcbind.h"
+
+namespace faults = support::faults;
 
 using namespace nfstest;
 using namespace support;
 
-// Faults: these definitions in the program itself go before the C library's.  While set, the
-// process has no descriptor to give.
-static std::atomic<bool> g_noDescriptors{false};
-
-extern "C" int socket(int domain, int type, int protocol) noexcept {
-    if (g_noDescriptors) {
-        errno = EMFILE;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-}
-
-extern "C" int dup(int fd) noexcept {
-    if (g_noDescriptors) {
-        errno = EMFILE;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_dup, fd));
-}
-
 namespace {
+
+// Whether the process has descriptors to give.
+void GiveDescriptors(bool given) {
+    for (const faults::Call call : {faults::Call::Socket, faults::Call::Dup}) {
+        faults::Clear(call);
+        if (!given) {
+            faults::Fail(call, EMFILE, faults::kAlways);
+        }
+    }
+}
 
 class OwnedSocket {
 public:
@@ -86,6 +77,7 @@ protected:
     LoggedUtilities& log = utilities;
     CRuntimeParam param{"test", LOG_CONTROL_PORTMAP};
     char reason[STATUS_SIZE] = "";
+    faults::Guard faultGuard;
 };
 
 const std::string kRegisterSvc = "info [Portmap.RegisterSvc] ";
@@ -129,11 +121,11 @@ TEST_F(PortmapTest, AnswerOfTheConstructorStands) {
 
 TEST_F(PortmapTest, ProbeThatGetsNoSocketCountsAsNotRunning) {
     const OwnedSocket holder(BoundSocket(SOCK_STREAM, 111));
-    g_noDescriptors = true;
+    GiveDescriptors(false);
     CPortmap portmap(&utilities, &param);
     const bool running = portmap.IsRunning();
     const int fd = portmap.CreateSocket(4711, reason);
-    g_noDescriptors = false;
+    GiveDescriptors(true);
     EXPECT_FALSE(running);
     EXPECT_EQ(-1, fd);
     EXPECT_STREQ("Error opening socket for port 4711", reason);
@@ -313,9 +305,9 @@ TEST_F(PortmapTest, DescriptorsThatRunOutFailAtTheTcpTransport) {
     CPortmap portmap(&utilities, &param);
     const OwnedSocket listener(BoundSocket(SOCK_STREAM, 4711));
     log.Forget();
-    log.At("Creating TCP", [] { g_noDescriptors = true; });
+    log.At("Creating TCP", [] { GiveDescriptors(false); });
     const bool registered = portmap.RegisterSvc(100003, 3, listener.fd, reason);
-    g_noDescriptors = false;
+    GiveDescriptors(true);
     EXPECT_FALSE(registered);
     EXPECT_STREQ("Cannot create TCP for 100003 ver=3", reason);
     EXPECT_EQ((Texts{kRegisterSvc + "Creating UDP for 100003 ver=3",

@@ -16,7 +16,9 @@
 
 #include "PlatformReport.h"
 #include "RedirectedFixture.h"
-#include "SystemFaults.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using namespace redirtest;
 using support::FileExists;
@@ -451,7 +453,7 @@ TEST_F(RedirectedFileTest, ASegmentWhoseRecordsCannotBeWrittenLeavesNoTrace) {
     const std::string a = Make("a", PatternData(100));
     Open(4 * kGiB, info);
     ASSERT_TRUE(Add(a, 0, 0, 10));
-    faults::Fail(faults::CALL_WRITE, ENOSPC);
+    faults::Fail(faults::Call::Write, ENOSPC);
     EXPECT_FALSE(Add("", 0, kGiB, 10)) << "would have made a checkpoint";
     EXPECT_EQ(28, SizeOf(info));
     ASSERT_TRUE(Add(a, 10, 10, 10));
@@ -465,7 +467,7 @@ TEST_F(RedirectedFileTest, ASegmentIsRefusedWhenTheEndOfTheInfoFileCannotBeFound
     const std::string info = Make("info");
     Open(100, info);
     ASSERT_TRUE(Add("", 0, 0, 10));
-    faults::Fail(faults::CALL_LSEEK, EIO);
+    faults::Fail(faults::Call::Lseek, EIO);
     EXPECT_FALSE(Add("", 0, 10, 10));
     EXPECT_EQ(28, SizeOf(info));
 }
@@ -786,10 +788,10 @@ TEST_F(RedirectedFileTest, ADeviceIsPositionedForEveryRead) {
     Open(100);
     ASSERT_TRUE(Add(ptsname(master), 0, 0, 100));
     Log(LOG_CONTROL_ERROR);
-    const int calls = faults::iCalls[faults::CALL_PREAD];
+    const int calls = faults::Count(faults::Call::Pread);
     EXPECT_EQ(0, Read(0, 6).count);
     EXPECT_THAT(utilities.Errors(), ElementsAre(testing::HasSubstr("OS seek file (")));
-    EXPECT_EQ(calls, faults::iCalls[faults::CALL_PREAD]);
+    EXPECT_EQ(calls, faults::Count(faults::Call::Pread));
     close(master);
 }
 
@@ -1411,7 +1413,7 @@ TEST_F(ExportedRedirectedFileTest, AFailedCloseOfATargetIsReported) {
     Open(10);
     Log(LOG_CONTROL_ERROR);
     for (const bool listing : {false, true}) {
-        faults::Fail(faults::CALL_CLOSE, EIO);
+        faults::Fail(faults::Call::Close, EIO);
         if (listing) {
             file.ExportInfo(&param, target.c_str(), false);
         } else {

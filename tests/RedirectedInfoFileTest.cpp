@@ -14,7 +14,9 @@
 #include <thread>
 
 #include "RedirectedFixture.h"
-#include "SystemFaults.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using namespace redirtest;
 using support::FileExists;
@@ -260,10 +262,10 @@ TEST_P(ChangedInfoFileTest, IsReadAsAPlainReaderReadsIt) {
         for (int i = 0; i < 25; ++i) {
             const std::int64_t seek = Below(kSize);
             const auto count = static_cast<unsigned int>(Below(3000));
-            const int before = faults::iCalls[faults::CALL_READ];
+            const int before = faults::Count(faults::Call::Read);
             const Got got = Read(disk, static_cast<std::uint64_t>(seek), count);
             // One call for 256 records; one of no bytes reads none from its source.
-            ASSERT_LE(faults::iCalls[faults::CALL_READ] - before, SizeOf(disk) / kRecord / 256 + 3);
+            ASSERT_LE(faults::Count(faults::Call::Read) - before, SizeOf(disk) / kRecord / 256 + 3);
             ASSERT_EQ(plain.Read(seek, count), got) << "change " << change << ", seek " << seek;
             covered += got.data.find_first_not_of('\0') != std::string::npos ? 1 : 0;
         }
@@ -345,14 +347,14 @@ TEST_P(ChangedInfoFileTest, ReadsEndWhileOthersWrite) {
     const bool begun = support::WaitFor([&] { return SizeOf(disk) != 5 * kRecord; });
     EXPECT_TRUE(begun);
     for (int i = 0; begun && i < 300; ++i) {
-        const int before = faults::iCalls[faults::CALL_READ];
+        const int before = faults::Count(faults::Call::Read);
         // Now and then from an own record on, behind which the others' are passed.
         const std::int64_t seek =
             Below(2) == 0 ? own[static_cast<std::size_t>(Below(5))].iOffset : Below(kSize);
         const Got got =
             Read(disk, static_cast<std::uint64_t>(seek), static_cast<unsigned int>(Below(70'000)));
         EXPECT_GE(got.count, 0);
-        EXPECT_LE(faults::iCalls[faults::CALL_READ] - before, 6'000'000 / kRecord / 256 + 3);
+        EXPECT_LE(faults::Count(faults::Call::Read) - before, 6'000'000 / kRecord / 256 + 3);
     }
     stop = true;
     writer.join();

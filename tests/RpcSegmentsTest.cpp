@@ -20,24 +20,31 @@
 #include "PortmapProg.h"
 #include "RpcFixture.h"
 #include "RpcServer.h"
+#include "support/Faults.h"
 #include "Utilities.h"
+
+namespace faults = support::faults;
 
 using support::Bytes;
 using support::Hex;
 using support::XdrWriter;
 
+namespace {
+
 // Attributes are the same in every run: times and inode numbers are what makes replies to the same
 // calls differ, and nothing here depends on them.
-extern "C" int lstat(const char* path, struct stat* data) noexcept {
-    const int result = fstatat(AT_FDCWD, path, data, AT_SYMLINK_NOFOLLOW);
-    if (result == 0) {
-        data->st_ino = static_cast<ino_t>(std::hash<std::string>{}(path)&0xFFFFFF);
-        data->st_atim = data->st_mtim = data->st_ctim = {1'000'000, 0};
+class StableAttributes {
+public:
+    StableAttributes() {
+        faults::AdjustLstat([](const char* path, struct stat* data) {
+            data->st_ino = static_cast<ino_t>(std::hash<std::string>{}(path)&0xFFFFFF);
+            data->st_atim = data->st_mtim = data->st_ctim = {1'000'000, 0};
+        });
     }
-    return result;
-}
 
-namespace {
+private:
+    faults::Guard m_guard;
+};
 
 #if defined(__SANITIZE_ADDRESS__)
 // A sanitized run is ten times slower and needs no full coverage: the plain build has it.
@@ -509,6 +516,7 @@ protected:
     // How many sequences that makes.
     static std::size_t Sequences() { return GetParam().sequences.size() * std::size(kAuths); }
 
+    const StableAttributes m_stable;
     Service m_service;
 };
 

@@ -13,7 +13,9 @@
 #include "RecordingUtilities.h"
 #include "RpcFixture.h"
 #include "ServerSocket.h"
-#include "SocketFaults.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using support::BuildCall;
 using support::Bytes;
@@ -1070,12 +1072,12 @@ TEST_F(RpcServer, AStreamCutAnywhereIsAnsweredCallByCall) {
 
 TEST_F(RpcServer, TheRestOfAPartialReplyGoesOutInFrontOfTheNextOne) {
     PacketConnection connection(PROGRAM, &m_server);
-    for (const long taken : {1l, 4l, 10l, 31l}) {
-        faults::sendPlan.Set({taken});
+    for (const std::size_t taken : {1, 4, 10, 31}) {
+        faults::Shorten(faults::Call::Send, taken, 1, faults::On::OtherThreads);
         connection.Send(Call(1, NEXT_NUMBER, Word(10)));
         const std::optional<Bytes> part = connection.Receive();
         ASSERT_TRUE(part);
-        EXPECT_EQ(part->size(), static_cast<std::size_t>(taken));
+        EXPECT_EQ(part->size(), taken);
         connection.Send(Call(2, NEXT_NUMBER, Word(20)));
         const std::vector<RpcReply> replies =
             Records(Concat({*part, Joined(connection.ReceiveAll())}));
@@ -1089,7 +1091,7 @@ TEST_F(RpcServer, TheRestOfAPartialReplyGoesOutInFrontOfTheNextOne) {
 
 TEST_F(RpcServer, AReplyThatTheSystemDoesNotTakeGoesOutWithTheNextOne) {
     PacketConnection connection(PROGRAM, &m_server);
-    faults::sendPlan.Set({-EAGAIN});
+    faults::Fail(faults::Call::Send, EAGAIN, 1, faults::On::OtherThreads);
     connection.Send(Call(1));
     EXPECT_FALSE(connection.Receive());
     connection.Send(Call(2));
@@ -1101,7 +1103,7 @@ TEST_F(RpcServer, AReplyThatTheSystemDoesNotTakeGoesOutWithTheNextOne) {
 
 TEST_F(RpcServer, ATruncatedCallDoesNotTakeTheRestOfAnEarlierReplyWithIt) {
     PacketConnection connection(PROGRAM, &m_server);
-    faults::sendPlan.Set({10});
+    faults::Shorten(faults::Call::Send, 10, 1, faults::On::OtherThreads);
     const Bytes cut = Call(2, NEXT_NUMBER, Word(20));
     connection.Send(Call(1, NEXT_NUMBER, Word(10)));
     connection.Send(FirstBytes(cut, 46));
@@ -1118,7 +1120,8 @@ TEST_F(RpcServer, AReplacedStatusBehindAPartialReplyLeavesBothRecordsWhole) {
         return param.iProc == 5 ? PROG_RESULT_GARBAGE : PROG_RESULT_DONE;
     });
     PacketConnection connection(PROGRAM, &m_server);
-    faults::sendPlan.Set({6, 0});
+    faults::Shorten(faults::Call::Send, 6, 1, faults::On::OtherThreads);
+    faults::Skip(faults::Call::Send, 1, faults::On::OtherThreads);
     connection.Send(Call(1));
     connection.Send(Call(2, 5));
     connection.Send(Call(3));
@@ -1147,13 +1150,17 @@ TEST_F(RpcServer, HoweverSendsAreCutEveryRecordArrivesWhole) {
     for (std::uint32_t i = 0; i < 500; ++i) {
         sizes.push_back(static_cast<std::uint32_t>(random() % 400));
         const std::uint64_t kind = random() % 4;
-        faults::sendPlan.Set(kind == 0   ? std::deque<long>{-EAGAIN}
-                             : kind == 1 ? std::deque<long>{}
-                                         : std::deque<long>{static_cast<long>(random() % 500)});
+        faults::Clear(faults::Call::Send, faults::On::OtherThreads);
+        if (kind == 0) {
+            faults::Fail(faults::Call::Send, EAGAIN, 1, faults::On::OtherThreads);
+        } else if (kind != 1) {
+            const std::size_t taken = random() % 500;
+            faults::Shorten(faults::Call::Send, taken, 1, faults::On::OtherThreads);
+        }
         connection.Send(Call(i, 5, Word(sizes.back())));
         stream = Concat({stream, Joined(connection.ReceiveAll())});
     }
-    faults::sendPlan.Set({});
+    faults::Clear(faults::Call::Send, faults::On::OtherThreads);
     connection.Send(Call(500, 5, Word(0)));
     stream = Concat({stream, Joined(connection.ReceiveAll())});
 

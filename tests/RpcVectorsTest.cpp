@@ -10,18 +10,27 @@
 #include <tuple>
 
 #include "NfsServiceFixture.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using namespace nfstest;
 using namespace support;
 using vectors::Vector;
 
-// The clock of the WRITE verifier, defined here in the program itself, goes before the C library's.
-extern "C" int gettimeofday(struct timeval* now, void* /*zone*/) noexcept {
-    *now = {1'700'000'000, 123'456};
-    return 0;
-}
-
 namespace {
+
+// The clock of the WRITE verifier stands still, from before a service is made.
+class StoppedClock {
+protected:
+    StoppedClock() {
+        static constexpr struct timeval kNow { 1'700'000'000, 123'456 };
+        faults::SetTimeOfDay(&kNow);
+    }
+
+private:
+    faults::Guard m_guard;
+};
 
 // nfstime3
 Bytes TimeOf(time_t seconds) { return Words({static_cast<std::uint32_t>(seconds), 0}); }
@@ -72,7 +81,9 @@ std::uint32_t ProcedureOf(const Bytes& call) { return WordAt(call, 20); }
 using Parameter = std::tuple<Transport, Vector>;
 
 template <typename Service>
-class VectorTest : public Service, public ::testing::WithParamInterface<Parameter> {
+class VectorTest : private StoppedClock,
+                   public Service,
+                   public ::testing::WithParamInterface<Parameter> {
 protected:
     void ExpectAnswered() {
         const auto& [transport, vector] = GetParam();

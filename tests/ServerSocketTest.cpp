@@ -16,9 +16,11 @@
 
 #include "RecordingUtilities.h"
 #include "RpcFixture.h"
-#include "SocketFaults.h"
+#include "support/Faults.h"
 #include "support/Nfs3Client.h"
 #include "support/Server.h"
+
+namespace faults = support::faults;
 
 using support::Bytes;
 using support::RpcClient;
@@ -209,7 +211,7 @@ TEST_F(ServerSocket, AConnectionKnowsItsPeerItsTypeAndItsProgram) {
 
 TEST_F(ServerSocket, BacklogIsTheNumberOfSlots) {
     Open(7);
-    EXPECT_EQ(faults::listenBacklog, 7);
+    EXPECT_EQ(faults::LastBacklog(), 7);
 }
 
 TEST_F(ServerSocket, APortInUseIsRefused) {
@@ -263,16 +265,15 @@ TEST_F(ServerSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
 }
 
 TEST_F(ServerSocket, AFailingListenIsReportedAndFreesThePort) {
-    faults::listenError = EADDRINUSE;
+    faults::Fail(faults::Call::Listen, EADDRINUSE);
     EXPECT_EQ(Refusal(), "Fail to listen server socket. Address already in use (98)");
-    faults::listenError = 0;
     Open();
 }
 
 TEST_F(ServerSocket, WithoutAnAcceptThreadTheOpeningFails) {
-    faults::threadsToCreate = 0;
+    faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
     EXPECT_EQ(Refusal(), "Fail to create server socket. Resource temporarily unavailable (11)");
-    faults::threadsToCreate = -1;
+    faults::Clear(faults::Call::Thread);
     Open();
 }
 
@@ -404,7 +405,8 @@ TEST_F(ServerSocket, UnreadInputStaysInTheSlotForTheNextConnection) {
 
 TEST_F(ServerSocket, UnsentOutputGoesToTheNextConnectionOfTheSlot) {
     Open();
-    faults::sendPlan.Set({0});  // the first connection's answer is not taken
+    faults::Skip(faults::Call::Send, 1,
+                 faults::On::OtherThreads);  // the first connection's answer is not taken
     RpcClient first(Transport::Tcp, PORT);
     first.SendRaw({1, 2});
     ASSERT_TRUE(m_listener.WaitForRounds(1));
@@ -550,7 +552,7 @@ TEST_F(ServerSocketDeathTest, AConnectionWaitsForASlotForAMinuteOnly) {
             closed.SendRaw({1});
             listener.WaitForHeld(0);
         }
-        faults::noSleeps = true;
+        faults::Skip(faults::Call::Sleep, faults::kAlways, faults::On::OtherThreads);
         const RpcClient next(Transport::Tcp, PORT);
         (void)WaitFor([] { return false; });
         listener.ReleaseAll();

@@ -10,7 +10,9 @@
 #include <future>
 
 #include "RpcFixture.h"
-#include "SocketFaults.h"
+#include "support/Faults.h"
+
+namespace faults = support::faults;
 
 using support::Bytes;
 using support::ToBytes;
@@ -194,10 +196,10 @@ TEST_F(Socket, WithoutAReceiveThreadTheSlotIsFreeAgain) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair first;
-    faults::threadsToCreate = 0;
+    faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
     EXPECT_FALSE(socket.Open(first.Given(), &listener, nullptr));
     EXPECT_EQ(errno, EAGAIN);
-    faults::threadsToCreate = -1;
+    faults::Clear(faults::Call::Thread);
     EXPECT_FALSE(socket.IsActive());
     EXPECT_FALSE(IsOpen(first.Given()));
 
@@ -306,11 +308,11 @@ TEST_F(Socket, AnInterruptedReceiveIsTakenUpAgain) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
-    faults::receivesToInterrupt = 3;
+    faults::Fail(faults::Call::Recv, EINTR, 3, faults::On::OtherThreads);
     socket.Open(pair.Given(), &listener, nullptr);
     ASSERT_TRUE(pair.Write({1}));
     EXPECT_TRUE(listener.WaitForRounds(1));
-    EXPECT_EQ(faults::receivesToInterrupt, 0);
+    EXPECT_GE(faults::Count(faults::Call::Recv, faults::On::OtherThreads), 4);
 }
 
 TEST_F(Socket, StreamsKeepWhatAConnectionLeftInThem) {
@@ -446,11 +448,12 @@ TEST_F(Socket, SendTakesTheWholeExtentWhereverTheIndexIs) {
 }
 
 TEST_F(Socket, SendWithoutADescriptorKeepsTheOutput) {
+    faults::Clear(faults::Call::Send, faults::On::OtherThreads);
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     Put(socket, {1, 2});
     SendFromThread(socket);
     EXPECT_THAT(Unsent(socket), ElementsAre(1, 2));
-    EXPECT_TRUE(faults::sendPlan.Sizes().empty());
+    EXPECT_TRUE(faults::Sizes(faults::Call::Send, faults::On::OtherThreads).empty());
 }
 
 TEST_F(Socket, SendOfNothingDoesNotReachTheSystem) {
@@ -458,12 +461,12 @@ TEST_F(Socket, SendOfNothingDoesNotReachTheSystem) {
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
     socket.Open(pair.Given(), &listener, nullptr);
-    faults::sendPlan.Set({});
+    faults::Clear(faults::Call::Send, faults::On::OtherThreads);
     SendFromThread(socket);
-    EXPECT_TRUE(faults::sendPlan.Sizes().empty());
+    EXPECT_TRUE(faults::Sizes(faults::Call::Send, faults::On::OtherThreads).empty());
     Put(socket, {1, 2});
     SendFromThread(socket);
-    EXPECT_THAT(faults::sendPlan.Sizes(), ElementsAre(2));
+    EXPECT_THAT(faults::Sizes(faults::Call::Send, faults::On::OtherThreads), ElementsAre(2));
 }
 
 TEST_F(Socket, APartialSendLeavesTheRestForTheNextOne) {
@@ -471,7 +474,7 @@ TEST_F(Socket, APartialSendLeavesTheRestForTheNextOne) {
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
     socket.Open(pair.Given(), &listener, nullptr);
-    faults::sendPlan.Set({2});
+    faults::Shorten(faults::Call::Send, 2, 1, faults::On::OtherThreads);
     Put(socket, {1, 2, 3, 4, 5});
     SendFromThread(socket);
     EXPECT_THAT(Unsent(socket), ElementsAre(3, 4, 5));
@@ -480,7 +483,8 @@ TEST_F(Socket, APartialSendLeavesTheRestForTheNextOne) {
     Put(socket, {6});
     SendFromThread(socket);
     EXPECT_THAT(pair.Read(6), ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_THAT(faults::sendPlan.Sizes(), ElementsAre(5, 4));  // one call of the system each
+    EXPECT_THAT(faults::Sizes(faults::Call::Send, faults::On::OtherThreads),
+                ElementsAre(5, 4));  // one call of the system each
     EXPECT_EQ(socket.GetOutputStream()->GetBufferSize(), 0u);
 }
 
@@ -489,7 +493,8 @@ TEST_F(Socket, ASendErrorIsIgnoredAndLosesNothing) {
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
     socket.Open(pair.Given(), &listener, nullptr);
-    faults::sendPlan.Set({-EAGAIN, 0});
+    faults::Fail(faults::Call::Send, EAGAIN, 1, faults::On::OtherThreads);
+    faults::Skip(faults::Call::Send, 1, faults::On::OtherThreads);
     Put(socket, {1, 2, 3});
     SendFromThread(socket);
     SendFromThread(socket);

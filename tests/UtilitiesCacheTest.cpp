@@ -10,10 +10,12 @@
 #include <future>
 #include <thread>
 
+#include "support/Faults.h"
 #include "support/Process.h"
 #include "support/Server.h"
-#include "SystemFaults.h"
 #include "UtilitiesFixture.h"
+
+namespace faults = support::faults;
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -23,7 +25,13 @@ namespace {
 // Time stands still, so that only a test's own steps make an entry older than another.
 class Cache : public UtilitiesFixture {
 protected:
-    Cache() { faults::lTime = 1'000'000'000; }
+    Cache() { SetNow(1'000'000'000); }
+
+    void SetNow(std::time_t lNow) {
+        m_lNow = lNow;
+        faults::SetTime(lNow);
+    }
+    void Tick() { SetNow(m_lNow + 1); }
 
     std::string MakeFile(const std::string& sName, const std::string& sContent = "0123456789") {
         support::WriteFile(m_Dir / sName, sContent);
@@ -42,7 +50,7 @@ protected:
     // Opens through the cache, each file a second later than the one before.
     void GetInTurn(const std::vector<std::string>& vFiles) {
         for (const std::string& sFile : vFiles) {
-            ++faults::lTime;
+            Tick();
             ASSERT_NE(-1, Get(&m_Silent, sFile)) << sFile;
         }
     }
@@ -73,6 +81,9 @@ protected:
 
     CRuntimeParam m_AccessAndErrors{"vm01", LOG_CONTROL_FILE_ACCESS | LOG_CONTROL_ERROR};
     faults::Guard m_Faults;
+
+private:
+    std::time_t m_lNow = 0;
 };
 
 }  // namespace
@@ -257,7 +268,7 @@ TEST_F(Cache, TheEntryAfter1024ClosesThe102LeastRecentlyUsed) {
     EXPECT_EQ(1, OpenCount(vFiles[0])) << "1024 entries are kept";
     GetInTurn({vFiles[0]});  // used again: now the youngest
 
-    ++faults::lTime;
+    Tick();
     EXPECT_NE(-1, Get(&m_Access, vFiles[1024]));
     std::vector<std::string> vExpected = {
         "info: [Test.Case] Close exceeded cached file handle: 102"};
@@ -321,7 +332,7 @@ TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
 
 TEST_F(Cache, TheSecondsDecideBeforeTheDescriptors) {
     const std::vector<std::string> vFiles = MakeFiles(10);
-    faults::lTime = 9'999'999'999;  // one more digit must not make an entry older
+    SetNow(9'999'999'999);  // one more digit must not make an entry older
     std::vector<std::string> vTail(vFiles.begin() + 1, vFiles.end());
     ASSERT_NE(-1, Get(&m_Silent, vFiles[0]));
     GetInTurn(vTail);
@@ -368,7 +379,7 @@ TEST_F(Cache, TooManyOpenFilesShedATenthAndTryOnceMore) {
     const std::vector<std::string> vFiles = MakeFiles(21);
     GetInTurn({vFiles.begin(), vFiles.begin() + 20});
     // Not a real lack of descriptors: the sanitizers themselves need one for a moment.
-    faults::Fail(faults::CALL_OPEN, EMFILE);
+    faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_NE(-1, Get(&m_AccessAndErrors, vFiles[20]));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] open read only mode " + vFiles[20],
@@ -380,7 +391,7 @@ TEST_F(Cache, TooManyOpenFilesShedATenthAndTryOnceMore) {
 TEST_F(Cache, TooManyOpenFilesWithFewEntriesCloseAll) {
     const std::vector<std::string> vFiles = MakeFiles(4);
     GetInTurn({vFiles.begin(), vFiles.begin() + 3});
-    faults::Fail(faults::CALL_OPEN, EMFILE);
+    faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_NE(-1, Get(&m_AccessAndErrors, vFiles[3]));
     EXPECT_THAT(
         m_Utilities.TakeLines(),
@@ -392,29 +403,29 @@ TEST_F(Cache, TooManyOpenFilesWithFewEntriesCloseAll) {
 
 TEST_F(Cache, AfterTheSecondTryTheErrorIsReportedOnce) {
     const std::string sFile = MakeFile("f");
-    const int iCalls = faults::iCalls[faults::CALL_OPEN];
-    faults::Fail(faults::CALL_OPEN, EMFILE, 5);
+    const int iCalls = faults::Count(faults::Call::Open);
+    faults::Fail(faults::Call::Open, EMFILE, 5);
     EXPECT_EQ(-1, Get(&m_Errors, sFile));
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre("error: [Test.Case] OS open file \"" + sFile +
                                                      "\". Error=Too many open files (24)"));
-    EXPECT_EQ(iCalls + 2, faults::iCalls[faults::CALL_OPEN]);
+    EXPECT_EQ(iCalls + 2, faults::Count(faults::Call::Open));
 }
 
 TEST_F(Cache, OtherErrorsAreNotTriedAgain) {
     const std::string sFile = MakeFile("f");
     GetInTurn(MakeFiles(3));
     for (const int iError : {ENFILE, EACCES, EIO}) {
-        const int iCalls = faults::iCalls[faults::CALL_OPEN];
-        faults::Fail(faults::CALL_OPEN, iError);
+        const int iCalls = faults::Count(faults::Call::Open);
+        faults::Fail(faults::Call::Open, iError);
         EXPECT_EQ(-1, Get(&m_Silent, sFile));
-        EXPECT_EQ(iCalls + 1, faults::iCalls[faults::CALL_OPEN]);
+        EXPECT_EQ(iCalls + 1, faults::Count(faults::Call::Open));
     }
     EXPECT_EQ(1, OpenCount(m_Dir / "f0")) << "nothing was shed";
 }
 
 TEST_F(Cache, AnOpenWithoutTheWishShedsNothing) {
     GetInTurn(MakeFiles(3));
-    faults::Fail(faults::CALL_OPEN, EMFILE);
+    faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_EQ(-1, m_Utilities.OS_FileOpen(&m_Access, &m_Argu, (m_Dir / "f0").c_str(), O_RDONLY,
                                           false, m_cStatus));
     EXPECT_STREQ("Too many open files (24)", m_cStatus);

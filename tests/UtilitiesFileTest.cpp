@@ -11,8 +11,10 @@
 #include <functional>
 #include <tuple>
 
-#include "SystemFaults.h"
+#include "support/Faults.h"
 #include "UtilitiesFixture.h"
+
+namespace faults = support::faults;
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -302,23 +304,23 @@ TEST_P(SystemCalls, TakeANullStatus) {
 // The wrappers that take a descriptor, in the order close, read, write, seek, tell.
 TEST_F(Files, TheDescriptorMinusOneIsRefusedWithoutASystemCall) {
     const std::tuple<const char*, faults::Call, std::function<long long()>> calls[] = {
-        {"[Test.Case] OS close file \"/any/name\".", faults::CALL_CLOSE,
+        {"[Test.Case] OS close file \"/any/name\".", faults::Call::Close,
          [&] { return m_Utilities.OS_FileClose(&m_Errors, &m_Argu, "/any/name", -1, m_cStatus); }},
-        {"[Test.Case] OS read file (-1).", faults::CALL_READ,
+        {"[Test.Case] OS read file (-1).", faults::Call::Read,
          [&] { return m_Utilities.OS_FileRead(&m_Errors, &m_Argu, -1, cTransfer, 1, m_cStatus); }},
-        {"[Test.Case] OS write file (-1).", faults::CALL_WRITE,
+        {"[Test.Case] OS write file (-1).", faults::Call::Write,
          [&] { return m_Utilities.OS_FileWrite(&m_Errors, &m_Argu, -1, cTransfer, 1, m_cStatus); }},
-        {"[Test.Case] OS seek file (-1).", faults::CALL_LSEEK,
+        {"[Test.Case] OS seek file (-1).", faults::Call::Lseek,
          [&] { return m_Utilities.OS_FileSeek(&m_Errors, &m_Argu, -1, 0, SEEK_SET, m_cStatus); }},
-        {"[Test.Case] OS tell file (-1).", faults::CALL_LSEEK,
+        {"[Test.Case] OS tell file (-1).", faults::Call::Lseek,
          [&] { return m_Utilities.OS_FileTell(&m_Errors, &m_Argu, -1, m_cStatus); }},
     };
     for (const auto& [pcError, systemCall, call] : calls) {
         SCOPED_TRACE(pcError);
         m_cStatus[0] = '\0';
-        const int iBefore = faults::iCalls[systemCall];
+        const int iBefore = faults::Count(systemCall);
         EXPECT_EQ(-1, call());
-        EXPECT_EQ(iBefore, faults::iCalls[systemCall]);
+        EXPECT_EQ(iBefore, faults::Count(systemCall));
         EXPECT_STREQ("Bad file descriptor", m_cStatus) << "without a number";
         EXPECT_THAT(m_Utilities.TakeLines(),
                     ElementsAre(std::string("error: ") + pcError + " Error=Bad file descriptor"));
@@ -371,11 +373,11 @@ TEST_F(Files, ReadGivesTheCountAndZeroAtTheEnd) {
 
 TEST_F(Files, TransfersInterruptedByASignalAreMadeAgain) {
     char cBuf[16] = "";
-    faults::Fail(faults::CALL_READ, EINTR, 3);
+    faults::Fail(faults::Call::Read, EINTR, 3);
     EXPECT_EQ(10, m_Utilities.OS_FileRead(&m_All, &m_Argu, m_iFile, cBuf, 16, nullptr));
-    faults::Fail(faults::CALL_WRITE, EINTR, 3);
+    faults::Fail(faults::Call::Write, EINTR, 3);
     EXPECT_EQ(2, m_Utilities.OS_FileWrite(&m_Silent, &m_Argu, m_iFile, "ab", 2, nullptr));
-    faults::Fail(faults::CALL_OPEN, EINTR, 3);
+    faults::Fail(faults::Call::Open, EINTR, 3);
     EXPECT_NE(-1, CloseOpened(m_Utilities.OS_FileOpen(&m_Silent, &m_Argu, m_sFile.c_str(), O_RDONLY,
                                                       false, nullptr)));
     EXPECT_EQ("0123456789ab", Content());
@@ -384,7 +386,7 @@ TEST_F(Files, TransfersInterruptedByASignalAreMadeAgain) {
 
 TEST_F(Files, ADeviceErrorIsReported) {
     char cBuf[16] = "";
-    faults::Fail(faults::CALL_READ, EIO);
+    faults::Fail(faults::Call::Read, EIO);
     EXPECT_EQ(-1, m_Utilities.OS_FileRead(&m_Silent, &m_Argu, m_iFile, cBuf, 16, m_cStatus));
     EXPECT_STREQ("Input/output error (5)", m_cStatus);
 }
@@ -500,7 +502,7 @@ TEST_F(Files, ASizeThatTheSystemRefusesIsReportedAndTheDescriptorClosed) {
 
 TEST_F(Files, ASizeThatCannotBeAskedIsReportedAndTheDescriptorClosed) {
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
-    faults::Fail(faults::CALL_FSTAT, EIO);
+    faults::Fail(faults::Call::Fstat, EIO);
     EXPECT_FALSE(m_Utilities.OS_SetFileSize(&m_Errors, &m_Argu, m_sFile.c_str(), 3, m_cStatus));
     EXPECT_STREQ("Input/output error (5)", m_cStatus);
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre("error: [Test.Case] OS set file file \"" +
@@ -605,7 +607,7 @@ TEST_F(Files, ForcedOpeningGivesTheReasonOfTheOpen) {
 
 TEST_F(Files, ForcedOpeningShedsCachedDescriptorsWhenThereAreTooMany) {
     ASSERT_NE(-1, Cached(m_sFile));
-    faults::Fail(faults::CALL_OPEN, EMFILE);
+    faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_NE(-1, CloseOpened(m_Utilities.OS_FileForceOpen(&m_Access, &m_Argu, m_sFile.c_str(),
                                                            m_cStatus)));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -624,7 +626,7 @@ TEST_F(Files, WithoutASizeTheCallersValueIsGiven) {
     EXPECT_EQ(-7, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sNone.c_str(), -7));
     EXPECT_EQ(1LL << 40, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sNone.c_str(), 1LL << 40));
     EXPECT_EQ(5, m_Utilities.GetFileSize(&m_Silent, &m_Argu, "", 5));
-    faults::Fail(faults::CALL_LSEEK, EIO);
+    faults::Fail(faults::Call::Lseek, EIO);
     EXPECT_EQ(5, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 5));
 }
 
@@ -660,7 +662,7 @@ TEST_F(Files, ANewFileThatCannotBeCreatedIsAFailure) {
 }
 
 TEST_F(Files, ANewFileCountsEvenWhenItsCloseFails) {
-    faults::Fail(faults::CALL_CLOSE, EIO);
+    faults::Fail(faults::Call::Close, EIO);
     EXPECT_TRUE(m_Utilities.NewFile(&m_Silent, &m_Argu, m_sNone.c_str()));
     EXPECT_TRUE(support::FileExists(m_sNone));
 }
@@ -1131,7 +1133,7 @@ TEST_F(Transfers, AReadOfAMissingFileFailsAtItsEnd) {
 
 TEST_F(Transfers, AReadThatTheDeviceRefusesFails) {
     ASSERT_NE(-1, Cached(m_sFile));
-    faults::Fail(faults::CALL_READ, EIO);
+    faults::Fail(faults::Call::Read, EIO);
     EXPECT_EQ("-1", Read(&m_Silent, m_sFile, 0, 5));
     EXPECT_FALSE(m_bEof);
     EXPECT_EQ("01234", Read(&m_Silent, m_sFile, 0, 5));
@@ -1236,7 +1238,7 @@ TEST_F(Files, DiskSpaceAndSlotsAreThoseOfTheFileSystem) {
     data.f_ffree = 6'000'000'000;
     data.f_favail = 1'000;
     data.f_fsid = 0xFEDCBA9876543210;
-    faults::pFileSystem = &data;
+    faults::SetFileSystem(&data);
     const char* pcPath = m_sFile.c_str();
     EXPECT_EQ(20'480'000'000'000u, CUtilities::GetTotalDiskSpace(pcPath));
     EXPECT_EQ(12'288'000'000'000u, CUtilities::GetFreeDiskSpace(pcPath));
@@ -1272,13 +1274,13 @@ TEST_F(Files, WithoutAFileSystemEveryValueIsAllOnesAndTheIdIs4) {
 TEST_F(Files, TheLargestFileDependsOnTheTypeOfFileSystem) {
     const char* pcPath = m_sFile.c_str();
     EXPECT_EQ(2'199'023'255'552u, CUtilities::GetMaxFileSize(pcPath)) << "of this tmpfs";
-    faults::lFileSystemType = 0x4D44;
+    faults::SetFileSystemType(0x4D44);
     EXPECT_EQ(4'294'967'296u, CUtilities::GetMaxFileSize(pcPath));
-    faults::lFileSystemType = 0x52654973;
+    faults::SetFileSystemType(0x52654973);
     EXPECT_EQ(8'796'093'022'208u, CUtilities::GetMaxFileSize(pcPath));
-    faults::lFileSystemType = 0xEF53;
+    faults::SetFileSystemType(0xEF53);
     EXPECT_EQ(2'199'023'255'552u, CUtilities::GetMaxFileSize(pcPath));
-    faults::lFileSystemType = 0;
+    faults::SetFileSystemType(0);
     EXPECT_EQ(2'199'023'255'552u, CUtilities::GetMaxFileSize(m_sNone.c_str()));
 }
 

@@ -1,19 +1,14 @@
 // The table of datastores and the runs of the helper that unmounts them, in this process.
 // ctest-labels: threaded
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -26,61 +21,11 @@
 #include "DatastoreFixture.h"
 #include "RecordingUtilities.h"
 #include "RuntimeParam.h"
+#include "support/Faults.h"
 #include "support/Files.h"
 #include "VSphereWebController.h"
 
-namespace {
-
-// What the kernel says about the running executable: a path, or nothing at all.
-std::string g_executable;
-// Called before each command is run.
-std::function<void()> g_beforeCommand;
-std::mutex g_mutex;
-std::vector<std::string> g_commands;  // guarded by g_mutex
-
-std::vector<std::string> Commands() {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    return g_commands;
-}
-
-}  // namespace
-
-// Both stand before the C library's for the whole program.
-extern "C" {
-
-ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
-    static auto* const next = reinterpret_cast<decltype(&readlink)>(dlsym(RTLD_NEXT, "readlink"));
-    if (std::strcmp(path, "/proc/self/exe") != 0) {
-        return next(path, buffer, size);
-    }
-    if (g_executable.empty()) {
-        errno = ENOENT;
-        return -1;
-    }
-    const std::size_t count = std::min(size, g_executable.size());
-    std::memcpy(buffer, g_executable.data(), count);
-    return static_cast<ssize_t>(count);
-}
-
-int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-                const posix_spawnattr_t* attributes, char* const arguments[],
-                char* const environment[]) {
-    static auto* const next =
-        reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
-    EXPECT_STREQ("/bin/sh", path);
-    EXPECT_STREQ("-c", arguments[1]);
-    EXPECT_EQ(nullptr, arguments[3]);
-    {
-        const std::lock_guard<std::mutex> lock(g_mutex);
-        g_commands.emplace_back(arguments[2]);
-    }
-    if (g_beforeCommand) {
-        g_beforeCommand();
-    }
-    return next(pid, path, actions, attributes, arguments, environment);
-}
-
-}  // extern "C"
+namespace faults = support::faults;
 
 namespace {
 
@@ -97,10 +42,25 @@ constexpr int kLogAll = 1023;
 class DatastoreCase : public ::testing::Test {
 protected:
     DatastoreCase() {
-        g_executable = m_folder / "program";
-        g_commands.clear();
+        faults::SetExecutable(m_folder / "program");
+        faults::OnSpawn([this](const char* path, char* const* arguments) {
+            EXPECT_STREQ("/bin/sh", path);
+            EXPECT_STREQ("-c", arguments[1]);
+            EXPECT_EQ(nullptr, arguments[3]);
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_commands.emplace_back(arguments[2]);
+            }
+            if (m_beforeCommand) {
+                m_beforeCommand();
+            }
+        });
     }
-    ~DatastoreCase() override { g_beforeCommand = nullptr; }
+
+    std::vector<std::string> Commands() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_commands;
+    }
 
     // The command line for the helper of the folder.
     std::string Command(const std::string& rest) const {
@@ -111,6 +71,12 @@ protected:
     RecordingHelper m_helper{m_folder.Path()};
     RecordingUtilities m_utilities;
     CRuntimeParam m_param{"vm01", 0};
+    std::function<void()> m_beforeCommand;  // called before each command is run
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_commands;  // guarded by m_mutex
+    faults::Guard m_guard;                // last: what is called above uses the others
 };
 
 // ------------------------------------------------------------------------------------------------
@@ -133,7 +99,7 @@ TEST_F(VSphereWebController, OnlyTheHelpersPathIsQuoted) {
     const std::string folder = m_folder / "a folder  with blanks";
     ASSERT_TRUE(std::filesystem::create_directory(folder));
     const RecordingHelper helper(folder);
-    g_executable = folder + "/program";
+    faults::SetExecutable(folder + "/program");
     m_controller.RemoveSession("ds-1 more", "h ost", "4 43", "u ser", "p wd");
     EXPECT_THAT(helper.Calls(), ElementsAre(Words{"-host", "h", "ost", "-port", "4", "43", "-user",
                                                   "u", "ser", "-pwd", "p", "wd", "-method",
@@ -173,14 +139,14 @@ TEST_F(VSphereWebController, HelperLiesBesideTheExecutable) {
          {std::pair{"/program", "\"/dsPurgeToolFbdX86\" "},
           std::pair{"/nowhere/x.y/program", "\"/nowhere/x.y/dsPurgeToolFbdX86\" "},
           std::pair{"/nowhere/program (deleted)", "\"/nowhere/dsPurgeToolFbdX86\" "}}) {
-        g_executable = executable;
+        faults::SetExecutable(executable);
         m_controller.RemoveSession("d", "h", "1", "u", "w");
         EXPECT_EQ(0u, Commands().back().find(helper)) << Commands().back();
     }
 }
 
 TEST_F(VSphereWebController, WithoutTheExecutablesPathTheSearchPathCounts) {
-    g_executable.clear();
+    faults::SetExecutable("");
     const std::string path = std::getenv("PATH");
     setenv("PATH", (m_folder.Path() + ":" + path).c_str(), 1);
     m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
@@ -304,7 +270,7 @@ private:
 TEST_F(VSphereWebController, OneHelperRunsAtATime) {
     std::unique_ptr<Doing> second;
     bool first = true;
-    g_beforeCommand = [&] {
+    m_beforeCommand = [&] {
         if (std::exchange(first, false)) {
             second = std::make_unique<Doing>(
                 [this] { m_controller.RemoveSession("ds-2", "h", "1", "u", "w"); });
@@ -430,7 +396,7 @@ TEST_F(VSphereInfos, LinesComeBeforeTheirRuns) {
     Add("ds-1");
     Add("ds-2");
     std::vector<std::size_t> lines;
-    g_beforeCommand = [&] { lines.push_back(m_utilities.Lines().size()); };
+    m_beforeCommand = [&] { lines.push_back(m_utilities.Lines().size()); };
     CleanUp();
     EXPECT_THAT(lines, ElementsAre(2u, 3u));
 }
@@ -472,7 +438,7 @@ TEST_F(VSphereInfos, AListingWaitsForTheWholeCleanUp) {
     Add("ds-3");
     std::atomic<int> count{-1};
     std::unique_ptr<Doing> listing;
-    g_beforeCommand = [&] {
+    m_beforeCommand = [&] {
         if (listing == nullptr) {
             listing = std::make_unique<Doing>([&] { count = Count(); });
             EXPECT_TRUE(listing->Waits());
@@ -515,7 +481,7 @@ TEST_F(VSphereInfos, EverybodyWaitsForTheCleanUp) {
     Add("ds-2");
     std::vector<std::unique_ptr<Doing>> others;
     std::atomic<int> counted{-1};
-    g_beforeCommand = [&] {
+    m_beforeCommand = [&] {
         if (others.empty()) {
             others.push_back(std::make_unique<Doing>([this] { Add("ds-0"); }));
             others.push_back(std::make_unique<Doing>([&] {

@@ -3,9 +3,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/vfs.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +16,13 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
 
 namespace support::faults {
 
@@ -41,10 +49,16 @@ thread_local std::time_t ownTime = 0;
 thread_local long ownType = 0;
 thread_local const struct statvfs* ownFileSystem = nullptr;
 
-std::mutex mutex;               // guards otherPlans; a leaf
+std::mutex mutex;               // guards otherPlans, executable and spawnObserver; a leaf
 Plans otherPlans;               // of every thread but the planner
 std::atomic<pid_t> planner{0};  // the thread whose calls otherPlans are not for; 0: nobody's
 std::atomic<int> lastBacklog{-1};
+std::atomic<const struct timeval*> timeOfDay{nullptr};
+std::atomic<void (*)(const char*, struct stat*)> lstatAdjustment{nullptr};
+std::atomic<const char*> lstatFault{nullptr};          // the path of the one LstatFault
+std::atomic<const struct stat*> lstatAnswer{nullptr};  // and what is found there
+std::optional<std::string> executable;
+SpawnObserver spawnObserver;
 
 // What the caller is to do: fail (errno is set), or ask for at most `size` bytes.
 struct Order {
@@ -115,6 +129,8 @@ void Pass(Call call, int times, On on) { Add(call, on, {0, SIZE_MAX, times}); }
 
 void Shorten(Call call, std::size_t size, int times, On on) { Add(call, on, {0, size, times}); }
 
+void Skip(Call call, int times, On on) { Add(call, on, {0, 0, times}); }
+
 void Clear(Call call, On on) {
     With(call, on, [](Plan& plan) { plan = {}; });
 }
@@ -135,6 +151,30 @@ void SetFileSystemType(long type) { ownType = type; }
 
 void SetFileSystem(const struct statvfs* values) { ownFileSystem = values; }
 
+void SetTimeOfDay(const struct timeval* now) { timeOfDay = now; }
+
+void AdjustLstat(void (*adjust)(const char* path, struct stat* data)) { lstatAdjustment = adjust; }
+
+void SetExecutable(std::optional<std::string> path) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    executable = std::move(path);
+}
+
+void OnSpawn(SpawnObserver observer) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    spawnObserver = std::move(observer);
+}
+
+LstatFault::LstatFault(std::string path, const struct stat* answer) : m_path(std::move(path)) {
+    lstatAnswer = answer;
+    lstatFault = m_path.c_str();
+}
+
+LstatFault::~LstatFault() {
+    lstatFault = nullptr;
+    lstatAnswer = nullptr;
+}
+
 Guard::Guard() = default;
 
 Guard::~Guard() {
@@ -144,6 +184,10 @@ Guard::~Guard() {
     ownType = 0;
     ownFileSystem = nullptr;
     planner = 0;
+    timeOfDay = nullptr;
+    lstatAdjustment = nullptr;
+    SetExecutable({});
+    OnSpawn(nullptr);
     const std::lock_guard<std::mutex> lock(mutex);
     otherPlans = {};
 }
@@ -175,6 +219,11 @@ int close(int fd) {
     return Fails(Call::Close) ? -1 : real(fd);
 }
 
+int dup(int fd) noexcept {
+    static auto* const real = Real<int(int)>("dup");
+    return Fails(Call::Dup) ? -1 : real(fd);
+}
+
 ssize_t read(int fd, void* buffer, size_t size) {
     static auto* const real = Real<ssize_t(int, void*, size_t)>("read");
     const Order order = Next(Call::Read, size);
@@ -201,6 +250,42 @@ off_t lseek(int fd, off_t offset, int whence) noexcept {
 int fstat(int fd, struct stat* data) noexcept {
     static auto* const real = Real<int(int, struct stat*)>("fstat");
     return Fails(Call::Fstat) ? -1 : real(fd, data);
+}
+
+int lstat(const char* path, struct stat* data) noexcept {
+    static auto* const real = Real<int(const char*, struct stat*)>("lstat");
+    const char* const fault = support::faults::lstatFault;
+    if (fault != nullptr && std::strcmp(fault, path) == 0) {
+        const struct stat* const answer = support::faults::lstatAnswer;
+        if (answer == nullptr) {
+            errno = ENOENT;
+            return -1;
+        }
+        *data = *answer;
+        return 0;
+    }
+    const int result = real(path, data);
+    if (auto* const adjust = support::faults::lstatAdjustment.load();
+        adjust != nullptr && result == 0) {
+        adjust(path, data);
+    }
+    return result;
+}
+
+ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
+    static auto* const real = Real<ssize_t(const char*, char*, size_t)>("readlink");
+    if (std::strcmp(path, "/proc/self/exe") == 0) {
+        const std::lock_guard<std::mutex> lock(support::faults::mutex);
+        const std::optional<std::string>& target = support::faults::executable;
+        if (target && target->empty()) {
+            errno = ENOENT;
+            return -1;
+        }
+        if (target) {
+            return static_cast<ssize_t>(target->copy(buffer, size));
+        }
+    }
+    return real(path, buffer, size);
 }
 
 int chmod(const char* path, mode_t mode) noexcept {
@@ -235,6 +320,42 @@ time_t time(time_t* result) noexcept {
         *result = support::faults::ownTime;
     }
     return support::faults::ownTime;
+}
+
+int gettimeofday(struct timeval* now, void* zone) noexcept {
+    static auto* const real = Real<int(struct timeval*, void*)>("gettimeofday");
+    const struct timeval* const planned = support::faults::timeOfDay;
+    if (planned == nullptr) {
+        return real(now, zone);
+    }
+    *now = *planned;
+    return 0;
+}
+
+int nanosleep(const struct timespec* time, struct timespec* left) {
+    static auto* const real = Real<int(const struct timespec*, struct timespec*)>("nanosleep");
+    const Order order = Next(Call::Sleep, 1);
+    if (order.fail) {
+        return -1;
+    }
+    return order.size == 0 ? 0 : real(time, left);
+}
+
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const arguments[],
+                char* const environment[]) {
+    using Function = int(pid_t*, const char*, const posix_spawn_file_actions_t*,
+                         const posix_spawnattr_t*, char* const*, char* const*);
+    static auto* const real = Real<Function>("posix_spawn");
+    support::faults::SpawnObserver observer;
+    {
+        const std::lock_guard<std::mutex> lock(support::faults::mutex);
+        observer = support::faults::spawnObserver;
+    }
+    if (observer) {
+        observer(path, arguments);
+    }
+    return real(pid, path, actions, attributes, arguments, environment);
 }
 
 int socket(int domain, int type, int protocol) noexcept {

@@ -4,11 +4,16 @@
 // C library (see CMakeLists.txt). Without a plan they only pass on what they are asked.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/time.h>
 
 #include <climits>
 #include <cstddef>
 #include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace support::faults {
@@ -16,6 +21,7 @@ namespace support::faults {
 enum class Call {
     Open,
     Close,
+    Dup,
     Read,
     Pread,
     Write,
@@ -27,6 +33,7 @@ enum class Call {
     Accept,
     Send,
     Recv,
+    Sleep,   // nanosleep
     Thread,  // pthread_create
 };
 inline constexpr int kCalls = static_cast<int>(Call::Thread) + 1;
@@ -47,9 +54,10 @@ inline constexpr int kAlways = INT_MAX;
 void Fail(Call call, int error, int times = 1, On on = On::ThisThread);
 // The next `times` calls are made.
 void Pass(Call call, int times, On on = On::ThisThread);
-// The next `times` calls of a transfer are asked for at most so many bytes; for 0, nothing is made
-// and 0 returned.
+// The next `times` calls of a transfer are asked for at most so many bytes.
 void Shorten(Call call, std::size_t size, int times = 1, On on = On::ThisThread);
+// The next `times` calls of Send or Sleep are not made and return 0.
+void Skip(Call call, int times = 1, On on = On::ThisThread);
 // Forgets the plans of a call, the sizes and the count.
 void Clear(Call call, On on = On::ThisThread);
 
@@ -65,6 +73,31 @@ int LastBacklog();
 void SetTime(std::time_t time);
 void SetFileSystemType(long type);
 void SetFileSystem(const struct statvfs* values);
+
+// The following hold for every thread.
+
+// What gettimeofday(2) reports (borrowed); null: the real time.
+void SetTimeOfDay(const struct timeval* now);
+// Called with what lstat(2) found at a path, before the caller sees it; null: nothing is changed.
+void AdjustLstat(void (*adjust)(const char* path, struct stat* data));
+// Where the running program lies; empty: the system does not say; none: the real place.
+void SetExecutable(std::optional<std::string> path);
+// Called before each posix_spawn(3), which is then made; null: nobody is.
+using SpawnObserver = std::function<void(const char* path, char* const* arguments)>;
+void OnSpawn(SpawnObserver observer);
+
+// While it lives, lstat(2) of the path fails, as of an object that went away after it was found, or
+// succeeds with the answer (borrowed). One at a time.
+class LstatFault {
+public:
+    explicit LstatFault(std::string path, const struct stat* answer = nullptr);
+    ~LstatFault();
+    LstatFault(const LstatFault&) = delete;
+    LstatFault& operator=(const LstatFault&) = delete;
+
+private:
+    std::string m_path;
+};
 
 // Back to the real system at the end of a test.
 struct Guard {
