@@ -193,7 +193,7 @@ TEST_F(MountProgTest, RootHandleIsTheSameOnEveryMountUntilTheFileTableIsReset) {
 TEST_F(MountProgTest, MntOverTcpAnswersTheSame) {
     MountClient tcp(Transport::Tcp);
     const MountResult result = tcp.Mnt("vm01");
-    EXPECT_EQ(0u, result.status);
+    EXPECT_EQ(MNT3_OK, result.status);
     EXPECT_EQ(HandleOfId(0), result.handle);
     EXPECT_TRUE(result.flavors.empty());
     EXPECT_EQ(0u, result.unread);
@@ -217,14 +217,14 @@ TEST_F(MountProgTest, MntOfAnUnknownExportIsDeniedWithoutAHandle) {
 }
 
 TEST_F(MountProgTest, SecondMountIsRefusedEvenToTheSameClient) {
-    ASSERT_EQ(0u, mount.Mnt("vm01").status);
+    ASSERT_EQ(MNT3_OK, mount.Mnt("vm01").status);
     Log(LOG_CONTROL_ERROR);
     EXPECT_EQ(Hex(kDenied), Hex(Call(1, StringOf("vm01")).body));
     EXPECT_EQ((Texts{"error [MountProg.ProcedureMNT] This mount point \"vm01\" already mounted by "
                      "127.0.0.1"}),
               log.From("[MountProg"));
     Umount("vm01");
-    EXPECT_EQ(0u, mount.Mnt("vm01").status);
+    EXPECT_EQ(MNT3_OK, mount.Mnt("vm01").status);
 }
 
 TEST_F(MountProgTest, MntOfAnEmptyNameIsDenied) {
@@ -238,7 +238,7 @@ TEST_F(MountProgTest, MntOfAnEmptyNameIsDenied) {
 TEST_F(MountProgTest, MntOfAnEmptyNameIsDeniedAlsoWhenAnExportHasIt) {
     char reason[STATUS_SIZE] = "";
     ASSERT_TRUE(service.AddMountPoint((folder / "nameless").c_str(), "", reason));
-    EXPECT_EQ(13u, mount.Mnt("").status);
+    EXPECT_EQ(MNT3ERR_ACCES, mount.Mnt("").status);
 }
 
 TEST_F(MountProgTest, ExportNameOf4095BytesIsReadAndOneOf4096Refused) {
@@ -247,13 +247,13 @@ TEST_F(MountProgTest, ExportNameOf4095BytesIsReadAndOneOf4096Refused) {
     ASSERT_TRUE(service.AddMountPoint((folder / "x").c_str(), longest.c_str(), reason));
     ASSERT_TRUE(service.AddMountPoint((folder / "y").c_str(), (longest + "n").c_str(), reason));
     MountClient tcp(Transport::Tcp);
-    EXPECT_EQ(0u, tcp.Mnt(longest).status);
+    EXPECT_EQ(MNT3_OK, tcp.Mnt(longest).status);
     Log(LOG_CONTROL_ERROR);
     const MountResult refused = tcp.Mnt(longest + "n");
-    EXPECT_EQ(13u, refused.status);
+    EXPECT_EQ(MNT3ERR_ACCES, refused.status);
     EXPECT_EQ(0u, refused.unread);
     EXPECT_TRUE(log.Has("info", "[MountProg.ProcedureMNT] Fail to read export name"));
-    EXPECT_EQ(0u, tcp.Mnt("vm01").status) << "the bytes left behind are passed over";
+    EXPECT_EQ(MNT3_OK, tcp.Mnt("vm01").status) << "the bytes left behind are passed over";
 }
 
 TEST_F(MountProgAloneTest, BytesOfATooLongNameAreLeftUnread) {
@@ -300,7 +300,7 @@ TEST_F(MountProgAloneTest, MissingNameAndMissingAddressAreBothTold) {
 TEST_F(MountProgTest, SuccessfulMntLogsEachLineUnderItsOwnBit) {
     const auto linesAt = [this](int bits) {
         Log(bits);
-        EXPECT_EQ(0u, mount.Mnt("vm01").status);
+        EXPECT_EQ(MNT3_OK, mount.Mnt("vm01").status);
         const Texts lines = log.From("[MountProg");
         Umount("vm01");
         return lines;
@@ -331,7 +331,7 @@ TEST_F(MountProgTest, LinesOfACallCarryTheAddressOfTheClient) {
 TEST_F(MountProgTest, FailedMntLogsEachLineUnderItsOwnBit) {
     const auto linesAt = [this](int bits) {
         Log(bits);
-        EXPECT_EQ(13u, mount.Mnt("nobody").status);
+        EXPECT_EQ(MNT3ERR_ACCES, mount.Mnt("nobody").status);
         return log.From("[MountProg");
     };
     EXPECT_EQ((Texts{"error [MountProg.ProcedureMNT] Undefined export name \"nobody\""}),
@@ -353,7 +353,7 @@ TEST_F(MountProgTest, NullLogsItsNamesOnly) {
 // --- UMNT ----------------------------------------------------------------------------------------
 
 TEST_F(MountProgTest, UmntIsAnsweredWithNothingAndFreesTheExport) {
-    ASSERT_EQ(0u, mount.Mnt("vm01").status);
+    ASSERT_EQ(MNT3_OK, mount.Mnt("vm01").status);
     ASSERT_EQ(1, Mounted());
     const RpcReply reply = mount.Umnt("vm01");
     EXPECT_EQ(kSuccess, reply.acceptStat);
@@ -373,7 +373,7 @@ TEST_F(MountProgTest, UmntOfWhatIsNotMountedIsAnsweredTheSame) {
 }
 
 TEST_F(MountProgTest, UmntOfATooLongNameFreesNothing) {
-    ASSERT_EQ(0u, mount.Mnt("vm01").status);
+    ASSERT_EQ(MNT3_OK, mount.Mnt("vm01").status);
     Log(0);
     MountClient(Transport::Tcp).Umnt(std::string(4096, 'n'));
     EXPECT_EQ((Texts{"info [MountProg.ProcedureUMNT] Umount FAIL"}), log.From(""))

@@ -10,6 +10,7 @@
 
 #include "Nfs3Call.h"
 #include "Nfs3Prog.h"
+#include "Nfs3Types.h"
 #include "Nfs3Xdr.h"
 #include "NfsServiceFixture.h"
 #include "support/Faults.h"
@@ -373,7 +374,7 @@ TEST_F(Nfs3ProgTest, HandleThatResolvesToNothingIsAnIoErrorOrNoEntry) {
 
 TEST_F(Nfs3ProgTest, LostPathIsToldUnderTheErrorBitOnly) {
     Log(kAllLogBits & ~LOG_CONTROL_ERROR);
-    EXPECT_EQ(5u, nfs->GetAttr(HandleOfId(99)).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->GetAttr(HandleOfId(99)).status);
     EXPECT_FALSE(log.Has("error", "[Nfs3Prog.ProcedureGETATTR] Path record not found"));
 }
 
@@ -388,12 +389,12 @@ TEST_F(Nfs3ProgTest, OnlyTheFirstFourBytesOfAHandleCount) {
     Handle garnished = file;
     garnished[4] = 0xFF;
     garnished[55] = 0x80;
-    EXPECT_EQ(0u, nfs->GetAttr(garnished).status);
+    EXPECT_EQ(NFS3_OK, nfs->GetAttr(garnished).status);
 }
 
 TEST_F(Nfs3ProgTest, HandleOfAllZerosIsTheFirstPath) {
     EXPECT_EQ(Handle(56), rootHandle);
-    EXPECT_EQ(0u, nfs->GetAttr(Handle(56)).status);
+    EXPECT_EQ(NFS3_OK, nfs->GetAttr(Handle(56)).status);
 }
 
 TEST_F(Nfs3ProgTest, HandleOfARemovedExportIsRefused) {
@@ -401,7 +402,7 @@ TEST_F(Nfs3ProgTest, HandleOfARemovedExportIsRefused) {
     ASSERT_TRUE(service.AddMountPoint((folder / "vm02").c_str(), "vm02", reason));
     service.RemoveMountPoint(root.c_str());  // not the last one: the handle still has a path
     Log(LOG_CONTROL_ERROR | LOG_CONTROL_PROC_FUNC_ARGU);
-    EXPECT_EQ(5u, nfs->GetAttr(rootHandle).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->GetAttr(rootHandle).status);
     EXPECT_EQ((Texts{"info [Nfs3Prog.ProcedureGETATTR] Path = " + root,
                      "error [Nfs3Prog.ProcedureGETATTR] Path record not found",
                      "info [Nfs3Prog.ProcedureGETATTR] End stat=5"}),
@@ -481,7 +482,7 @@ TEST_F(Nfs3ProgTest, NameOf4096BytesIsReadAsAnEmptyName) {
     Log(LOG_CONTROL_PROC_FUNC_ARGU);
     for (const std::size_t size : {4096u, 4097u, 60000u}) {
         const LookupResult result = nfs->Lookup(rootHandle, std::string(size, 'n'));
-        EXPECT_EQ(0u, result.status) << "an empty name is the folder itself";
+        EXPECT_EQ(NFS3_OK, result.status) << "an empty name is the folder itself";
         EXPECT_EQ(rootHandle, result.handle);
     }
     EXPECT_TRUE(log.Has("info", "[Nfs3Prog.ProcedureLOOKUP] Read path=" + root + ", name="));
@@ -491,16 +492,16 @@ TEST_F(Nfs3ProgTest, JoinedPathOf4096BytesIsAnEmptyPath) {
     const Handle file = NewFile("f");
     const std::size_t room = 4095 - root.size() - 1;  // for the name, behind the slash
     const LookupResult fits = nfs->Lookup(rootHandle, RoundaboutName(room));
-    EXPECT_EQ(0u, fits.status);
+    EXPECT_EQ(NFS3_OK, fits.status);
     EXPECT_EQ(file, fits.handle);
 
     Log(LOG_CONTROL_ERROR | LOG_CONTROL_PROC_FUNC_ARGU);
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, RoundaboutName(room + 1)).status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, RoundaboutName(room + 1)).status);
     EXPECT_TRUE(log.Has("info", "[Nfs3Prog.ProcedureLOOKUP] Path = "));
     EXPECT_TRUE(log.Has("error", "[Nfs3Prog.ProcedureLOOKUP] Path record not found"));
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, RoundaboutName(4095)).status);
-    EXPECT_EQ(5u, nfs->Create(rootHandle, RoundaboutName(room + 1)).status);
-    EXPECT_EQ(2u, nfs->Remove(rootHandle, RoundaboutName(room + 1)).status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, RoundaboutName(4095)).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Create(rootHandle, RoundaboutName(room + 1)).status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Remove(rootHandle, RoundaboutName(room + 1)).status);
     EXPECT_TRUE(FileExists(PathOf("f")));
 }
 
@@ -540,22 +541,22 @@ TEST(Nfs3ProgPathTest, DotNamesAndNoNameAreInvalidDirectoryNames) {
 
 TEST(Nfs3ProgPathTest, CheckPathTellsNoPathFromAMissingObject) {
     const ScopedTempDir folder;
-    EXPECT_EQ(70u, CNfs3Call::CheckPath(nullptr, true));
-    EXPECT_EQ(70u, CNfs3Call::CheckPath(nullptr, false));
-    EXPECT_EQ(5u, CNfs3Call::CheckPath((folder / "missing").c_str(), true));
-    EXPECT_EQ(0u, CNfs3Call::CheckPath((folder / "missing").c_str(), false));
-    EXPECT_EQ(0u, CNfs3Call::CheckPath(folder.Path().c_str(), true));
+    EXPECT_EQ(NFS3ERR_STALE, CNfs3Call::CheckPath(nullptr, true));
+    EXPECT_EQ(NFS3ERR_STALE, CNfs3Call::CheckPath(nullptr, false));
+    EXPECT_EQ(NFS3ERR_IO, CNfs3Call::CheckPath((folder / "missing").c_str(), true));
+    EXPECT_EQ(NFS3_OK, CNfs3Call::CheckPath((folder / "missing").c_str(), false));
+    EXPECT_EQ(NFS3_OK, CNfs3Call::CheckPath(folder.Path().c_str(), true));
 }
 
 TEST_F(Nfs3ProgAloneTest, CheckProcessParamWithoutAPathIsAnIoError) {
     LooseCall loose(&bench.utilities, LOG_CONTROL_ERROR);
     const CRuntimeParam& param = loose.param;
-    EXPECT_EQ(5u, loose.call.CheckProcessParam(nullptr));
-    EXPECT_EQ(5u, loose.call.CheckProcessParam(""));
+    EXPECT_EQ(NFS3ERR_IO, loose.call.CheckProcessParam(nullptr));
+    EXPECT_EQ(NFS3ERR_IO, loose.call.CheckProcessParam(""));
     EXPECT_EQ(Texts(2, "error [test] Path record not found"), bench.log.From(""));
     EXPECT_STREQ("10.0.0.9", param.GetID());
     EXPECT_STREQ("", param.GetIpcID());
-    EXPECT_EQ(0u, loose.call.CheckProcessParam((folder / "anything").c_str()));
+    EXPECT_EQ(NFS3_OK, loose.call.CheckProcessParam((folder / "anything").c_str()));
     EXPECT_STREQ("vm01", param.GetID());
     EXPECT_STREQ("controller-1", param.GetIpcID());
 }
@@ -576,12 +577,12 @@ TEST_F(Nfs3ProgTest, AttributesAreThoseOfTheFileSystem) {
             << name;
     }
     const FileAttributes file = nfs->GetAttr(Lookup("f")).attributes;
-    EXPECT_EQ(1u, file.type);
+    EXPECT_EQ(NF3REG, file.type);
     EXPECT_EQ(0640u, file.mode);
     EXPECT_EQ(2u, file.nlink);
     EXPECT_EQ(12u, file.size);
-    EXPECT_EQ(2u, nfs->GetAttr(Lookup("d")).attributes.type);
-    EXPECT_EQ(7u, nfs->GetAttr(Lookup("pipe")).attributes.type);
+    EXPECT_EQ(NF3DIR, nfs->GetAttr(Lookup("d")).attributes.type);
+    EXPECT_EQ(NF3FIFO, nfs->GetAttr(Lookup("pipe")).attributes.type);
 }
 
 TEST_F(Nfs3ProgTest, SocketIsOfItsOwnType) {
@@ -591,7 +592,7 @@ TEST_F(Nfs3ProgTest, SocketIsOfItsOwnType) {
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", PathOf("socket").c_str());
     ASSERT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr));
     close(fd);
-    EXPECT_EQ(6u, nfs->GetAttr(Lookup("socket")).attributes.type);
+    EXPECT_EQ(NF3SOCK, nfs->GetAttr(Lookup("socket")).attributes.type);
 }
 
 TEST_F(Nfs3ProgTest, UsedIsTheSizeAlsoOfASparseFile) {
@@ -657,7 +658,7 @@ TEST_F(Nfs3ProgTest, EveryFieldComesFromItsPlaceInTheRecord) {
     const struct stat record = OddRecord(S_IFIFO | 0640);
     const LstatFault fault(PathOf("f"), &record);
     const FileAttributes attributes = nfs->GetAttr(file).attributes;
-    EXPECT_EQ(7u, attributes.type);
+    EXPECT_EQ(NF3FIFO, attributes.type);
     EXPECT_EQ(0640u, attributes.mode);
     EXPECT_EQ(5u, attributes.nlink);
     EXPECT_EQ(0xFFFFFFFEu, attributes.uid);

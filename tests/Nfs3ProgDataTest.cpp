@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "Nfs3Prog.h"
+#include "Nfs3Types.h"
 #include "NfsServiceFixture.h"
 #include "support/Faults.h"
 
@@ -63,7 +64,7 @@ TEST_F(Nfs3DataTest, GetAttrFollowsALinkThatTookTheFilesPlace) {
     MakeFile("g");
     ASSERT_EQ(0, unlink(PathOf("f").c_str()));
     ASSERT_EQ(0, symlink("g", PathOf("f").c_str()));
-    EXPECT_EQ(5u, nfs->GetAttr(file).attributes.type) << "the link itself is described";
+    EXPECT_EQ(NF3LNK, nfs->GetAttr(file).attributes.type) << "the link itself is described";
 }
 
 // =================================================================================================
@@ -83,17 +84,17 @@ TEST_F(Nfs3DataTest, SetAttrChangesModeAndSize) {
     SetAttributes attributes;
     attributes.mode = 0604;
     attributes.size = 4;
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     EXPECT_EQ("0123", ReadFile(PathOf("f")));
     EXPECT_EQ(0604u, StatOf(PathOf("f")).st_mode & 07777);
 
     attributes = {};
     attributes.size = 6;
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     EXPECT_EQ(std::string("0123\0\0", 6), ReadFile(PathOf("f"))) << "grows with zeros";
     EXPECT_EQ(0604u, StatOf(PathOf("f")).st_mode & 07777);
     attributes.size = 0;
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     EXPECT_EQ("", ReadFile(PathOf("f")));
 }
 
@@ -101,7 +102,7 @@ TEST_F(Nfs3DataTest, SetAttrPassesTheModeAsReceived) {
     const Handle file = NewFile("f");
     SetAttributes attributes;
     attributes.mode = 01755;
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     EXPECT_EQ(01755u, StatOf(PathOf("f")).st_mode & 07777) << "with the sticky bit";
     EXPECT_EQ(0755u, nfs->GetAttr(file).attributes.mode);
 }
@@ -114,7 +115,7 @@ TEST_F(Nfs3DataTest, SetAttrAcceptsOwnerAndTimesAndAppliesNeither) {
     attributes.gid = before.st_gid + 1;
     attributes.atime = NfsTime{7, 8};
     attributes.mtime = NfsTime{9, 10};
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     const struct stat after = StatOf(PathOf("f"));
     EXPECT_EQ(before.st_uid, after.st_uid);
     EXPECT_EQ(before.st_gid, after.st_gid);
@@ -146,17 +147,17 @@ TEST_F(Nfs3DataTest, GuardPassesOnlyForACtimeOfZeroSeconds) {
     const auto ctime = static_cast<std::uint32_t>(StatOf(PathOf("f")).st_ctime);
     for (const NfsTime guard : {NfsTime{ctime, 0}, NfsTime{1, 0}, NfsTime{0xFFFFFFFF, 0}}) {
         const WccResult result = nfs->SetAttr(file, truncate, guard);
-        EXPECT_EQ(10002u, result.status) << guard.seconds;
+        EXPECT_EQ(NFS3ERR_NOT_SYNC, result.status) << guard.seconds;
         EXPECT_TRUE(result.wcc.Empty());
     }
     EXPECT_EQ("content", ReadFile(PathOf("f")));
-    EXPECT_EQ(0u, nfs->SetAttr(file, truncate, NfsTime{0, 0}).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, truncate, NfsTime{0, 0}).status);
     EXPECT_EQ("", ReadFile(PathOf("f")));
 }
 
 TEST_F(Nfs3DataTest, GuardComparesSecondsOnly) {
     const Handle file = NewFile("f");
-    EXPECT_EQ(0u, nfs->SetAttr(file, {}, NfsTime{0, 999999999}).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, {}, NfsTime{0, 999999999}).status);
 }
 
 TEST_F(Nfs3DataTest, GuardIsLoggedAndSoIsItsMismatch) {
@@ -185,25 +186,26 @@ TEST_F(Nfs3DataTest, GuardIsLoggedAndSoIsItsMismatch) {
 TEST_F(Nfs3DataTest, GuardOfAMissingFileIsNotLookedAt) {
     const Handle file = NewFile("f");
     ASSERT_EQ(0, unlink(PathOf("f").c_str()));
-    EXPECT_EQ(5u, nfs->SetAttr(file, {}, NfsTime{7, 0}).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->SetAttr(file, {}, NfsTime{7, 0}).status);
 }
 
 TEST_F(Nfs3DataTest, RefusedUpdateIsInvalid) {
     SetAttributes attributes;
     attributes.size = 5;
     Log(LOG_CONTROL_ERROR);
-    EXPECT_EQ(22u, nfs->SetAttr(rootHandle, attributes).status) << "a folder has no size to set";
+    EXPECT_EQ(NFS3ERR_INVAL, nfs->SetAttr(rootHandle, attributes).status)
+        << "a folder has no size to set";
     EXPECT_TRUE(
         log.Has("error", "[Nfs3Prog.ProcedureSETATTR] Update file attribute to " + root + " fail"));
     Log(kAllLogBits & ~LOG_CONTROL_ERROR);
-    EXPECT_EQ(22u, nfs->SetAttr(rootHandle, attributes).status);
+    EXPECT_EQ(NFS3ERR_INVAL, nfs->SetAttr(rootHandle, attributes).status);
     EXPECT_FALSE(
         log.Has("error", "[Nfs3Prog.ProcedureSETATTR] Update file attribute to " + root + " fail"));
 
     const Handle file = NewFile("f", "content");
     for (const std::uint64_t size : {1ULL << 63, ~0ULL}) {
         attributes.size = size;
-        EXPECT_EQ(22u, nfs->SetAttr(file, attributes).status) << size;
+        EXPECT_EQ(NFS3ERR_INVAL, nfs->SetAttr(file, attributes).status) << size;
     }
     EXPECT_EQ("content", ReadFile(PathOf("f")));
 }
@@ -212,7 +214,7 @@ TEST_F(ReadOnlyNfs3DataTest, SetAttrIsNotRefused) {
     const Handle file = NewFile("f", "content");
     SetAttributes attributes;
     attributes.size = 3;
-    EXPECT_EQ(0u, nfs->SetAttr(file, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(file, attributes).status);
     EXPECT_EQ("con", ReadFile(PathOf("f")));
 }
 
@@ -236,15 +238,15 @@ TEST_F(Nfs3DataTest, LookupOfAMissingNameIsNoEntry) {
     EXPECT_EQ(Hex(Words({2, 0})), Hex(Call(3, OpaqueOf(rootHandle) + StringOf("nobody")).body));
     EXPECT_EQ(Texts{}, log.From("")) << "it lies in the export";
     const Handle file = NewFile("f");
-    EXPECT_EQ(2u, nfs->Lookup(file, "below a file").status);
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, std::string(256, 'n')).status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(file, "below a file").status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, std::string(256, 'n')).status);
 }
 
 TEST_F(Nfs3DataTest, LookupOutsideEveryExportIsNoEntry) {
     WriteFile(folder / "outside", "");
     Log(LOG_CONTROL_ERROR);
     for (const char* name : {"..", "../outside", "../../.."}) {
-        EXPECT_EQ(2u, nfs->Lookup(rootHandle, name).status) << name;
+        EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, name).status) << name;
     }
     EXPECT_EQ(Texts(3, "error [Nfs3Prog.ProcedureLOOKUP] Path record not found"), log.From(""));
 }
@@ -261,7 +263,7 @@ TEST_F(Nfs3DataTest, LookupResolvesDotNamesAsPaths) {
 
 TEST_F(Nfs3DataTest, LookupOfASiblingWhoseNameBeginsLikeTheExportIsNoEntry) {
     ASSERT_EQ(0, mkdir((folder / "vm01x").c_str(), 0755));
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, "../vm01x").status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, "../vm01x").status);
 }
 
 TEST_F(Nfs3DataTest, LookupOfALinkIsLookupOfItsTarget) {
@@ -272,9 +274,9 @@ TEST_F(Nfs3DataTest, LookupOfALinkIsLookupOfItsTarget) {
     ASSERT_EQ(0, symlink("nobody", PathOf("dangling").c_str()));
     const LookupResult result = nfs->Lookup(rootHandle, "link");
     EXPECT_EQ(file, result.handle);
-    EXPECT_EQ(1u, result.attributes.value().type);
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, "way out").status);
-    EXPECT_EQ(2u, nfs->Lookup(rootHandle, "dangling").status);
+    EXPECT_EQ(NF3REG, result.attributes.value().type);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, "way out").status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Lookup(rootHandle, "dangling").status);
 }
 
 TEST_F(Nfs3DataTest, LookupWithoutReadableAttributesStillAnswersTheHandle) {
@@ -418,7 +420,7 @@ TEST_F(Nfs3DataTest, ReadTellsTheEndAtTheLastByte) {
                           Case{11, 5, 0, true}, Case{1ULL << 40, 5, 0, true}}) {
         SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.count));
         const ReadResult result = nfs->Read(file, c.offset, c.count);
-        EXPECT_EQ(0u, result.status);
+        EXPECT_EQ(NFS3_OK, result.status);
         EXPECT_EQ(c.expected, result.count);
         EXPECT_EQ(c.expected, result.data.size());
         EXPECT_EQ(c.eof, result.eof);
@@ -432,7 +434,7 @@ TEST_F(Nfs3DataTest, ReadOfNothingIsTheEndWhateverTheOffset) {
         EXPECT_EQ(Hex(Words({0, 0, 0, 1, 0})), Hex(Call(6, ReadArguments(file, offset, 0)).body))
             << offset;
     }
-    EXPECT_EQ(0u, nfs->Read(rootHandle, 0, 0).status) << "not even of a folder";
+    EXPECT_EQ(NFS3_OK, nfs->Read(rootHandle, 0, 0).status) << "not even of a folder";
 }
 
 TEST_F(Nfs3DataTest, ReadOfMoreThan65536BytesAnswersThatMany) {
@@ -474,7 +476,7 @@ TEST_F(Nfs3DataTest, ReadOfMoreThanTheFreeBufferIsInvalid) {
     // On UDP there is no record mark.
     Nfs3Client udp(Transport::Udp);
     EXPECT_EQ(10u, udp.Read(file, 0, kFree + 4).count);
-    EXPECT_EQ(22u, udp.Read(file, 0, kFree + 5).status);
+    EXPECT_EQ(NFS3ERR_INVAL, udp.Read(file, 0, kFree + 5).status);
 }
 
 TEST_F(Nfs3DataTest, ReadThatFailsIsInvalid) {
@@ -591,7 +593,7 @@ TEST_F(Nfs3DataTest, WriteOf20000BytesWritesAndReports16384) {
     const std::string content = PatternData(20'000);
     const Handle file = NewFile("f");
     const WriteResult result = nfs->Write(file, 0, ToBytes(content));
-    EXPECT_EQ(0u, result.status);
+    EXPECT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(16'384u, result.count);
     EXPECT_EQ(2u, result.committed);
     EXPECT_EQ(content.substr(0, 16'384), ReadFile(PathOf("f")));
@@ -605,14 +607,14 @@ TEST_F(Nfs3DataTest, WriteTakesTheAmountFromTheCount) {
     EXPECT_EQ("abc-------", ReadFile(PathOf("f")));
     EXPECT_EQ(0u, nfs->Write(file, 0, ToBytes("xyz"), 2, 0).count);
     EXPECT_EQ("abc-------", ReadFile(PathOf("f")));
-    EXPECT_EQ(0u, nfs->Write(file, 0, ToBytes("xyz"), 2, 0).status);
+    EXPECT_EQ(NFS3_OK, nfs->Write(file, 0, ToBytes("xyz"), 2, 0).status);
 }
 
 TEST_F(Nfs3DataTest, WriteNeverTakesMoreThanTheBytesThatCame) {
     const Handle file = NewFile("f", "----------");
     for (const std::uint32_t count : {4u, 16'384u, 0x80000000u, 0xFFFFFFFFu}) {
         const WriteResult result = nfs->Write(file, 5, ToBytes("abc"), 2, count);
-        EXPECT_EQ(0u, result.status) << count;
+        EXPECT_EQ(NFS3_OK, result.status) << count;
         EXPECT_EQ(3u, result.count) << count;
         EXPECT_EQ("-----abc--", ReadFile(PathOf("f"))) << count;
     }
@@ -625,7 +627,7 @@ TEST_F(Nfs3DataTest, WriteUpToTheLargestFileIsAllowed) {
     ASSERT_EQ(kMaxFileSize, CUtilities::GetMaxFileSize(root.c_str()));
     EXPECT_EQ(1u, nfs->Write(file, kMaxFileSize - 1, ToBytes("x")).count);
     EXPECT_EQ(kMaxFileSize, nfs->GetAttr(file).attributes.size);
-    EXPECT_EQ(0u, nfs->Write(file, kMaxFileSize, {}).status);
+    EXPECT_EQ(NFS3_OK, nfs->Write(file, kMaxFileSize, {}).status);
 }
 
 TEST_F(Nfs3DataTest, WriteBeyondTheLargestFileIsTooLarge) {
@@ -652,7 +654,7 @@ TEST_F(Nfs3DataTest, WriteThatFailsIsInvalid) {
     EXPECT_EQ(Hex(Words({22, 0, 0})), Hex(Call(7, WriteArguments(rootHandle, 0, 1, {7})).body));
     EXPECT_TRUE(log.Has("error", "[Nfs3Prog.ProcedureWRITE] Write fail"));
     Log(kAllLogBits & ~LOG_CONTROL_ERROR);
-    EXPECT_EQ(22u, nfs->Write(rootHandle, 0, {7}).status);
+    EXPECT_EQ(NFS3ERR_INVAL, nfs->Write(rootHandle, 0, {7}).status);
     EXPECT_FALSE(log.Has("error", "[Nfs3Prog.ProcedureWRITE] Write fail"));
 }
 
@@ -663,8 +665,9 @@ TEST_F(ReadOnlyNfs3DataTest, WriteIsDenied) {
               Hex(Call(7, OpaqueOf(file) + Words({0, 0, 1, 2}) + StringOf("x")).body));
     EXPECT_EQ((Texts{"error [Nfs3Prog.ProcedureWRITE] Write fail"}), log.From(""));
     EXPECT_EQ("content", ReadFile(PathOf("f")));
-    EXPECT_EQ(13u, nfs->Write(HandleOfId(99), 0, {7}).status) << "instead of an I/O error";
-    EXPECT_EQ(13u, nfs->Write(file, ~0ULL, {7}).status) << "instead of too large";
+    EXPECT_EQ(NFS3ERR_ACCES, nfs->Write(HandleOfId(99), 0, {7}).status)
+        << "instead of an I/O error";
+    EXPECT_EQ(NFS3ERR_ACCES, nfs->Write(file, ~0ULL, {7}).status) << "instead of too large";
 }
 
 TEST_F(Nfs3DataTest, WriteLogsItsArgumentsAndResult) {

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "Nfs3Prog.h"
+#include "Nfs3Types.h"
 #include "NfsServiceFixture.h"
 #include "support/Faults.h"
 
@@ -133,7 +134,7 @@ TEST_F(Nfs3NamespaceTest, CreateAppliesItsAttributes) {
         const std::string name = "new" + std::to_string(static_cast<int>(mode));
         SetAttributes attributes = ModeOf(0604);
         attributes.size = 5;
-        EXPECT_EQ(0u, nfs->Create(rootHandle, name, mode, attributes).status);
+        EXPECT_EQ(NFS3_OK, nfs->Create(rootHandle, name, mode, attributes).status);
         EXPECT_EQ(0604u, StatOf(PathOf(name)).st_mode & 07777);
         EXPECT_EQ(std::string(5, '\0'), ReadFile(PathOf(name)));
     }
@@ -142,7 +143,7 @@ TEST_F(Nfs3NamespaceTest, CreateAppliesItsAttributes) {
 TEST_F(Nfs3NamespaceTest, UncheckedCreateOfAnExistingFileKeepsItsContent) {
     const Handle file = NewFile("f", "content");
     const CreateResult result = nfs->Create(rootHandle, "f", CreateMode::Unchecked, ModeOf(0600));
-    EXPECT_EQ(0u, result.status);
+    EXPECT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(file, result.handle);
     EXPECT_EQ("content", ReadFile(PathOf("f")));
     EXPECT_EQ(0600u, StatOf(PathOf("f")).st_mode & 07777);
@@ -152,19 +153,19 @@ TEST_F(Nfs3NamespaceTest, GuardedCreateOfAnExistingFileIsRefused) {
     MakeFile("f", "content");
     SetAttributes attributes;
     attributes.size = 0;
-    EXPECT_EQ(17u, nfs->Create(rootHandle, "f", CreateMode::Guarded, attributes).status);
+    EXPECT_EQ(NFS3ERR_EXIST, nfs->Create(rootHandle, "f", CreateMode::Guarded, attributes).status);
     EXPECT_EQ("content", ReadFile(PathOf("f")));
     EXPECT_EQ(Hex(Words({17, 0, 0})),
               Hex(Call(8, Where(rootHandle, "f") + Words({1}) + kNoAttributes).body));
     MakeFolder("d");
-    EXPECT_EQ(17u, nfs->Create(rootHandle, "d", CreateMode::Guarded).status);
+    EXPECT_EQ(NFS3ERR_EXIST, nfs->Create(rootHandle, "d", CreateMode::Guarded).status);
 }
 
 TEST_F(Nfs3NamespaceTest, ExclusiveCreateIgnoresItsVerifier) {
     MakeFile("f", "content");
-    EXPECT_EQ(0u, nfs->Create(rootHandle, "new", CreateMode::Exclusive, {}, 1).status);
-    EXPECT_EQ(0u, nfs->Create(rootHandle, "new", CreateMode::Exclusive, {}, 2).status);
-    EXPECT_EQ(0u, nfs->Create(rootHandle, "f", CreateMode::Exclusive, {}, 3).status);
+    EXPECT_EQ(NFS3_OK, nfs->Create(rootHandle, "new", CreateMode::Exclusive, {}, 1).status);
+    EXPECT_EQ(NFS3_OK, nfs->Create(rootHandle, "new", CreateMode::Exclusive, {}, 2).status);
+    EXPECT_EQ(NFS3_OK, nfs->Create(rootHandle, "f", CreateMode::Exclusive, {}, 3).status);
     EXPECT_EQ("content", ReadFile(PathOf("f")));
 }
 
@@ -180,14 +181,14 @@ TEST_F(Nfs3NamespaceTest, CreateInAnUnknownModeIsAnIoErrorAndMakesNothing) {
 TEST_F(Nfs3NamespaceTest, CreateThatFailsIsAnIoError) {
     MakeFolder("d");
     const Handle file = NewFile("f");
-    EXPECT_EQ(5u, nfs->Create(rootHandle, "d").status) << "a folder has the name";
-    EXPECT_EQ(5u, nfs->Create(rootHandle, "no folder/new").status);
-    EXPECT_EQ(5u, nfs->Create(rootHandle, std::string(256, 'n')).status);
-    EXPECT_EQ(5u, nfs->Create(file, "below a file").status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Create(rootHandle, "d").status) << "a folder has the name";
+    EXPECT_EQ(NFS3ERR_IO, nfs->Create(rootHandle, "no folder/new").status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Create(rootHandle, std::string(256, 'n')).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Create(file, "below a file").status);
     SetAttributes attributes;
     attributes.size = ~0ULL;
     const CreateResult result = nfs->Create(rootHandle, "new", CreateMode::Unchecked, attributes);
-    EXPECT_EQ(5u, result.status) << "the attributes could not be applied";
+    EXPECT_EQ(NFS3ERR_IO, result.status) << "the attributes could not be applied";
     EXPECT_FALSE(result.handle);
     EXPECT_TRUE(FileExists(PathOf("new")));
 }
@@ -196,7 +197,8 @@ TEST_F(Nfs3NamespaceTest, CreateOutsideEveryExportIsAnIoError) {
     WriteFile(folder / "outside", "content");
     SetAttributes attributes;
     attributes.size = 0;
-    EXPECT_EQ(5u, nfs->Create(rootHandle, "../outside", CreateMode::Unchecked, attributes).status);
+    EXPECT_EQ(NFS3ERR_IO,
+              nfs->Create(rootHandle, "../outside", CreateMode::Unchecked, attributes).status);
     EXPECT_EQ("content", ReadFile(folder / "outside"));
 }
 
@@ -239,8 +241,9 @@ TEST_F(ReadOnlyNfs3NamespaceTest, CreateIsDenied) {
         }
     }
     EXPECT_FALSE(FileExists(PathOf("new")));
-    EXPECT_EQ(13u, nfs->Create(HandleOfId(99), "new").status) << "instead of an I/O error";
-    EXPECT_EQ(13u, nfs->MkDir(HandleOfId(99), "new").status);
+    EXPECT_EQ(NFS3ERR_ACCES, nfs->Create(HandleOfId(99), "new").status)
+        << "instead of an I/O error";
+    EXPECT_EQ(NFS3ERR_ACCES, nfs->MkDir(HandleOfId(99), "new").status);
 }
 
 // =================================================================================================
@@ -255,12 +258,12 @@ TEST_F(Nfs3NamespaceTest, MkDirAnswersHandleAttributesAndEmptyWcc) {
 
 TEST_F(Nfs3NamespaceTest, MkDirUsesTheGivenModeOr0755UnderTheMaskOfTheProcess) {
     const mode_t mask = umask(0);
-    EXPECT_EQ(0u, nfs->MkDir(rootHandle, "default").status);
-    EXPECT_EQ(0u, nfs->MkDir(rootHandle, "given", ModeOf(0712)).status);
-    EXPECT_EQ(0u, nfs->MkDir(rootHandle, "none", ModeOf(0)).status);
-    EXPECT_EQ(0u, nfs->MkDir(rootHandle, "sticky", ModeOf(01777)).status);
+    EXPECT_EQ(NFS3_OK, nfs->MkDir(rootHandle, "default").status);
+    EXPECT_EQ(NFS3_OK, nfs->MkDir(rootHandle, "given", ModeOf(0712)).status);
+    EXPECT_EQ(NFS3_OK, nfs->MkDir(rootHandle, "none", ModeOf(0)).status);
+    EXPECT_EQ(NFS3_OK, nfs->MkDir(rootHandle, "sticky", ModeOf(01777)).status);
     umask(027);
-    EXPECT_EQ(0u, nfs->MkDir(rootHandle, "masked").status);
+    EXPECT_EQ(NFS3_OK, nfs->MkDir(rootHandle, "masked").status);
     umask(mask);
     EXPECT_EQ(0755u, StatOf(PathOf("default")).st_mode & 07777);
     EXPECT_EQ(0712u, StatOf(PathOf("given")).st_mode & 07777);
@@ -275,7 +278,7 @@ TEST_F(Nfs3NamespaceTest, MkDirIgnoresEveryOtherAttribute) {
     attributes.uid = 4711;
     attributes.mtime = NfsTime{7, 0};
     const CreateResult result = nfs->MkDir(rootHandle, "new", attributes);
-    EXPECT_EQ(0u, result.status);
+    EXPECT_EQ(NFS3_OK, result.status);
     EXPECT_NE(4711u, result.attributes.value().uid);
     EXPECT_NE(7u, result.attributes.value().mtime.seconds);
 }
@@ -288,7 +291,7 @@ TEST_F(Nfs3NamespaceTest, MkDirThatFailsIsAnIoError) {
         EXPECT_EQ(Hex(Words({5, 0, 0})), Hex(Call(9, Where(rootHandle, name) + kNoAttributes).body))
             << name;
     }
-    EXPECT_EQ(5u, nfs->MkDir(rootHandle, "..").status) << "outside every export";
+    EXPECT_EQ(NFS3ERR_IO, nfs->MkDir(rootHandle, "..").status) << "outside every export";
 }
 
 TEST_F(ReadOnlyNfs3NamespaceTest, MkDirIsDenied) {
@@ -373,7 +376,7 @@ TEST_F(Nfs3NamespaceTest, RemoveRemovesTheFile) {
     ASSERT_EQ(7u, nfs->Read(file, 0, 7).count);  // the file is open in the server
     EXPECT_EQ(Hex(Words({0, 0, 0})), Hex(Call(12, Where(rootHandle, "f")).body));
     EXPECT_FALSE(FileExists(PathOf("f")));
-    EXPECT_EQ(5u, nfs->Read(file, 0, 7).status) << "not from an open descriptor";
+    EXPECT_EQ(NFS3ERR_IO, nfs->Read(file, 0, 7).status) << "not from an open descriptor";
 }
 
 TEST_F(Nfs3NamespaceTest, RemoveOfAMissingOrOutsideNameIsNoEntry) {
@@ -429,13 +432,13 @@ TEST_F(ReadOnlyNfs3NamespaceTest, RemoveRmDirAndRenameAreDeniedUnlessThereIsNoEn
         EXPECT_EQ(Hex(Words({2, 0, 0, 0, 0})), Hex(Call(14, named(name) + named("g")).body))
             << name;
     }
-    EXPECT_EQ(2u, nfs->Remove(HandleOfId(99), "f").status);
+    EXPECT_EQ(NFS3ERR_NOENT, nfs->Remove(HandleOfId(99), "f").status);
 }
 
 TEST_F(ReadOnlyNfs3NamespaceTest, SymLinkMkNodAndLinkFailAsEver) {
-    EXPECT_EQ(5u, nfs->SymLink(rootHandle, "new", "f").status);
-    EXPECT_EQ(10004u, nfs->MkNod(rootHandle, "new", 7).status);
-    EXPECT_EQ(5u, nfs->Link(rootHandle, rootHandle, "new").status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->SymLink(rootHandle, "new", "f").status);
+    EXPECT_EQ(NFS3ERR_NOTSUPP, nfs->MkNod(rootHandle, "new", 7).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Link(rootHandle, rootHandle, "new").status);
 }
 
 // =================================================================================================
@@ -461,7 +464,7 @@ TEST_F(Nfs3NamespaceTest, RenameMovesTheFileAndItsHandle) {
 TEST_F(Nfs3NamespaceTest, RenameOntoAnExistingNameReplacesIt) {
     const Handle file = NewFile("f", "new content");
     NewFile("g", "old content");
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "f", rootHandle, "g").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "f", rootHandle, "g").status);
     EXPECT_FALSE(FileExists(PathOf("f")));
     EXPECT_EQ("new content", ReadFile(PathOf("g")));
     EXPECT_EQ(ToBytes("new content"), nfs->Read(file, 0, 100).data);
@@ -469,13 +472,13 @@ TEST_F(Nfs3NamespaceTest, RenameOntoAnExistingNameReplacesIt) {
 
 TEST_F(Nfs3NamespaceTest, RenameOntoItselfChangesNothing) {
     const Handle file = NewFile("f", "content");
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "f", rootHandle, "f").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "f", rootHandle, "f").status);
     EXPECT_EQ("content", ReadFile(PathOf("f")));
     EXPECT_EQ(file, Lookup("f"));
     MakeFile("unknown to the file table", "content");
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "unknown to the file table", rootHandle,
-                              "./unknown to the file table")
-                      .status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "unknown to the file table", rootHandle,
+                                   "./unknown to the file table")
+                           .status);
     EXPECT_EQ("content", ReadFile(PathOf("unknown to the file table")));
 }
 
@@ -494,7 +497,7 @@ TEST_F(Nfs3NamespaceTest, RenameOfAMissingOrOutsideNameIsNoEntry) {
 TEST_F(Nfs3NamespaceTest, RenameTargetIsNotHeldAgainstTheExports) {
     NewFile("f", "content");
     WriteFile(folder / "outside", "replaced");
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "f", rootHandle, "../outside").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "f", rootHandle, "../outside").status);
     EXPECT_FALSE(FileExists(PathOf("f")));
     EXPECT_EQ("content", ReadFile(folder / "outside"));
 }
@@ -520,9 +523,9 @@ TEST_F(Nfs3NamespaceTest, RenameThatFailsIsAnIoError) {
     MakeFolder("d");
     MakeFile("d/kept");
     Lookup("d");
-    EXPECT_EQ(5u, nfs->Rename(rootHandle, "f", rootHandle, "d").status) << "a full folder";
-    EXPECT_EQ(5u, nfs->Rename(rootHandle, "f", rootHandle, "no folder/g").status);
-    EXPECT_EQ(5u, nfs->Rename(rootHandle, "d", rootHandle, "d/inside itself").status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Rename(rootHandle, "f", rootHandle, "d").status) << "a full folder";
+    EXPECT_EQ(NFS3ERR_IO, nfs->Rename(rootHandle, "f", rootHandle, "no folder/g").status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Rename(rootHandle, "d", rootHandle, "d/inside itself").status);
     EXPECT_EQ("content", ReadFile(PathOf("f")));
     EXPECT_TRUE(FileExists(PathOf("d/kept")));
 }
@@ -532,17 +535,17 @@ TEST_F(Nfs3NamespaceTest, RenameOfAFolderLeavesTheRowsBelowItBehind) {
     MakeFile("d/f", "content");
     const Handle directory = Lookup("d");
     const Handle file = nfs->Lookup(directory, "f").handle;
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "d", rootHandle, "e").status);
-    EXPECT_EQ(0u, nfs->GetAttr(directory).status);
-    EXPECT_EQ(5u, nfs->GetAttr(file).status) << "its path is still the old one";
-    EXPECT_EQ(0u, nfs->Lookup(directory, "f").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "d", rootHandle, "e").status);
+    EXPECT_EQ(NFS3_OK, nfs->GetAttr(directory).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->GetAttr(file).status) << "its path is still the old one";
+    EXPECT_EQ(NFS3_OK, nfs->Lookup(directory, "f").status);
 }
 
 TEST_F(Nfs3NamespaceTest, BytesOfANewFolderDoNotLandInTheRenamedOne) {
     MakeFolder("d");
     const Handle old = nfs->Create(Lookup("d"), "disk").handle.value();
     ASSERT_EQ(3u, nfs->Write(old, 0, ToBytes("old")).count);
-    ASSERT_EQ(0u, nfs->Rename(rootHandle, "d", rootHandle, "e").status);
+    ASSERT_EQ(NFS3_OK, nfs->Rename(rootHandle, "d", rootHandle, "e").status);
     const Handle folder = nfs->MkDir(rootHandle, "d").handle.value();
     const Handle disk = nfs->Create(folder, "disk").handle.value();
     ASSERT_EQ(3u, nfs->Write(disk, 0, ToBytes("new")).count);
@@ -550,11 +553,11 @@ TEST_F(Nfs3NamespaceTest, BytesOfANewFolderDoNotLandInTheRenamedOne) {
     EXPECT_EQ("old", ReadFile(PathOf("e/disk")));
     // Nor does what the client still writes to the file that it has open.
     EXPECT_NE(old, disk);
-    EXPECT_EQ(5u, nfs->Write(old, 0, ToBytes("lost")).status);
+    EXPECT_EQ(NFS3ERR_IO, nfs->Write(old, 0, ToBytes("lost")).status);
     EXPECT_EQ("new", ReadFile(PathOf("d/disk")));
-    EXPECT_EQ(0u, nfs->Remove(folder, "disk").status);
-    EXPECT_EQ(0u, nfs->RmDir(rootHandle, "d").status);
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "e", rootHandle, "d").status);
+    EXPECT_EQ(NFS3_OK, nfs->Remove(folder, "disk").status);
+    EXPECT_EQ(NFS3_OK, nfs->RmDir(rootHandle, "d").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "e", rootHandle, "d").status);
     EXPECT_EQ(4u, nfs->Write(old, 0, ToBytes("back")).count) << "the file is where it was";
     EXPECT_EQ("back", ReadFile(PathOf("d/disk")));
 }
@@ -563,8 +566,8 @@ TEST_F(Nfs3NamespaceTest, AFileThatReplacedAnotherTakesItsHandleToItsNextName) {
     const Handle a = NewFile("a", "a");
     NewFile("b", "b");
     Lookup("b");
-    ASSERT_EQ(0u, nfs->Rename(rootHandle, "a", rootHandle, "b").status);
-    ASSERT_EQ(0u, nfs->Rename(rootHandle, "b", rootHandle, "c").status);
+    ASSERT_EQ(NFS3_OK, nfs->Rename(rootHandle, "a", rootHandle, "b").status);
+    ASSERT_EQ(NFS3_OK, nfs->Rename(rootHandle, "b", rootHandle, "c").status);
     const Handle b = nfs->Create(rootHandle, "b").handle.value();
     EXPECT_NE(a, b);
     EXPECT_EQ(5u, nfs->Write(a, 0, ToBytes("again")).count);
@@ -627,7 +630,7 @@ TEST_P(Nfs3ListingTest, FewerThanTenEntriesComeInOneReply) {
         SCOPED_TRACE(entries);
         const Handle directory = MakeListing(entries);
         const DirectoryResult result = List(directory);
-        EXPECT_EQ(0u, result.status);
+        EXPECT_EQ(NFS3_OK, result.status);
         EXPECT_EQ(0u, result.unread);
         EXPECT_TRUE(result.eof);
         EXPECT_EQ(Listed(PathOf("d")), Names(result));
@@ -651,7 +654,7 @@ TEST_P(Nfs3ListingTest, TenEntriesAreNotYetTheEnd) {
     const DirectoryResult second = List(directory, 10);
     EXPECT_TRUE(second.entries.empty());
     EXPECT_TRUE(second.eof);
-    EXPECT_EQ(0u, second.status);
+    EXPECT_EQ(NFS3_OK, second.status);
 }
 
 TEST_P(Nfs3ListingTest, LongerListingsComeInPagesOfTen) {
@@ -664,7 +667,7 @@ TEST_P(Nfs3ListingTest, LongerListingsComeInPagesOfTen) {
         bool eof = false;
         while (!eof && pages.size() < 10) {
             const DirectoryResult page = List(directory, cookie);
-            ASSERT_EQ(0u, page.status);
+            ASSERT_EQ(NFS3_OK, page.status);
             pages.push_back(page.entries.size());
             for (const DirectoryEntry& entry : page.entries) {
                 all.push_back(entry.name);
@@ -696,7 +699,7 @@ TEST_P(Nfs3ListingTest, CookieAtOrBeyondTheEndGivesAnEmptyList) {
     const Handle directory = MakeListing(3);
     for (const std::uint64_t cookie : {3ULL, 4ULL, 1000ULL, 0x7FFFFFFFULL}) {
         const DirectoryResult result = List(directory, cookie);
-        EXPECT_EQ(0u, result.status);
+        EXPECT_EQ(NFS3_OK, result.status);
         EXPECT_TRUE(result.entries.empty()) << cookie;
         EXPECT_TRUE(result.eof) << cookie;
     }
@@ -730,7 +733,7 @@ TEST_P(Nfs3ListingTest, VerifierIsEchoedAndNeverTested) {
         for (const std::uint64_t cookie : {0ULL, 1ULL}) {
             const DirectoryResult result = Plus() ? nfs->ReadDirPlus(directory, cookie, verifier)
                                                   : nfs->ReadDir(directory, cookie, verifier);
-            EXPECT_EQ(0u, result.status);
+            EXPECT_EQ(NFS3_OK, result.status);
             EXPECT_EQ(verifier, result.verifier);
         }
     }
@@ -741,7 +744,7 @@ TEST_P(Nfs3ListingTest, SizeHintsBoundNothing) {
     for (const std::uint32_t hint : {0u, 1u, 100u, 0x80000000u, 0xFFFFFFFFu}) {
         const DirectoryResult result = Plus() ? nfs->ReadDirPlus(directory, 0, Bytes(8), hint, hint)
                                               : nfs->ReadDir(directory, 0, Bytes(8), hint);
-        EXPECT_EQ(0u, result.status);
+        EXPECT_EQ(NFS3_OK, result.status);
         EXPECT_EQ(10u, result.entries.size()) << hint;
     }
 }
@@ -804,7 +807,7 @@ TEST_P(Nfs3ListingTest, EntriesWhosePathIsTooLongAreListedByTheirInode) {
     }
     Log(0);
     const DirectoryResult result = List(folder);
-    ASSERT_EQ(0u, result.status);
+    ASSERT_EQ(NFS3_OK, result.status);
     ASSERT_EQ(3u, result.entries.size());
     EXPECT_TRUE(result.eof);
     for (const DirectoryEntry& entry : result.entries) {
@@ -874,7 +877,7 @@ TEST_F(Nfs3NamespaceTest, ReadDirPlusDescribesALinkAndHandsOutItsTarget) {
     ASSERT_EQ(0, symlink("../f", PathOf("d/link").c_str()));
     const DirectoryResult result = nfs->ReadDirPlus(Lookup("d"));
     ASSERT_EQ(1u, result.entries.size());
-    EXPECT_EQ(5u, result.entries[0].attributes.value().type);
+    EXPECT_EQ(NF3LNK, result.entries[0].attributes.value().type);
     EXPECT_EQ(4u, result.entries[0].attributes.value().size);
     EXPECT_EQ(file, result.entries[0].handle);
     EXPECT_EQ(IdOfHandle(file), result.entries[0].fileid);
@@ -885,7 +888,7 @@ TEST_F(Nfs3NamespaceTest, DanglingLinkLiesInNoKnownFileSystem) {
     ASSERT_EQ(0, symlink("nobody", PathOf("d/link").c_str()));
     const DirectoryResult result = nfs->ReadDirPlus(Lookup("d"));
     ASSERT_EQ(1u, result.entries.size());
-    EXPECT_EQ(5u, result.entries[0].attributes.value().type);
+    EXPECT_EQ(NF3LNK, result.entries[0].attributes.value().type);
     EXPECT_EQ(4u, result.entries[0].attributes.value().fsid);
 }
 

@@ -21,6 +21,7 @@
 
 #include "ConsoleFixture.h"
 #include "FileLogger.h"
+#include "Nfs3Types.h"
 #include "RuntimeParam.h"
 #include "support/Nfs3Client.h"
 #include "Utilities.h"
@@ -403,14 +404,14 @@ TEST_F(NfsMainTest, TheUserAndTheGroupDoNotChangeWhoOwnsTheFiles) {
     ASSERT_EQ(0, stat((m_folder / "file").c_str(), &data));
     EXPECT_EQ(data.st_uid, attributes.attributes.uid);
     EXPECT_EQ(data.st_gid, attributes.attributes.gid);
-    EXPECT_EQ(0u, nfs.MkDir(root, "new").status) << "it is not read-only";
+    EXPECT_EQ(NFS3_OK, nfs.MkDir(root, "new").status) << "it is not read-only";
 }
 
 TEST_F(NfsMainTest, TheNfsProgramGetsTheReadOnlyFlag) {
     ASSERT_TRUE(m_main.AddMountPoint(m_folder.Path().c_str(), "vm01", m_status));
     ASSERT_TRUE(m_main.StartServer(0, 0, 0, 0, true, m_status));
     const Handle root = MountClient(Transport::Udp).Mnt("vm01").handle;
-    EXPECT_NE(0u, Nfs3Client(Transport::Udp).MkDir(root, "new").status);
+    EXPECT_NE(NFS3_OK, Nfs3Client(Transport::Udp).MkDir(root, "new").status);
     EXPECT_FALSE(FileExists(m_folder / "new"));
 }
 
@@ -703,7 +704,7 @@ TEST_F(NfsMainTest, MayBeStartedAndStoppedAgainAndAgain) {
     for (int run = 0; run < 20; ++run) {
         ASSERT_TRUE(Start()) << run << " " << m_status;
         ASSERT_TRUE(m_main.AddMountPoint(m_folder.Path().c_str(), "vm01", m_status));
-        EXPECT_EQ(0u, MountClient(Transport::Udp).Mnt("vm01").status);
+        EXPECT_EQ(support::MNT3_OK, MountClient(Transport::Udp).Mnt("vm01").status);
         m_main.StopServer();
         ASSERT_EQ(1, m_main.GetServerStatus());
     }
@@ -756,7 +757,7 @@ TEST_F(NfsMainTest, MountedExportsCanBeCountedAlone) {
     ASSERT_TRUE(m_main.AddMountPoint(m_folder.Path().c_str(), "vm01", m_status));
     ASSERT_TRUE(m_main.AddMountPoint("/nonexistent", "vm02", m_status));
     ASSERT_TRUE(Start());
-    ASSERT_EQ(0u, MountClient(Transport::Udp).Mnt("vm01").status);
+    ASSERT_EQ(support::MNT3_OK, MountClient(Transport::Udp).Mnt("vm01").status);
     EXPECT_EQ(1, m_main.GetMountInfo(true, true));
     EXPECT_EQ(2, m_main.GetMountInfo(false, false));
     EXPECT_THAT(Log(), Contains("  mount1 - " + m_folder.Path() + " : vm01 (127.0.0.1) []"));

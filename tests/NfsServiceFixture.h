@@ -2,8 +2,8 @@
 // of the test's namespace, whose log lines are kept; and single programs without a network.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -212,7 +212,7 @@ protected:
         ASSERT_TRUE(service.AddMountPoint(root.c_str(), "vm01", "controller-1", reason)) << reason;
         const support::MountResult mounted =
             support::MountClient(support::Transport::Udp).Mnt("vm01");
-        ASSERT_EQ(0u, mounted.status);
+        ASSERT_EQ(support::MNT3_OK, mounted.status);
         rootHandle = mounted.handle;
         nfs.emplace();
     }

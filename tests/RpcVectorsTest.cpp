@@ -124,7 +124,7 @@ protected:
         this->Lookup("gone");
         ASSERT_EQ(0, unlink(this->PathOf("gone").c_str()));
         AddExport("vm03");
-        ASSERT_EQ(0u, MountClient(Transport::Udp).Mnt("vm03").status);
+        ASSERT_EQ(MNT3_OK, MountClient(Transport::Udp).Mnt("vm03").status);
         this->service.RemoveMountPoint((this->folder / "vm03").c_str());
         AddExport("vm02");
 

@@ -309,7 +309,7 @@ TEST_F(MuteController, KeepsNobodyElseWaitingForItsListing) {
         EXPECT_EQ(ipctest::ReplyBool(true), ipctest::Exchange(ipctest::WithText(
                                                 ipcvectors::kRemoveMountPoint, 16, 1024, "/none")));
         MountClient mount;
-        EXPECT_EQ(0u, mount.Mnt("vm01").status);
+        EXPECT_EQ(MNT3_OK, mount.Mnt("vm01").status);
         EXPECT_EQ(kSuccess, mount.Umnt("vm01").acceptStat);
         EXPECT_LT(std::chrono::steady_clock::now() - begin, Milliseconds(1500));
         EXPECT_FALSE(asking.HasAnswer(Milliseconds(0))) << "its lines have not been taken";
@@ -339,7 +339,7 @@ TEST_F(MuteController, StopsTheRemoteControllerWhileTheServiceGoesOn) {
     ASSERT_TRUE(asking.Send(ForMute(ipcvectors::kGetSessionInfo)));
     ASSERT_TRUE(controller.WaitForCaller());
     EXPECT_TRUE(EndsWithin(kStopTime, [this] { main.StopRemoteController(); }));
-    EXPECT_EQ(0u, MountClient().Mnt("vm01").status);
+    EXPECT_EQ(MNT3_OK, MountClient().Mnt("vm01").status);
     ipctest::StartController(main);
     EXPECT_EQ(ipctest::ReplyMsg("1.2"), ipctest::Exchange(ipcvectors::kGetVersion));
 }

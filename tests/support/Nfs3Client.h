@@ -12,6 +12,10 @@
 
 namespace support {
 
+// Statuses of MNT (RFC 1813, appendix I).
+inline constexpr std::uint32_t MNT3_OK = 0;
+inline constexpr std::uint32_t MNT3ERR_ACCES = 13;
+
 using Handle = Bytes;
 
 // ------------------------------------------------------------------------------------------------

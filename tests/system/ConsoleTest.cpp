@@ -13,6 +13,7 @@
 #include <tuple>
 
 #include "ConsoleFixture.h"
+#include "Nfs3Types.h"
 #include "NfsMain.h"
 #include "support/Nfs3Client.h"
 
@@ -425,7 +426,7 @@ TEST(ConsoleTest, TheStartedServerIsWritable) {
     const ScopedTempDir folder;
     Server server({.exports = {{"vm01", folder.Path()}}});
     const Handle root = MountClient().Mnt("vm01").handle;
-    EXPECT_EQ(0u, Nfs3Client().MkDir(root, "new").status);
+    EXPECT_EQ(NFS3_OK, Nfs3Client().MkDir(root, "new").status);
     EXPECT_TRUE(FileExists(folder / "new"));
 }
 
@@ -598,7 +599,7 @@ TEST(ConsoleInputTest, TheEndOfTheInputNeitherEndsTheServerNorMakesItSpin) {
     Server server({.exports = {{"vm01", folder.Path()}}});
     server.Program().CloseStdin();
     EXPECT_LE(TicksOfASecond(server.Pid()), 20);
-    EXPECT_EQ(0u, MountClient().Mnt("vm01").status);
+    EXPECT_EQ(support::MNT3_OK, MountClient().Mnt("vm01").status);
     server.Stop(Server::StopBy::Terminate);
 }
 

@@ -258,9 +258,10 @@ TEST_F(Datastores, HelperInheritsNoSocketsOrFiles) {
                    .mode = "svr",
                    .exports = {{"vm01", folder.Path()}}});
     const MountResult mounted = MountClient().Mnt("vm01");
-    ASSERT_EQ(0u, mounted.status);
+    ASSERT_EQ(support::MNT3_OK, mounted.status);
     Nfs3Client client;
-    ASSERT_EQ(0u, client.Read(client.Lookup(mounted.handle, "file").handle, 0, 7).status);
+    ASSERT_EQ(support::MNT3_OK,
+              client.Read(client.Lookup(mounted.handle, "file").handle, 0, 7).status);
     server.Console("addvsphereinfo ds-1 host1 443 root secret");
     server.Stop();
     const std::string descriptors = ReadFile(folder / "fds");

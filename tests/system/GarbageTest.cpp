@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Nfs3Types.h"
 #include "support/Nfs3Client.h"
 #include "support/Server.h"
 
@@ -290,18 +291,18 @@ protected:
         mount.Rpc().SetRetransmission(Milliseconds(200));
         mount.Umnt("vm01");  // a mutated MNT may have taken the export
         const MountResult mounted = mount.Mnt("vm01");
-        ASSERT_EQ(0u, mounted.status);
+        ASSERT_EQ(MNT3_OK, mounted.status);
         EXPECT_EQ(m_root, mounted.handle);
 
         Nfs3Client nfs(transport);
         nfs.Rpc().SetRetransmission(Milliseconds(200));
         const CreateResult created = nfs.Create(m_root, "good-client");
-        ASSERT_EQ(0u, created.status);
+        ASSERT_EQ(NFS3_OK, created.status);
         ASSERT_TRUE(created.handle.has_value());
         const Bytes data = ToBytes(PatternData(10'000));
         EXPECT_EQ(data.size(), nfs.Write(*created.handle, 0, data).count);
         EXPECT_EQ(data, nfs.Read(*created.handle, 0, 20'000).data);
-        EXPECT_EQ(0u, nfs.Remove(m_root, "good-client").status);
+        EXPECT_EQ(NFS3_OK, nfs.Remove(m_root, "good-client").status);
         mount.Umnt("vm01");
     }
 

@@ -13,6 +13,7 @@
 
 #include "ConsoleFixture.h"
 #include "IpcFixture.h"
+#include "Nfs3Types.h"
 #include "NfsIpcClientMain.h"
 #include "support/Nfs3Client.h"
 
@@ -179,7 +180,7 @@ TEST(IpcConsoleTest, DrivesTheServer) {
     EXPECT_EQ("\n" + Status("Started", 1, " mount1 - " + folder.Path() + " : vm01 () [ctl]\n"),
               client.Console("status"));
     const MountResult mounted = MountClient().Mnt("vm01");
-    ASSERT_EQ(0u, mounted.status);
+    ASSERT_EQ(support::MNT3_OK, mounted.status);
     Nfs3Client nfs;
     EXPECT_EQ("content", ToText(nfs.Read(nfs.Lookup(mounted.handle, "file").handle, 0, 99).data));
     EXPECT_EQ(
@@ -214,11 +215,11 @@ TEST(IpcConsoleTest, LinesOfNfsWorkReachTheConsoleOfWhoAddedTheExport) {
     }
     first.Console("mount " + folder.Path() + "=vm01");
     const MountResult mounted = MountClient().Mnt("vm01");
-    ASSERT_EQ(0u, mounted.status);
+    ASSERT_EQ(support::MNT3_OK, mounted.status);
     WriteFile(folder / "file", "content");
     first.Console("log 256");
     Nfs3Client nfs;
-    ASSERT_EQ(0u, nfs.Read(nfs.Lookup(mounted.handle, "file").handle, 0, 7).status);
+    ASSERT_EQ(support::MNT3_OK, nfs.Read(nfs.Lookup(mounted.handle, "file").handle, 0, 7).status);
     const std::string line =
         "[info] (vm01) [Nfs3Prog.ProcedureREAD] Read file, path=" + (folder / "file") +
         ", iSeek=0, iSeekType=0, length=7\n";
@@ -242,7 +243,7 @@ TEST(IpcConsoleTest, NotificationsArriveAtTheControllerThatAddedTheExport) {
     Nfs3Client nfs;
     const Handle disk = nfs.Lookup(mounted.handle, "disk").handle;
     // A console takes no notifications, so it answers -1 and the write fails.
-    EXPECT_NE(0u, nfs.Write(disk, 0, Bytes(5)).status);
+    EXPECT_NE(NFS3_OK, nfs.Write(disk, 0, Bytes(5)).status);
     const std::string trace =
         "[info] (one) [IpcServer.ReadRequest] Callback action group (type = 5, ver = 1.2, dataLen "
         "= 1312)";
@@ -264,7 +265,7 @@ protected:
         ASSERT_TRUE(controller.StartServer(0, 0, 0, 0, false, reason)) << reason;
         ASSERT_TRUE(controller.AddMountPoint(folder.Path().c_str(), "vm01", reason)) << reason;
         const MountResult mounted = MountClient().Mnt("vm01");
-        ASSERT_EQ(0u, mounted.status);
+        ASSERT_EQ(support::MNT3_OK, mounted.status);
         root = mounted.handle;
         nfs.emplace();
     }
@@ -305,7 +306,7 @@ TEST_F(IpcProcessesTest, WritesAreNotified) {
         return ipctest::ReplyInt(static_cast<int>(U32At(message, 1308)));
     });
     const WriteResult written = nfs->Write(disk, 4096, Bytes(1000, 'w'));
-    EXPECT_EQ(0u, written.status);
+    EXPECT_EQ(NFS3_OK, written.status);
     EXPECT_EQ(1000u, written.count) << "the controller's answer";
     const Bytes message = Callback(5);
     EXPECT_EQ(1312u, message.size());
@@ -341,9 +342,9 @@ TEST_F(IpcProcessesTest, WritesOfAClientLibraryThatOthersWroteAreNotified) {
 TEST_F(IpcProcessesTest, AWriteThatTheControllerRefusesFails) {
     const Handle disk = Redirect("disk");
     host.SetAnswer([](const Bytes&) { return ipctest::ReplyInt(-1); });
-    EXPECT_NE(0u, nfs->Write(disk, 0, Bytes(10)).status);
+    EXPECT_NE(NFS3_OK, nfs->Write(disk, 0, Bytes(10)).status);
     host.Stop();
-    EXPECT_NE(0u, nfs->Write(disk, 0, Bytes(10)).status) << "nobody answers";
+    EXPECT_NE(NFS3_OK, nfs->Write(disk, 0, Bytes(10)).status) << "nobody answers";
 }
 
 TEST_F(IpcProcessesTest, AttributesRenamesAndRemovalsAreNotified) {
@@ -351,7 +352,7 @@ TEST_F(IpcProcessesTest, AttributesRenamesAndRemovalsAreNotified) {
     SetAttributes attributes;
     attributes.size = 777;
     attributes.mtime = NfsTime{1234, 0};
-    EXPECT_EQ(0u, nfs->SetAttr(disk, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(disk, attributes).status);
     Bytes message = Callback(2);
     EXPECT_EQ(PathOf("disk"), TextAt(message, 272, 1024));
     EXPECT_EQ(1u, U32At(message, 1296));
@@ -360,12 +361,12 @@ TEST_F(IpcProcessesTest, AttributesRenamesAndRemovalsAreNotified) {
     EXPECT_EQ(1u, U32At(message, 1316));
     EXPECT_EQ(1234u, U32At(message, 1320));
 
-    EXPECT_EQ(0u, nfs->Rename(root, "disk", root, "disk2").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(root, "disk", root, "disk2").status);
     message = Callback(4);
     EXPECT_EQ(PathOf("disk"), TextAt(message, 272, 1024));
     EXPECT_EQ(PathOf("disk2"), TextAt(message, 1296, 1024));
 
-    EXPECT_EQ(0u, nfs->Remove(root, "disk2").status);
+    EXPECT_EQ(NFS3_OK, nfs->Remove(root, "disk2").status);
     message = Callback(3);
     EXPECT_EQ(PathOf("disk2"), TextAt(message, 272, 1024));
 }
@@ -397,7 +398,7 @@ TEST_F(IpcProcessesTest, ARedirectedFileIsMadeUpExportedAndClosed) {
 TEST_F(IpcProcessesTest, CachedDescriptorsAreClosed) {
     for (const char* name : {"a", "b"}) {
         WriteFile(PathOf(name), "data");
-        ASSERT_EQ(0u, nfs->Read(nfs->Lookup(root, name).handle, 0, 4).status);
+        ASSERT_EQ(NFS3_OK, nfs->Read(nfs->Lookup(root, name).handle, 0, 4).status);
     }
     const auto open = [&](const char* name) { return OpenCount(PathOf(name), server.Pid()); };
     ASSERT_EQ(1, open("a"));
@@ -457,7 +458,7 @@ TEST_F(IpcProcessesTest, InfoLinesArriveAsSuch) {
     WriteFile(PathOf("file"), "content");
     const Handle file = nfs->Lookup(root, "file").handle;
     controller.SetLogControl(LOG_CONTROL_FILE_ACCESS);
-    ASSERT_EQ(0u, nfs->Read(file, 0, 7).status);
+    ASSERT_EQ(NFS3_OK, nfs->Read(file, 0, 7).status);
     controller.SetLogControl(0);
     const std::vector<Bytes> messages = host.Take();
     ASSERT_FALSE(messages.empty());

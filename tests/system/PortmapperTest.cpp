@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "Nfs3Types.h"
 #include "support/Nfs3Client.h"
 #include "support/Rpcbind.h"
 #include "support/Server.h"
@@ -66,8 +67,8 @@ TEST(ExternalPortmapperTest, LeavesItThePortAndServesOneAboveTheDefaults) {
     for (const Transport transport : {Transport::Tcp, Transport::Udp}) {
         MountClient mount(transport, 1059);
         const MountResult root = mount.Mnt("vm01");
-        ASSERT_EQ(0u, root.status);
-        EXPECT_EQ(0u, Nfs3Client(transport, 2050).GetAttr(root.handle).status);
+        ASSERT_EQ(MNT3_OK, root.status);
+        EXPECT_EQ(NFS3_OK, Nfs3Client(transport, 2050).GetAttr(root.handle).status);
         mount.Umnt("vm01");
     }
 }

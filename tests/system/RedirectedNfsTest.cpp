@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Nfs3Types.h"
 #include "NfsMain.h"
 #include "RedirectedFixture.h"
 #include "support/Nfs3Client.h"
@@ -64,7 +65,7 @@ protected:
     }
     void Mount() {
         const support::MountResult mounted = support::MountClient().Mnt("vm01");
-        ASSERT_EQ(0u, mounted.status);
+        ASSERT_EQ(support::MNT3_OK, mounted.status);
         rootHandle = mounted.handle;
         nfs.emplace();
     }
@@ -82,7 +83,7 @@ protected:
         support::WriteFile(PathOf(name), "");
         service.OpenRedirectedFile(PathOf(name).c_str(), size, infoFile, 0, 0);
         const support::LookupResult found = nfs->Lookup(rootHandle, name);
-        EXPECT_EQ(0u, found.status);
+        EXPECT_EQ(NFS3_OK, found.status);
         return found.handle;
     }
     void Add(const std::string& source, long long sourceOffset, long long offset,
@@ -125,7 +126,7 @@ constexpr std::uint32_t kIoError = 5;
 TEST_F(MountedRedirectedNfsTest, TheSizeIsThatOfTheObject) {
     const Handle handle = OpenDisk(5'000'000'000);
     const support::AttributesResult result = nfs->GetAttr(handle);
-    ASSERT_EQ(0u, result.status);
+    ASSERT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(5'000'000'000u, result.attributes.size);
     EXPECT_EQ(5'000'000'000u, result.attributes.used);
     EXPECT_EQ(1u, result.attributes.type);
@@ -143,7 +144,7 @@ TEST_F(MountedRedirectedNfsTest, AReadReturnsSegmentsJoined) {
     Add(source, 5'000, 0, 5'000);
     Add(source, 0, 5'000, 5'000);
     const support::ReadResult result = nfs->Read(handle, 4'000, 2'000);
-    ASSERT_EQ(0u, result.status);
+    ASSERT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(2'000u, result.count);
     EXPECT_FALSE(result.eof);
     EXPECT_EQ(ToBytes(data.substr(9'000) + data.substr(0, 1'000)), result.data);
@@ -198,7 +199,7 @@ TEST_F(MountedRedirectedNfsTest, ASourceThatShrinksIsAGapAndATail) {
     Add(source, 0, 100, 100);
     ASSERT_EQ(0, truncate(source.c_str(), 30));
     const support::ReadResult result = nfs->Read(handle, 0, 200);
-    ASSERT_EQ(0u, result.status);
+    ASSERT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(ToBytes(std::string(60, 'a') + Zeros(70)), result.data);
     EXPECT_FALSE(result.eof);
 }
@@ -218,7 +219,7 @@ TEST_F(MountedRedirectedNfsTest, AReadBeyondTheEndFailsUnlessTheEndWasReached) {
     EXPECT_EQ(kInvalid, nfs->Read(handle, 100, 10).status);
     EXPECT_TRUE(nfs->Read(handle, 0, 100).eof);
     const support::ReadResult result = nfs->Read(handle, 100, 10);
-    EXPECT_EQ(0u, result.status);
+    EXPECT_EQ(NFS3_OK, result.status);
     EXPECT_EQ(0u, result.count);
     EXPECT_TRUE(result.eof);
 }
@@ -250,7 +251,7 @@ TEST_F(MountedRedirectedNfsTest, TheCountOfAWriteIsTheAnswerOfTheController) {
     for (const int answer : {4, 3, 0}) {
         Controller().SetAnswer(answer);
         const support::WriteResult result = nfs->Write(handle, 7, ToBytes("1234"));
-        EXPECT_EQ(0u, result.status);
+        EXPECT_EQ(NFS3_OK, result.status);
         EXPECT_EQ(static_cast<std::uint32_t>(answer), result.count);
         EXPECT_EQ(2u, result.committed);
     }
@@ -284,7 +285,7 @@ TEST_F(MountedRedirectedNfsTest, SettingAttributesSucceedsWhateverTheAnswer) {
     attributes.mtimeFromServer = true;
     for (const int answer : {0, -1, 1}) {
         Controller().SetAnswer(answer);
-        EXPECT_EQ(0u, nfs->SetAttr(handle, attributes).status);
+        EXPECT_EQ(NFS3_OK, nfs->SetAttr(handle, attributes).status);
         EXPECT_THAT(Controller().TakeNotifications(),
                     ElementsAre(testing::EndsWith(disk + " size=5 atime=10 mtime=0")));
     }
@@ -294,7 +295,7 @@ TEST_F(MountedRedirectedNfsTest, SettingAttributesSucceedsWhateverTheAnswer) {
 
 TEST_F(MountedRedirectedNfsTest, ARemovalSucceedsWithARealFileAndTheAnswerZero) {
     OpenDisk(100);
-    EXPECT_EQ(0u, nfs->Remove(rootHandle, "disk.img").status);
+    EXPECT_EQ(NFS3_OK, nfs->Remove(rootHandle, "disk.img").status);
     EXPECT_THAT(Controller().TakeNotifications(), ElementsAre(testing::EndsWith(") " + disk)));
     EXPECT_FALSE(FileExists(disk));
     EXPECT_EQ(nullptr, service.GetUtils()->GetRedirectedFile(disk.c_str()));
@@ -312,7 +313,7 @@ TEST_F(MountedRedirectedNfsTest, ARemovalFailsWithAnotherAnswerAlthoughTheFileIs
 
 TEST_F(MountedRedirectedNfsTest, ARemovalWithoutARealFileFailsAndTellsNobody) {
     service.OpenRedirectedFile(disk.c_str(), 100, false, 0, 0);
-    EXPECT_NE(0u, nfs->Remove(rootHandle, "disk.img").status);
+    EXPECT_NE(NFS3_OK, nfs->Remove(rootHandle, "disk.img").status);
     EXPECT_THAT(Controller().TakeNotifications(), IsEmpty());
     EXPECT_NE(nullptr, service.GetUtils()->GetRedirectedFile(disk.c_str()));
 }
@@ -320,7 +321,7 @@ TEST_F(MountedRedirectedNfsTest, ARemovalWithoutARealFileFailsAndTellsNobody) {
 TEST_F(MountedRedirectedNfsTest, ARenameMovesTheObject) {
     const Handle handle = OpenDisk(100);
     Add(MakeSource("source", std::string(100, 'a')), 0, 0, 100);
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "disk.img", rootHandle, "new.img").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "disk.img", rootHandle, "new.img").status);
     EXPECT_THAT(Controller().TakeNotifications(),
                 ElementsAre(testing::EndsWith(disk + " -> " + PathOf("new.img"))));
     EXPECT_TRUE(FileExists(PathOf("new.img")));
@@ -332,7 +333,7 @@ TEST_F(MountedRedirectedNfsTest, ARenameDoesNotMoveTheInfoFilePath) {
     const Handle handle = OpenDisk(100, true);
     Add(MakeSource("source", std::string(100, 'a')), 0, 0, 100);
     EXPECT_EQ(ToBytes(std::string(50, 'a')), nfs->Read(handle, 0, 50).data);
-    EXPECT_EQ(0u, nfs->Rename(rootHandle, "disk.img", rootHandle, "new.img").status);
+    EXPECT_EQ(NFS3_OK, nfs->Rename(rootHandle, "disk.img", rootHandle, "new.img").status);
     EXPECT_EQ(28, SizeOf(PathOf("new.img")));
     EXPECT_EQ(ToBytes(Zeros(50)), nfs->Read(handle, 0, 50).data);
 }
@@ -350,7 +351,7 @@ TEST_F(UncontrolledRedirectedNfsTest, WithoutAControllerOnlyAttributesSucceed) {
     EXPECT_EQ(kInvalid, nfs->Write(handle, 0, ToBytes("1234")).status);
     support::SetAttributes attributes;
     attributes.size = 5;
-    EXPECT_EQ(0u, nfs->SetAttr(handle, attributes).status);
+    EXPECT_EQ(NFS3_OK, nfs->SetAttr(handle, attributes).status);
     EXPECT_EQ(kIoError, nfs->Rename(rootHandle, "disk.img", rootHandle, "new.img").status);
     EXPECT_TRUE(FileExists(PathOf("new.img")));
     EXPECT_EQ(kIoError, nfs->Remove(rootHandle, "new.img").status);
