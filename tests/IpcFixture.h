@@ -34,6 +34,7 @@
 namespace ipctest {
 
 using support::Bytes;
+using support::Hex;
 using support::Milliseconds;
 using Texts = std::vector<std::string>;
 
@@ -43,25 +44,6 @@ inline constexpr int kAllLogBits = 0x3FF;
 // ------------------------------------------------------------------------------------------------
 // Messages
 // ------------------------------------------------------------------------------------------------
-
-// Hexadecimal text in which a long run of zeros is a number.
-inline std::string Hex(const Bytes& bytes) {
-    std::ostringstream text;
-    for (std::size_t i = 0; i < bytes.size();) {
-        std::size_t end = i;
-        while (end < bytes.size() && bytes[end] == 0) {
-            ++end;
-        }
-        if (end - i > 16) {
-            text << "(" << end - i << " zeros) ";
-            i = end;
-        } else {
-            text << support::Hex({bytes[i]}) << ' ';
-            ++i;
-        }
-    }
-    return text.str();
-}
 
 inline void PutU32(Bytes& bytes, std::size_t offset, std::uint32_t value) {
     for (std::size_t i = 0; i < 4; ++i) {

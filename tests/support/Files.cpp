@@ -81,13 +81,21 @@ std::string PatternData(std::size_t size, std::uint64_t seed) {
 
 std::string Hex(const Bytes& bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
+    constexpr std::ptrdiff_t kLongRun = 16;
     std::string text;
-    for (const std::uint8_t byte : bytes) {
+    for (auto byte = bytes.begin(); byte != bytes.end();) {
         if (!text.empty()) {
             text += ' ';
         }
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
+        const auto end = std::find_if(byte, bytes.end(), [](std::uint8_t b) { return b != 0; });
+        if (end - byte > kLongRun) {
+            text += "(" + std::to_string(end - byte) + " zeros)";
+            byte = end;
+        } else {
+            text += kDigits[*byte >> 4];
+            text += kDigits[*byte & 15];
+            ++byte;
+        }
     }
     return text;
 }

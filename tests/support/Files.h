@@ -46,7 +46,8 @@ bool FileExists(const std::string& path);
 // seed: a block that lands in the wrong place is seen when content is compared.
 std::string PatternData(std::size_t size, std::uint64_t seed = 1);
 
-// Lower-case hexadecimal text, a blank between bytes: for failure messages.
+// Lower-case hexadecimal text, a blank between bytes, for failure messages; more than 16 zeros in a
+// row are a number.
 std::string Hex(const Bytes& bytes);
 
 // True as soon as the condition holds; false if it still does not after the time.
