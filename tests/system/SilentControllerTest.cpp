@@ -188,8 +188,10 @@ std::string RunOne(Kind kind, const std::string& id, const std::string& folder, 
     }
     const RunResult result = RunProgram(CommandLine(arguments), input);
     if (!alone && result.status == ExitStatus::Code(1)) {
+        // The last one: the other has removed our socket file as one that an earlier run had left.
         for (const char* text : {"Ipc channel is already created by others.",
-                                 "Fail to bind ipc server socket. Address already in use (98)"}) {
+                                 "Fail to bind ipc server socket. Address already in use (98)",
+                                 "Reason=No such file or directory (2)"}) {
             if (result.output.find(text) != std::string::npos) {
                 return "";
             }
