@@ -14,9 +14,11 @@ public:
     CRecursiveMutex(const CRecursiveMutex&) = delete;
     CRecursiveMutex& operator=(const CRecursiveMutex&) = delete;
 
-private:
-    friend class CRecursiveMutexLock;
+    // Named as the standard's guards want them; code takes a CRecursiveMutexLock.
+    void lock() ACQUIRE() { m_hMutex.lock(); }
+    void unlock() RELEASE() { m_hMutex.unlock(); }
 
+private:
     std::recursive_mutex m_hMutex;
 };
 
@@ -24,13 +26,15 @@ private:
 class SCOPED_CAPABILITY CRecursiveMutexLock {
 public:
     explicit CRecursiveMutexLock(CRecursiveMutex& hMutex) ACQUIRE(hMutex)
-        : m_Lock(hMutex.m_hMutex) {}
-    ~CRecursiveMutexLock() RELEASE() {}
+        : m_hMutex(hMutex) {
+        m_hMutex.lock();
+    }
+    ~CRecursiveMutexLock() RELEASE() { m_hMutex.unlock(); }
     CRecursiveMutexLock(const CRecursiveMutexLock&) = delete;
     CRecursiveMutexLock& operator=(const CRecursiveMutexLock&) = delete;
 
 private:
-    const std::lock_guard<std::recursive_mutex> m_Lock;
+    CRecursiveMutex& m_hMutex;
 };
 
 #endif
