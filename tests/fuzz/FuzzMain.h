@@ -28,7 +28,7 @@ public:
         return Result(pcStatus);
     }
     void StopServer() override {}
-    bool IsServerRunning() override { return m_result; }
+    bool IsServerRunning() const override { return m_result; }
     bool AddMountPoint(const char* path, const char* name, char* pcStatus) override {
         Touch({path, name});
         return Result(pcStatus);
