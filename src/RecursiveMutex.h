@@ -25,8 +25,7 @@ private:
 // Holds a mutex while it lives.
 class SCOPED_CAPABILITY CRecursiveMutexLock {
 public:
-    explicit CRecursiveMutexLock(CRecursiveMutex& hMutex) ACQUIRE(hMutex)
-        : m_hMutex(hMutex) {
+    explicit CRecursiveMutexLock(CRecursiveMutex& hMutex) ACQUIRE(hMutex) : m_hMutex(hMutex) {
         m_hMutex.lock();
     }
     ~CRecursiveMutexLock() RELEASE() { m_hMutex.unlock(); }
