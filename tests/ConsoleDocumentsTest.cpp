@@ -1,14 +1,17 @@
-// The options and commands that the program knows are those that the documents tell of.
+// The options and commands that the program knows, and the files that it is made of, are those that
+// the documents tell of.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "ConsoleCommands.h"
 #include "ConsoleOptions.h"
@@ -18,10 +21,12 @@ using support::ReadFile;
 
 namespace {
 
-std::string Document(const std::string& name) {
+std::string SourcePath(const std::string& name) {
     const char* source = std::getenv("VELOCAST_SOURCE_DIR");
-    return source != nullptr ? ReadFile(std::string(source) + "/" + name) : "";
+    return (source != nullptr ? std::string(source) : "..") + "/" + name;
 }
+
+std::string Document(const std::string& name) { return ReadFile(SourcePath(name)); }
 
 // The first group of each match.
 std::set<std::string> Matches(const std::string& text, const std::string& pattern) {
@@ -91,4 +96,21 @@ TEST(ConsoleDocumentsTest, TheReadmeListsEveryCommandAndNoOther) {
         }
     }
     EXPECT_EQ(commands, listed);
+}
+
+TEST(ConsoleDocumentsTest, TheWalkThroughTheSourcesNamesEveryFileOnceAndNoOther) {
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(SourcePath("src"))) {
+        if (entry.path().extension() == ".h" || entry.path().extension() == ".cpp") {
+            files.insert(entry.path().stem());
+        }
+    }
+    EXPECT_FALSE(files.empty());
+    const std::string text = Document("docs/internals.md");
+    const std::regex bold(R"(\*\*([A-Za-z0-9]+)\*\*)");
+    std::vector<std::string> named;
+    for (std::sregex_iterator match(text.begin(), text.end(), bold), end; match != end; ++match) {
+        named.push_back(match->str(1));
+    }
+    EXPECT_THAT(named, testing::UnorderedElementsAreArray(files));
 }
