@@ -42,7 +42,7 @@ public:
     virtual void LogRaw(CRuntimeParam* pRuntimeParam, char* pcMessage);
     // Tell the controller of a change that a client asked for; its answer, or -1 when there is
     // none. 0 is success; of a write, the answer is the number of bytes that the client is told. No
-    // lock is held while the answer is awaited.
+    // lock of the service object is held while the answer is awaited; the RPC mutex is.
     virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                                   bool bSize, unsigned long long iSize,
                                                   bool bAccessTime, unsigned long lAccessTimeSec,

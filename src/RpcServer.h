@@ -92,7 +92,7 @@ private:
 
     std::array<CRpcProg*, CRpcProg::PROGS> m_pProgTable{};  // index: number minus FIRST_PROG
     // Held for a whole SocketReceived: while a program works, while a controller's answer to its
-    // notification is awaited, and while the reply is sent.  Taken before every other lock.
+    // notification is awaited, and while the reply is sent.  Only m_hMutexServer is outside it.
     CMutex m_hMutex;
     CUtilities* m_pUtilities;
     // The identities are guarded by m_hMutex; the log control may change at any time.

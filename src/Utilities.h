@@ -73,10 +73,10 @@ struct RedirectedFileUse {
 // Two descriptors are locked at once only by the copy of an export, both in one step
 // (std::scoped_lock).  The cache locks the descriptor that it closes, when nobody uses it.
 //
-// Lines are delivered without any of these mutexes, because a sink may call back, or its process
-// may be waiting for an operation of this object.  The exception is an export: its lines, which
-// concern no client's work, come while it goes on, under the registry's mutex and the file's.  The
-// locks of the sinks (the callbacks', the file logger's, standard output's) are leaves.
+// Lines are delivered without these mutexes: a sink may call back, or its process may wait for an
+// operation of this object.  Except: an export's lines come under the registry's mutex and the
+// file's, some lines of file access (log control) under a cached descriptor's lock.  The locks of
+// the sinks (the callbacks', the file logger's, standard output's) are leaves.
 //
 // Failure is reported by result; a pcStatus argument then holds a one-line reason.  pRuntimeParam
 // and pLogArgu are the caller's context and are never null, unless an operation says otherwise.
