@@ -6,19 +6,19 @@
 #include <stdexcept>
 #include <type_traits>
 
-TEST(DataTruncatedExpt, TextTellsWhatIsMissing) {
+TEST(DataTruncatedExptTest, TextTellsWhatIsMissing) {
     EXPECT_STREQ(CDataTruncatedExpt(4, 3).what(), "Data is truncated.Missing 1 data");
     EXPECT_STREQ(CDataTruncatedExpt(1000, 0).what(), "Data is truncated.Missing 1000 data");
 }
 
-TEST(DataTruncatedExpt, TheDifferenceIsUnsigned) {
+TEST(DataTruncatedExptTest, TheDifferenceIsUnsigned) {
     EXPECT_STREQ(CDataTruncatedExpt(0xFFFFFFFF, 0).what(),
                  "Data is truncated.Missing 4294967295 data");
     EXPECT_STREQ(CDataTruncatedExpt(0x80000005, 5).what(),
                  "Data is truncated.Missing 2147483648 data");
 }
 
-TEST(DataTruncatedExpt, IsARuntimeErrorWithAnEmptyMessageOfItsOwn) {
+TEST(DataTruncatedExptTest, IsARuntimeErrorWithAnEmptyMessageOfItsOwn) {
     static_assert(std::is_base_of_v<std::runtime_error, CDataTruncatedExpt>);
     const CDataTruncatedExpt error(8, 6);
     EXPECT_STREQ(error.std::runtime_error::what(), "");
@@ -27,7 +27,7 @@ TEST(DataTruncatedExpt, IsARuntimeErrorWithAnEmptyMessageOfItsOwn) {
     EXPECT_STREQ(base.what(), "Data is truncated.Missing 2 data");
 }
 
-TEST(DataTruncatedExpt, ACopyOutlivesWhatWasThrown) {
+TEST(DataTruncatedExptTest, ACopyOutlivesWhatWasThrown) {
     std::unique_ptr<CDataTruncatedExpt> copy;
     try {
         throw CDataTruncatedExpt(12, 5);

@@ -32,9 +32,9 @@ public:
     }
 };
 
-class DatagramSocket : public testing::Test {
+class DatagramSocketTest : public testing::Test {
 protected:
-    DatagramSocket() { m_server.SetListener(&m_listener); }
+    DatagramSocketTest() { m_server.SetListener(&m_listener); }
 
     void Open(int port = PORT) {
         char reason[STATUS_SIZE] = "";
@@ -68,7 +68,7 @@ protected:
 
 }  // namespace
 
-TEST_F(DatagramSocket, ServesItsPortOnEveryAddress) {
+TEST_F(DatagramSocketTest, ServesItsPortOnEveryAddress) {
     Open();
     EXPECT_EQ(m_server.GetPort(), PORT);
     sockaddr_in own{};
@@ -79,7 +79,7 @@ TEST_F(DatagramSocket, ServesItsPortOnEveryAddress) {
     ExpectEcho(client, 7);
 }
 
-TEST_F(DatagramSocket, TheListenerSeesADatagramSocketOfTheProgram) {
+TEST_F(DatagramSocketTest, TheListenerSeesADatagramSocketOfTheProgram) {
     Open();
     RpcClient client(Transport::Udp, PORT);
     ExpectEcho(client, 7);
@@ -91,7 +91,7 @@ TEST_F(DatagramSocket, TheListenerSeesADatagramSocketOfTheProgram) {
     EXPECT_EQ(socket->GetRemotePort(), client.LocalPort());
 }
 
-TEST_F(DatagramSocket, EachReplyGoesToTheSenderOfTheDatagramJustReceived) {
+TEST_F(DatagramSocketTest, EachReplyGoesToTheSenderOfTheDatagramJustReceived) {
     Open();
     RpcClient first(Transport::Udp, PORT);
     RpcClient second(Transport::Udp, PORT);
@@ -100,7 +100,7 @@ TEST_F(DatagramSocket, EachReplyGoesToTheSenderOfTheDatagramJustReceived) {
     }
 }
 
-TEST_F(DatagramSocket, AnEmptyDatagramDoesNotEndTheService) {
+TEST_F(DatagramSocketTest, AnEmptyDatagramDoesNotEndTheService) {
     Open();
     RpcClient client(Transport::Udp, PORT);
     client.SendRaw({});
@@ -109,7 +109,7 @@ TEST_F(DatagramSocket, AnEmptyDatagramDoesNotEndTheService) {
     EXPECT_EQ(m_listener.Rounds(), 1u);
 }
 
-TEST_F(DatagramSocket, APortInUseIsRefused) {
+TEST_F(DatagramSocketTest, APortInUseIsRefused) {
     Open();
     const std::size_t fds = support::OpenFds().size();
     const std::size_t threads = ThreadCount();
@@ -124,7 +124,7 @@ TEST_F(DatagramSocket, APortInUseIsRefused) {
     ExpectEcho(client, 7);
 }
 
-TEST_F(DatagramSocket, NoAddressReuse) {
+TEST_F(DatagramSocketTest, NoAddressReuse) {
     Open();
     for (const int option : {SO_REUSEADDR, SO_REUSEPORT}) {
         int value = -1;
@@ -134,7 +134,7 @@ TEST_F(DatagramSocket, NoAddressReuse) {
     }
 }
 
-TEST_F(DatagramSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
+TEST_F(DatagramSocketTest, WithoutADescriptorTheReasonTellsOfTheCreation) {
     Open();  // sanitizers need descriptors when they see a class for the first time
     m_server.Close();
     rlimit before{};
@@ -150,7 +150,7 @@ TEST_F(DatagramSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
     Open();
 }
 
-TEST_F(DatagramSocket, WithoutAReceiveThreadTheOpeningFails) {
+TEST_F(DatagramSocketTest, WithoutAReceiveThreadTheOpeningFails) {
     (void)ThreadCount();  // before the creation of threads fails
     const std::size_t fds = support::OpenFds().size();
     faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
@@ -167,7 +167,7 @@ TEST_F(DatagramSocket, WithoutAReceiveThreadTheOpeningFails) {
 }
 
 // Every port is served over TCP and UDP: six threads of three programs.
-TEST_F(DatagramSocket, TheServiceDoesNotStartWithoutOneOfItsThreads) {
+TEST_F(DatagramSocketTest, TheServiceDoesNotStartWithoutOneOfItsThreads) {
     Service service;
     char reason[STATUS_SIZE] = "";
     ASSERT_TRUE(service.Initial(reason)) << reason;
@@ -185,7 +185,7 @@ TEST_F(DatagramSocket, TheServiceDoesNotStartWithoutOneOfItsThreads) {
     EXPECT_NE(Descriptor(), -1);
 }
 
-TEST_F(DatagramSocket, OpeningAgainClosesWhatWasOpen) {
+TEST_F(DatagramSocketTest, OpeningAgainClosesWhatWasOpen) {
     Open(2050);
     const std::size_t fds = support::OpenFds().size();
     const std::size_t threads = ThreadCount();
@@ -199,7 +199,7 @@ TEST_F(DatagramSocket, OpeningAgainClosesWhatWasOpen) {
     EXPECT_TRUE(other.Open(PROGRAM, 2050, &m_utilities, nullptr));
 }
 
-TEST_F(DatagramSocket, CloseWakesAndJoinsTheReceivingThread) {
+TEST_F(DatagramSocketTest, CloseWakesAndJoinsTheReceivingThread) {
     const std::size_t fds = support::OpenFds().size();
     const std::size_t threads = ThreadCount();
     Open();
@@ -210,7 +210,7 @@ TEST_F(DatagramSocket, CloseWakesAndJoinsTheReceivingThread) {
     EXPECT_EQ(Descriptor(), -1);
 }
 
-TEST_F(DatagramSocket, CloseMayBeRepeatedAndThePortOpenedAgain) {
+TEST_F(DatagramSocketTest, CloseMayBeRepeatedAndThePortOpenedAgain) {
     m_server.Close();
     RpcClient client(Transport::Udp, PORT);
     for (std::uint8_t i = 0; i < 20; ++i) {
@@ -221,7 +221,7 @@ TEST_F(DatagramSocket, CloseMayBeRepeatedAndThePortOpenedAgain) {
     }
 }
 
-TEST_F(DatagramSocket, DestructionCloses) {
+TEST_F(DatagramSocketTest, DestructionCloses) {
     const std::size_t fds = support::OpenFds().size();
     const std::size_t threads = ThreadCount();
     {
@@ -233,7 +233,7 @@ TEST_F(DatagramSocket, DestructionCloses) {
     EXPECT_EQ(support::OpenFds().size(), fds);
 }
 
-TEST_F(DatagramSocket, DescriptorsAbove1023AreServed) {
+TEST_F(DatagramSocketTest, DescriptorsAbove1023AreServed) {
     std::vector<int> fillers;
     while (fillers.empty() || fillers.back() < 1100) {
         fillers.push_back(dup(STDOUT_FILENO));

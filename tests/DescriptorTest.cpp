@@ -14,13 +14,13 @@ int OpenNull() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-TEST(Descriptor, StartsWithoutOne) {
+TEST(DescriptorTest, StartsWithoutOne) {
     const CDescriptor none;
     EXPECT_FALSE(none.IsOpen());
     EXPECT_EQ(-1, none.Get());
 }
 
-TEST(Descriptor, ClosesAtItsEnd) {
+TEST(DescriptorTest, ClosesAtItsEnd) {
     const int fd = OpenNull();
     {
         const CDescriptor owner(fd);
@@ -31,7 +31,7 @@ TEST(Descriptor, ClosesAtItsEnd) {
     EXPECT_FALSE(IsOpen(fd));
 }
 
-TEST(Descriptor, AMoveHandsItOn) {
+TEST(DescriptorTest, AMoveHandsItOn) {
     const int fd = OpenNull();
     CDescriptor first(fd);
     {
@@ -42,7 +42,7 @@ TEST(Descriptor, AMoveHandsItOn) {
     EXPECT_FALSE(IsOpen(fd));
 }
 
-TEST(Descriptor, AnAssignmentClosesWhatWasThere) {
+TEST(DescriptorTest, AnAssignmentClosesWhatWasThere) {
     const int fdOld = OpenNull();
     const int fdNew = OpenNull();
     CDescriptor owner(fdOld);
@@ -52,7 +52,7 @@ TEST(Descriptor, AnAssignmentClosesWhatWasThere) {
     EXPECT_EQ(fdNew, owner.Get());
 }
 
-TEST(Descriptor, AssignedToItselfItStaysOpen) {
+TEST(DescriptorTest, AssignedToItselfItStaysOpen) {
     const int fd = OpenNull();
     CDescriptor owner(fd);
     CDescriptor& same = owner;
@@ -61,7 +61,7 @@ TEST(Descriptor, AssignedToItselfItStaysOpen) {
     EXPECT_TRUE(IsOpen(fd));
 }
 
-TEST(Descriptor, ReleasedItStaysOpen) {
+TEST(DescriptorTest, ReleasedItStaysOpen) {
     const int fd = OpenNull();
     {
         CDescriptor owner(fd);
@@ -72,7 +72,7 @@ TEST(Descriptor, ReleasedItStaysOpen) {
     close(fd);
 }
 
-TEST(Descriptor, ClosingKeepsErrno) {
+TEST(DescriptorTest, ClosingKeepsErrno) {
     CDescriptor owner(OpenNull());
     const int fd = owner.Get();
     close(fd);  // the owner's own close now fails with EBADF

@@ -46,7 +46,7 @@ std::vector<std::string> TextsOf(const std::string& sPath) {
     return vLines;
 }
 
-class FileLogger : public ::testing::Test {
+class FileLoggerTest : public ::testing::Test {
 protected:
     support::ScopedTempDir m_Dir;
     const std::string m_sLog = m_Dir / "log";
@@ -57,7 +57,7 @@ protected:
 
 // --- Lines ---
 
-TEST_F(FileLogger, WritesTimeTypeAndText) {
+TEST_F(FileLoggerTest, WritesTimeTypeAndText) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.LogInfo("first"));
@@ -66,7 +66,7 @@ TEST_F(FileLogger, WritesTimeTypeAndText) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre("[info] first", "[error] second", " third"));
 }
 
-TEST_F(FileLogger, TheTimeIsTheLocalTimeOfTheWriting) {
+TEST_F(FileLoggerTest, TheTimeIsTheLocalTimeOfTheWriting) {
     ASSERT_EQ(0, setenv("TZ", "XYZ-5:30", 1));
     tzset();
     faults::SetTime(1'700'000'000);  // 2023/11/14 22:13:20 UTC
@@ -80,14 +80,14 @@ TEST_F(FileLogger, TheTimeIsTheLocalTimeOfTheWriting) {
     tzset();
 }
 
-TEST_F(FileLogger, TextIsNotTakenForAFormat) {
+TEST_F(FileLoggerTest, TextIsNotTakenForAFormat) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.LogInfo("100%s %n"));
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre("[info] 100%s %n"));
 }
 
-TEST_F(FileLogger, ALineIsCutTo2048CharactersAndStillEnds) {
+TEST_F(FileLoggerTest, ALineIsCutTo2048CharactersAndStillEnds) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.LogInfo(std::string(5000, 'x').c_str()));
@@ -99,7 +99,7 @@ TEST_F(FileLogger, ALineIsCutTo2048CharactersAndStillEnds) {
     EXPECT_THAT(vLines[0], EndsWith("xxx"));
 }
 
-TEST_F(FileLogger, AWriteThatFailsIsNotDelivered) {
+TEST_F(FileLoggerTest, AWriteThatFailsIsNotDelivered) {
     CFileLogger logger("/dev/full");
     ASSERT_TRUE(logger.Open(0));
     CaptureStdout();
@@ -109,7 +109,7 @@ TEST_F(FileLogger, AWriteThatFailsIsNotDelivered) {
     GetCapturedStdout();
 }
 
-TEST_F(FileLogger, ALineIsDeliveredDespiteAnInterruptingSignal) {
+TEST_F(FileLoggerTest, ALineIsDeliveredDespiteAnInterruptingSignal) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     faults::Fail(faults::Call::Write, EINTR, 2);
@@ -119,7 +119,7 @@ TEST_F(FileLogger, ALineIsDeliveredDespiteAnInterruptingSignal) {
 
 // --- Opening and closing ---
 
-TEST_F(FileLogger, NothingIsCreatedBeforeOpen) {
+TEST_F(FileLoggerTest, NothingIsCreatedBeforeOpen) {
     CFileLogger logger(m_sLog.c_str());
     EXPECT_FALSE(support::FileExists(m_sLog));
     EXPECT_FALSE(logger.LogInfo("x"));
@@ -128,7 +128,7 @@ TEST_F(FileLogger, NothingIsCreatedBeforeOpen) {
     EXPECT_FALSE(support::FileExists(m_sLog));
 }
 
-TEST_F(FileLogger, MissingParentsAreCreatedWithMode0755) {
+TEST_F(FileLoggerTest, MissingParentsAreCreatedWithMode0755) {
     const CFileMask mask(0);
     const std::string sLog = m_Dir / "a/b/c/log";
     CFileLogger logger(sLog.c_str());
@@ -141,7 +141,7 @@ TEST_F(FileLogger, MissingParentsAreCreatedWithMode0755) {
     EXPECT_THAT(TextsOf(sLog), ElementsAre("[info] x"));
 }
 
-TEST_F(FileLogger, AnExistingFileIsAppended) {
+TEST_F(FileLoggerTest, AnExistingFileIsAppended) {
     support::WriteFile(m_sLog, "[2020/01/01 00:00:00] old\n");
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
@@ -149,7 +149,7 @@ TEST_F(FileLogger, AnExistingFileIsAppended) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" old", " new"));
 }
 
-TEST_F(FileLogger, AppendingGoesToTheEndWhateverOthersAdd) {
+TEST_F(FileLoggerTest, AppendingGoesToTheEndWhateverOthersAdd) {
     support::WriteFile(m_sLog, "");
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
@@ -159,14 +159,14 @@ TEST_F(FileLogger, AppendingGoesToTheEndWhateverOthersAdd) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" one", " foreign", " two"));
 }
 
-TEST_F(FileLogger, OpeningTwiceUsesOneDescriptor) {
+TEST_F(FileLoggerTest, OpeningTwiceUsesOneDescriptor) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.Open(0));
     EXPECT_EQ(1, OpenCount(m_sLog));
 }
 
-TEST_F(FileLogger, CloseEndsDeliveryUntilTheNextOpen) {
+TEST_F(FileLoggerTest, CloseEndsDeliveryUntilTheNextOpen) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_TRUE(logger.LogRaw("one"));
@@ -179,7 +179,7 @@ TEST_F(FileLogger, CloseEndsDeliveryUntilTheNextOpen) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" one", " two"));
 }
 
-TEST_F(FileLogger, TheDestructorClosesTheFile) {
+TEST_F(FileLoggerTest, TheDestructorClosesTheFile) {
     {
         CFileLogger logger(m_sLog.c_str());
         ASSERT_TRUE(logger.Open(0));
@@ -188,7 +188,7 @@ TEST_F(FileLogger, TheDestructorClosesTheFile) {
     EXPECT_EQ(0, OpenCount(m_sLog));
 }
 
-TEST_F(FileLogger, AFailedOpenIsReportedOnTheConsole) {
+TEST_F(FileLoggerTest, AFailedOpenIsReportedOnTheConsole) {
     support::WriteFile(m_Dir / "file", "");
     const std::string sLog = m_Dir / "file/log";
     CFileLogger logger(sLog.c_str());
@@ -202,7 +202,7 @@ TEST_F(FileLogger, AFailedOpenIsReportedOnTheConsole) {
     EXPECT_FALSE(logger.LogInfo("x"));
 }
 
-TEST_F(FileLogger, AParentThatCannotBeCreatedIsTheReason) {
+TEST_F(FileLoggerTest, AParentThatCannotBeCreatedIsTheReason) {
     CFileLogger logger("/proc/none/log");
     CaptureStdout();
     EXPECT_FALSE(logger.Open(0));
@@ -211,7 +211,7 @@ TEST_F(FileLogger, AParentThatCannotBeCreatedIsTheReason) {
                          "Reason=No such file or directory (2)\n"));
 }
 
-TEST_F(FileLogger, AnOpenMayBeTriedAgain) {
+TEST_F(FileLoggerTest, AnOpenMayBeTriedAgain) {
     support::WriteFile(m_Dir / "file", "");
     CFileLogger logger((m_Dir / "file/log").c_str());
     CaptureStdout();
@@ -222,7 +222,7 @@ TEST_F(FileLogger, AnOpenMayBeTriedAgain) {
     EXPECT_TRUE(logger.LogRaw("x"));
 }
 
-TEST_F(FileLogger, TheCallersCategoriesHoldForTheOpeningOnly) {
+TEST_F(FileLoggerTest, TheCallersCategoriesHoldForTheOpeningOnly) {
     const std::string sLog = m_Dir / "sub/log";
     CFileLogger logger(sLog.c_str());
     CaptureStdout();
@@ -238,7 +238,7 @@ TEST_F(FileLogger, TheCallersCategoriesHoldForTheOpeningOnly) {
     EXPECT_EQ("", GetCapturedStdout()) << "writing and closing are not announced any more";
 }
 
-TEST_F(FileLogger, WithoutCategoriesTheOpeningIsSilent) {
+TEST_F(FileLoggerTest, WithoutCategoriesTheOpeningIsSilent) {
     CFileLogger logger((m_Dir / "sub/log").c_str());
     CaptureStdout();
     EXPECT_TRUE(logger.Open(0));
@@ -247,12 +247,12 @@ TEST_F(FileLogger, WithoutCategoriesTheOpeningIsSilent) {
 
 // --- Rotation ---
 
-TEST_F(FileLogger, TheDefaultLimitIs32MiB) {
+TEST_F(FileLoggerTest, TheDefaultLimitIs32MiB) {
     CFileLogger logger(m_sLog.c_str());
     EXPECT_EQ(33'554'432, logger.GetMaxLogSize());
 }
 
-TEST_F(FileLogger, ALimitOfZeroOrLessIsIgnored) {
+TEST_F(FileLoggerTest, ALimitOfZeroOrLessIsIgnored) {
     CFileLogger logger(m_sLog.c_str());
     logger.SetMaxLogSize(0);
     EXPECT_EQ(33'554'432, logger.GetMaxLogSize());
@@ -265,7 +265,7 @@ TEST_F(FileLogger, ALimitOfZeroOrLessIsIgnored) {
     EXPECT_EQ(1, logger.GetMaxLogSize());
 }
 
-TEST_F(FileLogger, AFileThatHasReachedTheLimitIsSetAsideBeforeTheNextLine) {
+TEST_F(FileLoggerTest, AFileThatHasReachedTheLimitIsSetAsideBeforeTheNextLine) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(TIME_SIZE + 5);  // exactly the line " one\n"
@@ -276,7 +276,7 @@ TEST_F(FileLogger, AFileThatHasReachedTheLimitIsSetAsideBeforeTheNextLine) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" two"));
 }
 
-TEST_F(FileLogger, AFileOneByteBelowTheLimitIsNotSetAside) {
+TEST_F(FileLoggerTest, AFileOneByteBelowTheLimitIsNotSetAside) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(TIME_SIZE + 6);
@@ -286,7 +286,7 @@ TEST_F(FileLogger, AFileOneByteBelowTheLimitIsNotSetAside) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" one", " two"));
 }
 
-TEST_F(FileLogger, RotationSkipsNamesThatExist) {
+TEST_F(FileLoggerTest, RotationSkipsNamesThatExist) {
     support::WriteFile(m_sLog + ".1", "mine");
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
@@ -298,7 +298,7 @@ TEST_F(FileLogger, RotationSkipsNamesThatExist) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" two"));
 }
 
-TEST_F(FileLogger, RotatedFilesAreNumberedUpwardsAndKept) {
+TEST_F(FileLoggerTest, RotatedFilesAreNumberedUpwardsAndKept) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(1);
@@ -311,7 +311,7 @@ TEST_F(FileLogger, RotatedFilesAreNumberedUpwardsAndKept) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" four"));
 }
 
-TEST_F(FileLogger, ANumberIsNotUsedAgainByTheSameLogger) {
+TEST_F(FileLoggerTest, ANumberIsNotUsedAgainByTheSameLogger) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(1);
@@ -323,7 +323,7 @@ TEST_F(FileLogger, ANumberIsNotUsedAgainByTheSameLogger) {
     EXPECT_THAT(TextsOf(m_sLog + ".2"), ElementsAre(" two"));
 }
 
-TEST_F(FileLogger, ANewLoggerTakesTheFirstUnusedNumber) {
+TEST_F(FileLoggerTest, ANewLoggerTakesTheFirstUnusedNumber) {
     support::WriteFile(m_sLog + ".1", "1");
     support::WriteFile(m_sLog + ".2", "2");
     support::WriteFile(m_sLog + ".4", "4");
@@ -338,7 +338,7 @@ TEST_F(FileLogger, ANewLoggerTakesTheFirstUnusedNumber) {
     EXPECT_THAT(TextsOf(m_sLog + ".5"), ElementsAre(" two"));
 }
 
-TEST_F(FileLogger, AnOldFileIsMeasuredFromItsFirstNewLineOn) {
+TEST_F(FileLoggerTest, AnOldFileIsMeasuredFromItsFirstNewLineOn) {
     // The descriptor stands at 0 until something has been appended.
     support::WriteFile(m_sLog, std::string(100, 'x') + "\n");
     CFileLogger logger(m_sLog.c_str());
@@ -351,7 +351,7 @@ TEST_F(FileLogger, AnOldFileIsMeasuredFromItsFirstNewLineOn) {
     EXPECT_THAT(TextsOf(m_sLog), ElementsAre(" two"));
 }
 
-TEST_F(FileLogger, ARotationThatCannotRenameSendsLaterLinesToTheConsole) {
+TEST_F(FileLoggerTest, ARotationThatCannotRenameSendsLaterLinesToTheConsole) {
     // The longest possible name leaves no room for a number.
     const std::string sLog = m_Dir / std::string(NAME_MAX, 'l');
     CFileLogger logger(sLog.c_str());
@@ -374,7 +374,7 @@ TEST_F(FileLogger, ARotationThatCannotRenameSendsLaterLinesToTheConsole) {
     EXPECT_THAT(TextsOf(sLog), ElementsAre(" one"));
 }
 
-TEST_F(FileLogger, ARotationThatCannotCreateSendsLaterLinesToTheConsole) {
+TEST_F(FileLoggerTest, ARotationThatCannotCreateSendsLaterLinesToTheConsole) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(1);
@@ -390,7 +390,7 @@ TEST_F(FileLogger, ARotationThatCannotCreateSendsLaterLinesToTheConsole) {
     EXPECT_FALSE(support::FileExists(m_sLog));
 }
 
-TEST_F(FileLogger, ARotationThatCannotCloseKeepsTheFileAndTriesAgain) {
+TEST_F(FileLoggerTest, ARotationThatCannotCloseKeepsTheFileAndTriesAgain) {
     CFileLogger logger(m_sLog.c_str());
     ASSERT_TRUE(logger.Open(0));
     logger.SetMaxLogSize(1);
@@ -409,7 +409,7 @@ TEST_F(FileLogger, ARotationThatCannotCloseKeepsTheFileAndTriesAgain) {
 
 // --- Threads ---
 
-TEST_F(FileLogger, LinesOfManyThreadsNeverInterleaveAlsoAcrossRotations) {
+TEST_F(FileLoggerTest, LinesOfManyThreadsNeverInterleaveAlsoAcrossRotations) {
     constexpr int THREADS = 4;
     constexpr int LINES = 400;
     CFileLogger logger(m_sLog.c_str());
@@ -445,7 +445,7 @@ TEST_F(FileLogger, LinesOfManyThreadsNeverInterleaveAlsoAcrossRotations) {
     EXPECT_GT(iFiles, 5u) << "the run has to reach rotations to mean something";
 }
 
-TEST_F(FileLogger, OpeningAndClosingMayRunBesideWriters) {
+TEST_F(FileLoggerTest, OpeningAndClosingMayRunBesideWriters) {
     CFileLogger logger(m_sLog.c_str());
     std::atomic<int> iDelivered{0};
     std::vector<std::thread> vThreads;

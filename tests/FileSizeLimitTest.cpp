@@ -159,7 +159,7 @@ TEST_F(FileSizeLimitTest, ALogFileTakesNoMoreLines) {
     EXPECT_EQ(4096, SizeOf(dir / "log"));
 }
 
-TEST(FileSizeLimitOfTheProgram, AWriteAndASizeBeyondItAreInvalidAndTheProgramGoesOn) {
+TEST(FileSizeLimitOfTheProgramTest, AWriteAndASizeBeyondItAreInvalidAndTheProgramGoesOn) {
     const support::ScopedTempDir folder;
     support::Server server({.logControl = LOG_CONTROL_ERROR,
                             .arguments = {"-logfile", folder / "log"},
@@ -183,7 +183,7 @@ TEST(FileSizeLimitOfTheProgram, AWriteAndASizeBeyondItAreInvalidAndTheProgramGoe
     EXPECT_EQ(3u, nfs.Write(file, 0, support::Bytes(3)).count);
 }
 
-TEST(FileSizeLimitOfTheProgram, OutputThatGoesToAFullFileDoesNotEndIt) {
+TEST(FileSizeLimitOfTheProgramTest, OutputThatGoesToAFullFileDoesNotEndIt) {
     const support::ScopedTempDir folder;
     // 1,024 bytes, which the list of commands exceeds after a few times.
     support::Process program({"bash", "-c", "ulimit -f 1; exec \"$VELOCAST_NFS\" >out"},

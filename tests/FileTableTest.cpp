@@ -31,19 +31,19 @@ std::uint32_t FindID(CFileTable* pTable, const std::string& sPath) {
 
 }  // namespace
 
-TEST(FileTable, TheFirstPathGetsIdZero) {
+TEST(FileTableTest, TheFirstPathGetsIdZero) {
     CFileTable table;
     EXPECT_EQ(0u, table.GetIDByPath("/export"));
 }
 
-TEST(FileTable, IdsCountUpWithoutGapsAcrossBuckets) {
+TEST(FileTableTest, IdsCountUpWithoutGapsAcrossBuckets) {
     CFileTable table;
     for (std::uint32_t i = 0; i < 3000; ++i) {
         ASSERT_EQ(i, table.GetIDByPath(Numbered("/f", i).c_str()));
     }
 }
 
-TEST(FileTable, Path1025IsRowZeroOfTheSecondBucket) {
+TEST(FileTableTest, Path1025IsRowZeroOfTheSecondBucket) {
     CFileTable table;
     AddRows(&table, "/f", 1024);
     EXPECT_EQ(1024u, table.GetIDByPath("/f1024"));
@@ -52,7 +52,7 @@ TEST(FileTable, Path1025IsRowZeroOfTheSecondBucket) {
     EXPECT_EQ("/f1023", table.GetItemByID(1023)->sPath);
 }
 
-TEST(FileTable, TheSamePathKeepsItsId) {
+TEST(FileTableTest, TheSamePathKeepsItsId) {
     CFileTable table;
     AddRows(&table, "/f", 2000);
     EXPECT_EQ(1500u, table.GetIDByPath("/f1500"));
@@ -60,13 +60,13 @@ TEST(FileTable, TheSamePathKeepsItsId) {
     EXPECT_EQ(2000u, table.GetIDByPath("/next"));
 }
 
-TEST(FileTable, LetterCaseMakesAnotherPath) {
+TEST(FileTableTest, LetterCaseMakesAnotherPath) {
     CFileTable table;
     EXPECT_EQ(0u, table.GetIDByPath("/export/Disk"));
     EXPECT_EQ(1u, table.GetIDByPath("/export/disk"));
 }
 
-TEST(FileTable, BytesOutsideAsciiAreComparedAsTheyAre) {
+TEST(FileTableTest, BytesOutsideAsciiAreComparedAsTheyAre) {
     CFileTable table;
     EXPECT_EQ(0u, table.GetIDByPath("/\xC3\xA4"));
     EXPECT_EQ(1u, table.GetIDByPath("/a\xCC\x88"));
@@ -74,7 +74,7 @@ TEST(FileTable, BytesOutsideAsciiAreComparedAsTheyAre) {
     EXPECT_EQ(0u, table.GetIDByPath("/\xC3\xA4"));
 }
 
-TEST(FileTable, ANullPathHasNoRow) {
+TEST(FileTableTest, ANullPathHasNoRow) {
     CFileTable table;
     EXPECT_EQ(0xFFFFFFFFu, table.GetIDByPath(nullptr));
     EXPECT_EQ(nullptr, table.AddItem(nullptr));
@@ -82,14 +82,14 @@ TEST(FileTable, ANullPathHasNoRow) {
     EXPECT_EQ(0u, table.GetIDByPath("/first")) << "no row was made";
 }
 
-TEST(FileTable, AddItemAppendsEvenWhatIsThere) {
+TEST(FileTableTest, AddItemAppendsEvenWhatIsThere) {
     CFileTable table;
     EXPECT_EQ(0u, table.AddItem("/twice")->iID);
     EXPECT_EQ(1u, table.AddItem("/twice")->iID);
     EXPECT_EQ(0u, FindID(&table, "/twice"));
 }
 
-TEST(FileTable, RowsKeepTheirPlaceWhileTheTableGrows) {
+TEST(FileTableTest, RowsKeepTheirPlaceWhileTheTableGrows) {
     CFileTable table;
     const FileItem* pFirst = table.AddItem("/first");
     AddRows(&table, "/f", 5000);
@@ -97,7 +97,7 @@ TEST(FileTable, RowsKeepTheirPlaceWhileTheTableGrows) {
     EXPECT_EQ("/first", pFirst->sPath);
 }
 
-TEST(FileTable, IdsBeyondTheLastRowHaveNoItem) {
+TEST(FileTableTest, IdsBeyondTheLastRowHaveNoItem) {
     CFileTable table;
     EXPECT_EQ(nullptr, table.GetItemByID(0)) << "no bucket at all";
     AddRows(&table, "/f", 1025);
@@ -108,13 +108,13 @@ TEST(FileTable, IdsBeyondTheLastRowHaveNoItem) {
     }
 }
 
-TEST(FileTable, AFindDoesNotAddARow) {
+TEST(FileTableTest, AFindDoesNotAddARow) {
     CFileTable table;
     EXPECT_EQ(nullptr, table.FindItemByPath("/unknown"));
     EXPECT_EQ(0u, table.GetIDByPath("/first"));
 }
 
-TEST(FileTable, ThePathMustBeShorterThanTheBuffer) {
+TEST(FileTableTest, ThePathMustBeShorterThanTheBuffer) {
     CFileTable table;
     table.AddItem("/1234");
     char cBuf[8];
@@ -129,7 +129,7 @@ TEST(FileTable, ThePathMustBeShorterThanTheBuffer) {
     EXPECT_EQ('#', cBuf[6]);
 }
 
-TEST(FileTable, APathAsLongAsTheProtocolBufferIsNotCopied) {
+TEST(FileTableTest, APathAsLongAsTheProtocolBufferIsNotCopied) {
     CFileTable table;
     const std::string sLong = "/" + std::string(4095, 'x');
     const std::string sFits = "/" + std::string(4094, 'x');
@@ -142,14 +142,14 @@ TEST(FileTable, APathAsLongAsTheProtocolBufferIsNotCopied) {
     EXPECT_EQ(sFits, cBuf);
 }
 
-TEST(FileTable, ANullBufferAsksWhetherTheIdExists) {
+TEST(FileTableTest, ANullBufferAsksWhetherTheIdExists) {
     CFileTable table;
     table.AddItem("/a");
     EXPECT_TRUE(table.GetPathByID(0, nullptr, 0));
     EXPECT_FALSE(table.GetPathByID(1, nullptr, 4096));
 }
 
-TEST(FileTable, MatchingNeedsLengthAndBytesToBeEqual) {
+TEST(FileTableTest, MatchingNeedsLengthAndBytesToBeEqual) {
     const FileItem item{"/abc", 0};
     EXPECT_TRUE(CFileTable::IsMatchItem(&item, "/abc", 4));
     EXPECT_FALSE(CFileTable::IsMatchItem(&item, "/abd", 4));
@@ -160,7 +160,7 @@ TEST(FileTable, MatchingNeedsLengthAndBytesToBeEqual) {
     EXPECT_FALSE(CFileTable::IsMatchItem(&item, nullptr, 4));
 }
 
-TEST(FileTable, ARenameKeepsTheId) {
+TEST(FileTableTest, ARenameKeepsTheId) {
     CFileTable table;
     table.AddItem("/a");
     table.AddItem("/b");
@@ -171,7 +171,7 @@ TEST(FileTable, ARenameKeepsTheId) {
     EXPECT_EQ(2u, table.GetIDByPath("/b")) << "the old path is a new one now";
 }
 
-TEST(FileTable, ARenameNeedsBothPathsAndARow) {
+TEST(FileTableTest, ARenameNeedsBothPathsAndARow) {
     CFileTable table;
     table.AddItem("/a");
     EXPECT_FALSE(table.UpdateItemPath(nullptr, "/b"));
@@ -181,7 +181,7 @@ TEST(FileTable, ARenameNeedsBothPathsAndARow) {
     EXPECT_EQ("/a", table.GetItemByID(0)->sPath);
 }
 
-TEST(FileTable, ARenamedFolderLeavesTheRowsBelowIt) {
+TEST(FileTableTest, ARenamedFolderLeavesTheRowsBelowIt) {
     CFileTable table;
     table.AddItem("/d");
     table.AddItem("/d/f");
@@ -190,7 +190,7 @@ TEST(FileTable, ARenamedFolderLeavesTheRowsBelowIt) {
     EXPECT_EQ(FILE_ID_NONE, FindID(&table, "/e/f"));
 }
 
-TEST(FileTable, ATakenPlaceIsNotThatOfTheRowLeftBehind) {
+TEST(FileTableTest, ATakenPlaceIsNotThatOfTheRowLeftBehind) {
     CFileTable table;
     table.AddItem("/d/f");
     table.AddItem("/d2/f");
@@ -210,7 +210,7 @@ TEST(FileTable, ATakenPlaceIsNotThatOfTheRowLeftBehind) {
     EXPECT_EQ("/x", table.GetItemByID(2)->sPath);
 }
 
-TEST(FileTable, ARowLeftBehindCountsAgainWhenItsObjectIsBack) {
+TEST(FileTableTest, ARowLeftBehindCountsAgainWhenItsObjectIsBack) {
     CFileTable table;
     table.AddItem("/d/f");
     table.AddItem("/d/g/h");
@@ -227,7 +227,7 @@ TEST(FileTable, ARowLeftBehindCountsAgainWhenItsObjectIsBack) {
     EXPECT_EQ(1u, table.GetIDByPath("/d/g/h", true));
 }
 
-TEST(FileTable, ARowThatIsRenamedByItsPathIsNotLeftBehind) {
+TEST(FileTableTest, ARowThatIsRenamedByItsPathIsNotLeftBehind) {
     CFileTable table;
     table.AddItem("/d/f");
     table.LeaveBehind("/d", "/e", true);
@@ -235,7 +235,7 @@ TEST(FileTable, ARowThatIsRenamedByItsPathIsNotLeftBehind) {
     EXPECT_FALSE(table.IsLeftBehind(0));
 }
 
-TEST(FileTable, ARowKeepsItsPathWhenItsFileIsLeftToMoveAlone) {
+TEST(FileTableTest, ARowKeepsItsPathWhenItsFileIsLeftToMoveAlone) {
     CFileTable table;
     table.AddItem("/f");
     table.AddItem("/f/below");
@@ -248,7 +248,7 @@ TEST(FileTable, ARowKeepsItsPathWhenItsFileIsLeftToMoveAlone) {
     EXPECT_FALSE(table.IsLeftBehind(0));
 }
 
-TEST(FileTable, ClearStartsFromZeroAndForgetsEverything) {
+TEST(FileTableTest, ClearStartsFromZeroAndForgetsEverything) {
     CFileTable table;
     AddRows(&table, "/f", 1500);
     EXPECT_EQ(7u, FindID(&table, "/f7"));  // cached
@@ -261,7 +261,7 @@ TEST(FileTable, ClearStartsFromZeroAndForgetsEverything) {
 
 // --- Duplicates: renames may give several rows one path ---
 
-TEST(FileTableDuplicates, TheOldestCacheEntryWinsOverALowerRow) {
+TEST(FileTableDuplicatesTest, TheOldestCacheEntryWinsOverALowerRow) {
     CFileTable table;
     table.AddItem("/a");
     table.AddItem("/b");
@@ -270,7 +270,7 @@ TEST(FileTableDuplicates, TheOldestCacheEntryWinsOverALowerRow) {
     EXPECT_EQ(1u, FindID(&table, "/b"));
 }
 
-TEST(FileTableDuplicates, WithoutACacheEntryTheLowestRowWins) {
+TEST(FileTableDuplicatesTest, WithoutACacheEntryTheLowestRowWins) {
     CFileTable table;
     table.AddItem("/x");
     table.AddItem("/x");
@@ -283,7 +283,7 @@ TEST(FileTableDuplicates, WithoutACacheEntryTheLowestRowWins) {
     EXPECT_EQ(0u, FindID(&table, "/y")) << "row 0 was cached before row 1";
 }
 
-TEST(FileTableDuplicates, ACachedRowStaysFoundUnderItsNewPath) {
+TEST(FileTableDuplicatesTest, ACachedRowStaysFoundUnderItsNewPath) {
     CFileTable table;
     table.AddItem("/low");
     table.AddItem("/high");
@@ -292,7 +292,7 @@ TEST(FileTableDuplicates, ACachedRowStaysFoundUnderItsNewPath) {
     EXPECT_EQ(1u, FindID(&table, "/low")) << "the uncached row 0 is not looked at";
 }
 
-TEST(FileTableDuplicates, ReturningToAnEarlierPathCachesNothingTwice) {
+TEST(FileTableDuplicatesTest, ReturningToAnEarlierPathCachesNothingTwice) {
     CFileTable table;
     table.AddItem("/a");
     EXPECT_TRUE(table.UpdateItemPath("/a", "/b"));
@@ -304,11 +304,11 @@ TEST(FileTableDuplicates, ReturningToAnEarlierPathCachesNothingTwice) {
 
 // What the cache holds shows through duplicates: row 1024 + i is cached under the path of the
 // uncached row i, so a search finds the high row exactly while that is in the cache.
-class FileTableCache : public ::testing::Test {
+class FileTableCacheTest : public ::testing::Test {
 protected:
     static constexpr std::size_t CACHE_SIZE = 1024;
 
-    FileTableCache() {
+    FileTableCacheTest() {
         AddRows(&m_Table, "/t", CACHE_SIZE);
         AddRows(&m_Table, "/h", CACHE_SIZE);
         m_Table.AddItem("/extra");
@@ -322,13 +322,13 @@ protected:
     CFileTable m_Table;
 };
 
-TEST_F(FileTableCache, Holds1024Rows) {
+TEST_F(FileTableCacheTest, Holds1024Rows) {
     for (std::size_t i = 0; i < CACHE_SIZE; ++i) {
         ASSERT_TRUE(IsCached(i)) << i;
     }
 }
 
-TEST_F(FileTableCache, TheNextFullSearchDropsThe102Oldest) {
+TEST_F(FileTableCacheTest, TheNextFullSearchDropsThe102Oldest) {
     EXPECT_EQ(2 * CACHE_SIZE, FindID(&m_Table, "/extra"));
     for (std::size_t i = 102; i < CACHE_SIZE; ++i) {
         ASSERT_TRUE(IsCached(i)) << i;
@@ -339,7 +339,7 @@ TEST_F(FileTableCache, TheNextFullSearchDropsThe102Oldest) {
     }
 }
 
-TEST_F(FileTableCache, AHitDoesNotMakeARowYounger) {
+TEST_F(FileTableCacheTest, AHitDoesNotMakeARowYounger) {
     ASSERT_TRUE(IsCached(0));
     ASSERT_TRUE(IsCached(101));
     EXPECT_EQ(2 * CACHE_SIZE, FindID(&m_Table, "/extra"));
@@ -347,17 +347,17 @@ TEST_F(FileTableCache, AHitDoesNotMakeARowYounger) {
     EXPECT_FALSE(IsCached(101));
 }
 
-TEST_F(FileTableCache, AHitInAFullCacheDropsNothing) {
+TEST_F(FileTableCacheTest, AHitInAFullCacheDropsNothing) {
     ASSERT_TRUE(IsCached(500));
     EXPECT_TRUE(IsCached(0));
 }
 
-TEST_F(FileTableCache, ASearchWithoutAMatchDropsNothing) {
+TEST_F(FileTableCacheTest, ASearchWithoutAMatchDropsNothing) {
     EXPECT_EQ(FILE_ID_NONE, FindID(&m_Table, "/unknown"));
     EXPECT_TRUE(IsCached(0));
 }
 
-TEST_F(FileTableCache, ANewRowIsNotCached) {
+TEST_F(FileTableCacheTest, ANewRowIsNotCached) {
     for (std::size_t i = 0; i < 5; ++i) {
         m_Table.GetIDByPath(Numbered("/new", i).c_str());
     }
@@ -414,9 +414,9 @@ public:
     int m_iEvictions = 0;
 };
 
-class FileTableAgainstLinearWalk : public ::testing::TestWithParam<std::uint64_t> {};
+class FileTableAgainstLinearWalkTest : public ::testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(FileTableAgainstLinearWalk, GivesTheSameAnswers) {
+TEST_P(FileTableAgainstLinearWalkTest, GivesTheSameAnswers) {
     const std::uint64_t iSeed = GetParam() != 0 ? GetParam() : support::RandomSeed();
     SCOPED_TRACE("seed " + std::to_string(iSeed));
     std::mt19937_64 random(iSeed);
@@ -463,9 +463,9 @@ TEST_P(FileTableAgainstLinearWalk, GivesTheSameAnswers) {
 }
 
 // 0 stands for a seed of the day.
-INSTANTIATE_TEST_SUITE_P(Seeds, FileTableAgainstLinearWalk, ::testing::Values(1, 2, 3, 4, 0));
+INSTANTIATE_TEST_SUITE_P(Seeds, FileTableAgainstLinearWalkTest, ::testing::Values(1, 2, 3, 4, 0));
 
-TEST(FileTable, AMillionPathsDoNotSlowLookupsDown) {
+TEST(FileTableTest, AMillionPathsDoNotSlowLookupsDown) {
     // A walk over the rows would need days for this.
     constexpr std::uint32_t iCount = 1'000'000;
     const std::uint64_t iSeed = support::RandomSeed();
@@ -483,7 +483,7 @@ TEST(FileTable, AMillionPathsDoNotSlowLookupsDown) {
 
 // --- File handles ---
 
-class FileHandles : public UtilitiesFixture {
+class FileHandlesTest : public UtilitiesFixture {
 protected:
     using Handle = std::array<unsigned char, 56>;
 
@@ -507,13 +507,13 @@ protected:
     }
 };
 
-TEST_F(FileHandles, TheFirstHandleIsAllZeroAndValid) {
+TEST_F(FileHandlesTest, TheFirstHandleIsAllZeroAndValid) {
     const Handle handle = MakeHandle("/none/first");
     EXPECT_THAT(handle, Each(0));
     EXPECT_EQ("/none/first", Resolve(Handle{}));
 }
 
-TEST_F(FileHandles, Path1025IsEncodedLeastSignificantByteFirst) {
+TEST_F(FileHandlesTest, Path1025IsEncodedLeastSignificantByteFirst) {
     for (std::size_t i = 0; i < 1024; ++i) {
         m_Utilities.GetFileID(&m_Silent, &m_Argu, Numbered("/none/", i).c_str());
     }
@@ -522,7 +522,7 @@ TEST_F(FileHandles, Path1025IsEncodedLeastSignificantByteFirst) {
     EXPECT_EQ("/none/1024", Resolve(handle));
 }
 
-TEST_F(FileHandles, TheLargerBufferOfMountIsFilledWithZeros) {
+TEST_F(FileHandlesTest, TheLargerBufferOfMountIsFilledWithZeros) {
     m_Utilities.GetFileID(&m_Silent, &m_Argu, "/none/0");
     std::array<unsigned char, 88> handle;
     handle.fill(0xEE);
@@ -533,7 +533,7 @@ TEST_F(FileHandles, TheLargerBufferOfMountIsFilledWithZeros) {
     EXPECT_EQ(expected, handle);
 }
 
-TEST_F(FileHandles, ABufferOfFourBytesOrLessIsZeroedAndRefused) {
+TEST_F(FileHandlesTest, ABufferOfFourBytesOrLessIsZeroedAndRefused) {
     unsigned char cBuf[5] = {9, 9, 9, 9, 9};
     EXPECT_FALSE(m_Utilities.GetFileHandle(&m_Silent, &m_Argu, "/none/a", cBuf, 4));
     EXPECT_THAT(cBuf, ElementsAre(0, 0, 0, 0, 9));
@@ -543,18 +543,18 @@ TEST_F(FileHandles, ABufferOfFourBytesOrLessIsZeroedAndRefused) {
     EXPECT_THAT(cBuf, ElementsAre(0, 0, 0, 0, 0)) << "the refused path took no ID";
 }
 
-TEST_F(FileHandles, ANullBufferIsRefused) {
+TEST_F(FileHandlesTest, ANullBufferIsRefused) {
     EXPECT_FALSE(m_Utilities.GetFileHandle(&m_Silent, &m_Argu, "/none/a", nullptr, 56));
     char cPath[PATH_SIZE];
     EXPECT_FALSE(m_Utilities.GetFilePath(&m_Silent, nullptr, cPath, sizeof(cPath)));
 }
 
-TEST_F(FileHandles, FourBytesOfFFResolveToNothing) {
+TEST_F(FileHandlesTest, FourBytesOfFFResolveToNothing) {
     m_Utilities.GetFileID(&m_Silent, &m_Argu, "/none/a");
     EXPECT_EQ(std::nullopt, Resolve(HandleOf(0xFF, 0xFF, 0xFF, 0xFF)));
 }
 
-TEST_F(FileHandles, AnUnknownIdResolvesToNothing) {
+TEST_F(FileHandlesTest, AnUnknownIdResolvesToNothing) {
     EXPECT_EQ(std::nullopt, Resolve(Handle{})) << "the table is empty";
     m_Utilities.GetFileID(&m_Silent, &m_Argu, "/none/a");
     EXPECT_EQ(std::nullopt, Resolve(HandleOf(1, 0, 0, 0)));
@@ -562,7 +562,7 @@ TEST_F(FileHandles, AnUnknownIdResolvesToNothing) {
     EXPECT_EQ(std::nullopt, Resolve(HandleOf(0, 0, 0, 0x80)));
 }
 
-TEST_F(FileHandles, OnlyTheFirstFourBytesMatter) {
+TEST_F(FileHandlesTest, OnlyTheFirstFourBytesMatter) {
     m_Utilities.GetFileID(&m_Silent, &m_Argu, "/none/a");
     Handle handle;
     handle.fill(0xFF);
@@ -570,14 +570,14 @@ TEST_F(FileHandles, OnlyTheFirstFourBytesMatter) {
     EXPECT_EQ("/none/a", Resolve(handle));
 }
 
-TEST_F(FileHandles, APathThatDoesNotFitTheBufferResolvesToNothing) {
+TEST_F(FileHandlesTest, APathThatDoesNotFitTheBufferResolvesToNothing) {
     const Handle handle = MakeHandle("/none/a");
     char cPath[PATH_SIZE];
     EXPECT_FALSE(m_Utilities.GetFilePath(&m_Silent, handle.data(), cPath, 7));
     EXPECT_TRUE(m_Utilities.GetFilePath(&m_Silent, handle.data(), cPath, 8));
 }
 
-TEST_F(FileHandles, SpellingsOfOneExistingPathShareAnId) {
+TEST_F(FileHandlesTest, SpellingsOfOneExistingPathShareAnId) {
     ASSERT_EQ(0, symlink(m_Dir.Path().c_str(), (m_Dir / "link").c_str()));
     const std::string sRow = "/none/row";  // so that the ID is not the first one
     m_Utilities.GetFileID(&m_Silent, &m_Argu, sRow.c_str());
@@ -588,13 +588,13 @@ TEST_F(FileHandles, SpellingsOfOneExistingPathShareAnId) {
     EXPECT_EQ(m_Dir.Path(), Resolve(HandleOf(1, 0, 0, 0)));
 }
 
-TEST_F(FileHandles, GetFileIdReportsTheCanonicalPathUnderTheCallersName) {
+TEST_F(FileHandlesTest, GetFileIdReportsTheCanonicalPathUnderTheCallersName) {
     m_Utilities.GetFileID(&m_General, &m_Argu, (m_Dir / ".").c_str());
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] Get canonical path successfully: " + m_Dir.Path()));
 }
 
-TEST_F(FileHandles, ResetStartsFromZeroAndOldHandlesMayMeanAnotherPath) {
+TEST_F(FileHandlesTest, ResetStartsFromZeroAndOldHandlesMayMeanAnotherPath) {
     MakeHandle("/none/a");
     const Handle handle = MakeHandle("/none/b");
     m_Utilities.ResetFileTable();

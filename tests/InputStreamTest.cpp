@@ -47,7 +47,7 @@ std::string Truncation(CInputStream& stream, Action action) {
     return text;
 }
 
-class InputStream : public testing::Test {
+class InputStreamTest : public testing::Test {
 protected:
     CInputStream m_stream;
 };
@@ -58,21 +58,21 @@ protected:
 // What both streams share
 // -------------------------------------------------------------------------------------------------
 
-TEST(SocketStream, BufferHasOneMebibyteAndDoesNotGrow) {
+TEST(SocketStreamTest, BufferHasOneMebibyteAndDoesNotGrow) {
     static_assert(CSocketStream::GetMaxBufferSize() == BUFFER_SIZE);
     const CInputStream stream;
     EXPECT_EQ(stream.GetMaxBufferSize(), BUFFER_SIZE);
     EXPECT_EQ(stream.GetFreeBufferSize(), BUFFER_SIZE);
 }
 
-TEST(SocketStream, ReverseByteOrderReadsBigEndian) {
+TEST(SocketStreamTest, ReverseByteOrderReadsBigEndian) {
     const unsigned char wire[] = {0x12, 0x34, 0x56, 0xFF};
     std::uint32_t word = 0;
     std::memcpy(&word, wire, sizeof word);
     EXPECT_EQ(CSocketStream::ReverseByteOrder(&word), 0x123456FFu);
 }
 
-TEST(SocketStream, IsTheBaseOfBothAndIsDestroyedVirtually) {
+TEST(SocketStreamTest, IsTheBaseOfBothAndIsDestroyedVirtually) {
     static_assert(std::has_virtual_destructor_v<CSocketStream>);
     static_assert(std::is_base_of_v<CSocketStream, CInputStream>);
     static_assert(sizeof(CInputStream) == sizeof(CSocketStream));  // no fields of its own
@@ -84,13 +84,13 @@ TEST(SocketStream, IsTheBaseOfBothAndIsDestroyedVirtually) {
 // The receiving end
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(InputStream, StartsEmpty) {
+TEST_F(InputStreamTest, StartsEmpty) {
     EXPECT_EQ(m_stream.GetBufferIndex(), 0u);
     EXPECT_EQ(m_stream.GetFilledBufferSize(), 0u);
     EXPECT_EQ(m_stream.GetFreeBuffer(), m_stream.GetCurrentBuffer());
 }
 
-TEST_F(InputStream, ReceivedBytesFollowOneAnother) {
+TEST_F(InputStreamTest, ReceivedBytesFollowOneAnother) {
     const unsigned char* start = m_stream.GetFreeBuffer();
     Receive(m_stream, {1, 2, 3});
     EXPECT_EQ(m_stream.GetFreeBuffer(), start + 3);
@@ -101,14 +101,14 @@ TEST_F(InputStream, ReceivedBytesFollowOneAnother) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(1, 2, 3, 4, 5));
 }
 
-TEST_F(InputStream, FreeSizeCountsFromTheFilledExtentNotFromTheIndex) {
+TEST_F(InputStreamTest, FreeSizeCountsFromTheFilledExtentNotFromTheIndex) {
     Receive(m_stream, {1, 2, 3, 4});
     m_stream.Skip(3);
     EXPECT_EQ(m_stream.GetFreeBufferSize(), BUFFER_SIZE - 4);
     EXPECT_EQ(m_stream.GetFilledBufferSize(), 1u);
 }
 
-TEST_F(InputStream, CanBeFilledToTheLastByte) {
+TEST_F(InputStreamTest, CanBeFilledToTheLastByte) {
     Receive(m_stream, Bytes(BUFFER_SIZE, 7));
     EXPECT_EQ(m_stream.GetFreeBufferSize(), 0u);
     EXPECT_EQ(m_stream.GetFilledBufferSize(), BUFFER_SIZE);
@@ -119,7 +119,7 @@ TEST_F(InputStream, CanBeFilledToTheLastByte) {
     EXPECT_EQ(Truncation(m_stream, [&] { m_stream.Skip(1); }), "Data is truncated.Missing 1 data");
 }
 
-TEST_F(InputStream, ConsolidateMovesUnreadBytesToTheStart) {
+TEST_F(InputStreamTest, ConsolidateMovesUnreadBytesToTheStart) {
     const unsigned char* start = m_stream.GetFreeBuffer();
     Receive(m_stream, {1, 2, 3, 4, 5, 6, 7, 8});
     m_stream.Skip(3);
@@ -131,7 +131,7 @@ TEST_F(InputStream, ConsolidateMovesUnreadBytesToTheStart) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(4, 5, 6, 7, 8));
 }
 
-TEST_F(InputStream, ConsolidateWaitsUntilTheIndexReachesItsLimit) {
+TEST_F(InputStreamTest, ConsolidateWaitsUntilTheIndexReachesItsLimit) {
     Receive(m_stream, {1, 2, 3, 4});
     m_stream.Skip(2);
     m_stream.ConsolidateBuffer(3);
@@ -143,7 +143,7 @@ TEST_F(InputStream, ConsolidateWaitsUntilTheIndexReachesItsLimit) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(3, 4));
 }
 
-TEST_F(InputStream, ConsolidateOfAFullyReadBufferFreesAllOfIt) {
+TEST_F(InputStreamTest, ConsolidateOfAFullyReadBufferFreesAllOfIt) {
     Receive(m_stream, Bytes(BUFFER_SIZE, 1));
     m_stream.Skip(BUFFER_SIZE);
     m_stream.ConsolidateBuffer(0);
@@ -151,7 +151,7 @@ TEST_F(InputStream, ConsolidateOfAFullyReadBufferFreesAllOfIt) {
     EXPECT_EQ(m_stream.GetFilledBufferSize(), 0u);
 }
 
-TEST_F(InputStream, ResetForgetsEverything) {
+TEST_F(InputStreamTest, ResetForgetsEverything) {
     Receive(m_stream, {1, 2, 3});
     m_stream.Skip(1);
     m_stream.ResetBuffer();
@@ -160,7 +160,7 @@ TEST_F(InputStream, ResetForgetsEverything) {
     EXPECT_EQ(m_stream.GetFreeBufferSize(), BUFFER_SIZE);
 }
 
-TEST_F(InputStream, ACountBeyondTheRoomIsCutToIt) {
+TEST_F(InputStreamTest, ACountBeyondTheRoomIsCutToIt) {
     Receive(m_stream, {1, 2, 3});
     m_stream.AddFilledBufferSize(0xFFFFFFFF);
     EXPECT_EQ(m_stream.GetFreeBufferSize(), 0u);
@@ -171,7 +171,7 @@ TEST_F(InputStream, ACountBeyondTheRoomIsCutToIt) {
 // Looking ahead
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(InputStream, IndexIsSetAndReadFreely) {
+TEST_F(InputStreamTest, IndexIsSetAndReadFreely) {
     Receive(m_stream, {1, 2, 3, 4});
     m_stream.SetBufferIndex(3);
     EXPECT_EQ(m_stream.GetBufferIndex(), 3u);
@@ -180,7 +180,7 @@ TEST_F(InputStream, IndexIsSetAndReadFreely) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(2, 3, 4));
 }
 
-TEST_F(InputStream, AnIndexBeyondTheReceivedBytesIsKeptAndLeavesNothingToRead) {
+TEST_F(InputStreamTest, AnIndexBeyondTheReceivedBytesIsKeptAndLeavesNothingToRead) {
     Receive(m_stream, {1, 2, 3, 4});
     for (const std::uint32_t index : {5u, BUFFER_SIZE, BUFFER_SIZE + 1, 0xFFFFFFFFu}) {
         m_stream.SetBufferIndex(index);
@@ -193,7 +193,7 @@ TEST_F(InputStream, AnIndexBeyondTheReceivedBytesIsKeptAndLeavesNothingToRead) {
     }
 }
 
-TEST_F(InputStream, FilledBufferIsCountedFromTheIndexAndConsumesNothing) {
+TEST_F(InputStreamTest, FilledBufferIsCountedFromTheIndexAndConsumesNothing) {
     Receive(m_stream, {1, 2, 3, 4, 5, 6});
     m_stream.Skip(1);
     const unsigned char* bytes = m_stream.GetFilledBuffer(2, 3);
@@ -203,7 +203,7 @@ TEST_F(InputStream, FilledBufferIsCountedFromTheIndexAndConsumesNothing) {
     EXPECT_EQ(m_stream.GetFilledBufferSize(), 5u);
 }
 
-TEST_F(InputStream, FilledBufferIsNullWhenItWouldPassTheReceivedBytes) {
+TEST_F(InputStreamTest, FilledBufferIsNullWhenItWouldPassTheReceivedBytes) {
     Receive(m_stream, {1, 2, 3, 4, 5, 6});
     m_stream.Skip(1);
     EXPECT_NE(m_stream.GetFilledBuffer(0, 5), nullptr);
@@ -214,7 +214,7 @@ TEST_F(InputStream, FilledBufferIsNullWhenItWouldPassTheReceivedBytes) {
     EXPECT_EQ(m_stream.GetFilledBuffer(6, 0), nullptr);
 }
 
-TEST_F(InputStream, FilledBufferIsNullWhenOffsetAndLengthTogetherOverflow) {
+TEST_F(InputStreamTest, FilledBufferIsNullWhenOffsetAndLengthTogetherOverflow) {
     Receive(m_stream, {1, 2, 3, 4});
     EXPECT_EQ(m_stream.GetFilledBuffer(0xFFFFFFFF, 2), nullptr);
     EXPECT_EQ(m_stream.GetFilledBuffer(2, 0xFFFFFFFF), nullptr);
@@ -224,7 +224,7 @@ TEST_F(InputStream, FilledBufferIsNullWhenOffsetAndLengthTogetherOverflow) {
 // Reading
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(InputStream, ReadCopiesAndConsumes) {
+TEST_F(InputStreamTest, ReadCopiesAndConsumes) {
     Receive(m_stream, {1, 2, 3, 4, 5});
     Bytes copy(3);
     EXPECT_EQ(m_stream.Read(copy.data(), 3), 3u);
@@ -233,12 +233,12 @@ TEST_F(InputStream, ReadCopiesAndConsumes) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(4, 5));
 }
 
-TEST_F(InputStream, ReadOfNothingSucceedsAtTheEnd) {
+TEST_F(InputStreamTest, ReadOfNothingSucceedsAtTheEnd) {
     EXPECT_EQ(m_stream.Read(nullptr, 0), 0u);
     EXPECT_EQ(m_stream.Skip(0), 0u);
 }
 
-TEST_F(InputStream, WordsAreBigEndian) {
+TEST_F(InputStreamTest, WordsAreBigEndian) {
     Receive(m_stream, {0x01, 0x02, 0x03, 0x04, 0xFF, 0xFE, 0xFD, 0xFC});
     std::uint32_t word = 0;
     EXPECT_EQ(m_stream.Read(&word), 4u);
@@ -248,7 +248,7 @@ TEST_F(InputStream, WordsAreBigEndian) {
     EXPECT_EQ(m_stream.GetBufferIndex(), 8u);
 }
 
-TEST_F(InputStream, WordsAreReadAtAnyPosition) {
+TEST_F(InputStreamTest, WordsAreReadAtAnyPosition) {
     Receive(m_stream, {0, 0x80, 0x00, 0x00, 0x01});
     m_stream.Skip(1);
     std::uint32_t word = 0;
@@ -256,7 +256,7 @@ TEST_F(InputStream, WordsAreReadAtAnyPosition) {
     EXPECT_EQ(word, 0x80000001u);
 }
 
-TEST_F(InputStream, DoubleWordsAreBigEndian) {
+TEST_F(InputStreamTest, DoubleWordsAreBigEndian) {
     Receive(m_stream, {0xF1, 0x02, 0x03, 0x04, 0x85, 0x06, 0x07, 0x08});
     std::uint64_t value = 0;
     EXPECT_EQ(m_stream.Read8(&value), 8u);
@@ -264,7 +264,7 @@ TEST_F(InputStream, DoubleWordsAreBigEndian) {
     EXPECT_EQ(m_stream.GetBufferIndex(), 8u);
 }
 
-TEST_F(InputStream, ReadPastTheEndThrowsWithTheShortfallAndConsumesNothing) {
+TEST_F(InputStreamTest, ReadPastTheEndThrowsWithTheShortfallAndConsumesNothing) {
     Receive(m_stream, {1, 2, 3});
     std::uint32_t word = 0;
     EXPECT_EQ(Truncation(m_stream, [&] { m_stream.Read(&word); }),
@@ -281,21 +281,21 @@ TEST_F(InputStream, ReadPastTheEndThrowsWithTheShortfallAndConsumesNothing) {
     EXPECT_THAT(Unread(m_stream), ElementsAre(1, 2, 3));
 }
 
-TEST_F(InputStream, DoubleWordCutInItsSecondHalfConsumesNothing) {
+TEST_F(InputStreamTest, DoubleWordCutInItsSecondHalfConsumesNothing) {
     Receive(m_stream, {1, 2, 3, 4, 5, 6, 7});
     std::uint64_t value = 0;
     EXPECT_EQ(Truncation(m_stream, [&] { m_stream.Read8(&value); }),
               "Data is truncated.Missing 1 data");
 }
 
-TEST_F(InputStream, SkipConsumesWithoutCopying) {
+TEST_F(InputStreamTest, SkipConsumesWithoutCopying) {
     Receive(m_stream, {1, 2, 3, 4});
     EXPECT_EQ(m_stream.Skip(3), 3u);
     EXPECT_THAT(Unread(m_stream), ElementsAre(4));
     EXPECT_EQ(Truncation(m_stream, [&] { m_stream.Skip(2); }), "Data is truncated.Missing 1 data");
 }
 
-TEST_F(InputStream, FillOfAnOpaqueIsSkipped) {
+TEST_F(InputStreamTest, FillOfAnOpaqueIsSkipped) {
     const std::uint32_t fills[] = {0, 3, 2, 1, 0, 3, 2, 1, 0};
     for (std::uint32_t length = 0; length <= 8; ++length) {
         m_stream.ResetBuffer();
@@ -306,7 +306,7 @@ TEST_F(InputStream, FillOfAnOpaqueIsSkipped) {
     EXPECT_EQ(m_stream.SkipRemainOpaque(0xFFFFFFFF), 1u);
 }
 
-TEST_F(InputStream, FillThatIsMissingThrows) {
+TEST_F(InputStreamTest, FillThatIsMissingThrows) {
     Receive(m_stream, {1, 2});
     EXPECT_EQ(Truncation(m_stream, [&] { m_stream.SkipRemainOpaque(5); }),
               "Data is truncated.Missing 1 data");
@@ -318,7 +318,7 @@ TEST_F(InputStream, FillThatIsMissingThrows) {
 // Against a plain model
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(InputStream, BehavesLikeAPlainVectorWithAnIndex) {
+TEST_F(InputStreamTest, BehavesLikeAPlainVectorWithAnIndex) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);

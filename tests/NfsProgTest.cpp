@@ -26,9 +26,9 @@ constexpr std::uint32_t COMMIT = 21;  // the last procedure
 constexpr std::uint32_t NFS3ERR_ACCES_STATUS = 13;
 
 // The NFS program behind the RPC server and one connection.
-class NfsProg : public testing::Test {
+class NfsProgTest : public testing::Test {
 protected:
-    NfsProg() { m_server.Set(PROGRAM, &m_prog); }
+    NfsProgTest() { m_server.Set(PROGRAM, &m_prog); }
 
     // The reply to a call; nothing when the server did not recognise it.
     std::optional<RpcReply> Call(std::uint32_t version, std::uint32_t procedure,
@@ -64,21 +64,21 @@ protected:
 
 }  // namespace
 
-TEST_F(NfsProg, TheVeryFirstCallIsTakenWhateverItsVersion) {
+TEST_F(NfsProgTest, TheVeryFirstCallIsTakenWhateverItsVersion) {
     // None of these makes the version-3 program, so each of them is still the first.
     for (const std::uint32_t version : {2u, 4u, 0u, ANY}) {
         ExpectStatus(support::kProcUnavail, version, 0);
     }
 }
 
-TEST_F(NfsProg, TheVeryFirstCallIsTakenWhateverItsProcedure) {
+TEST_F(NfsProgTest, TheVeryFirstCallIsTakenWhateverItsProcedure) {
     ExpectStatus(support::kProcUnavail, 2, ANY);
     ExpectStatus(support::kProcUnavail, 3, 99);
     // The version-3 program exists by now.
     EXPECT_FALSE(Call(3, 99));
 }
 
-TEST_F(NfsProg, AnotherVersionIsSkippedOnceTheVersion3ProgramExists) {
+TEST_F(NfsProgTest, AnotherVersionIsSkippedOnceTheVersion3ProgramExists) {
     ExpectStatus(support::kSuccess, 3, 0);
     for (const std::uint32_t version : {2u, 4u, ANY}) {
         m_log.Forget();
@@ -89,7 +89,7 @@ TEST_F(NfsProg, AnotherVersionIsSkippedOnceTheVersion3ProgramExists) {
     EXPECT_TRUE(m_log.Has("[RpcServer.SocketReceived] Skipped 132 data for next vaild header"));
 }
 
-TEST_F(NfsProg, AProcedureBeyondTheLastIsSkippedOnceTheVersion3ProgramExists) {
+TEST_F(NfsProgTest, AProcedureBeyondTheLastIsSkippedOnceTheVersion3ProgramExists) {
     ExpectStatus(support::kSuccess, 3, 0);
     EXPECT_FALSE(Call(3, COMMIT + 1));
     EXPECT_FALSE(Call(3, ANY));
@@ -97,7 +97,7 @@ TEST_F(NfsProg, AProcedureBeyondTheLastIsSkippedOnceTheVersion3ProgramExists) {
     EXPECT_TRUE(Call(3, COMMIT, PROGRAM, arguments.Data()));
 }
 
-TEST_F(NfsProg, ACallForAnotherProgramIsSkippedAndLogged) {
+TEST_F(NfsProgTest, ACallForAnotherProgramIsSkippedAndLogged) {
     EXPECT_FALSE(Call(3, 0, 100004));
     EXPECT_TRUE(
         m_log.Has("[RpcServer.SocketReceived] A possible valid header may be skipped, "
@@ -105,7 +105,7 @@ TEST_F(NfsProg, ACallForAnotherProgramIsSkippedAndLogged) {
     ExpectStatus(support::kSuccess, 3, 0);
 }
 
-TEST_F(NfsProg, VersionAndProceduresAreTheVersion3ProgramsOnceItExists) {
+TEST_F(NfsProgTest, VersionAndProceduresAreTheVersion3ProgramsOnceItExists) {
     EXPECT_EQ(m_prog.GetVersion(), ANY);
     EXPECT_EQ(m_prog.GetMaxSupportProc(), ANY);
     COutputStream out;
@@ -127,9 +127,9 @@ TEST_F(NfsProg, VersionAndProceduresAreTheVersion3ProgramsOnceItExists) {
 
 namespace {
 
-class NfsProgSettings : public NfsProg {
+class NfsProgSettingsTest : public NfsProgTest {
 protected:
-    NfsProgSettings() {
+    NfsProgSettingsTest() {
         LogArgu argu{"Test"};
         char status[STATUS_SIZE] = "";
         if (!m_log.AddMountInfo(&m_param, &argu, m_folder.Path().c_str(), "vm01", "", status)) {
@@ -142,7 +142,7 @@ protected:
             throw std::runtime_error(status);
         }
     }
-    ~NfsProgSettings() override {
+    ~NfsProgSettingsTest() override {
         m_tcp.Close();
         LogArgu argu{"Test"};
         m_log.Reset(&m_param, &argu);
@@ -159,17 +159,17 @@ protected:
 
 }  // namespace
 
-TEST_F(NfsProgSettings, FilesMayBeMadeUnlessToldOtherwise) {
+TEST_F(NfsProgSettingsTest, FilesMayBeMadeUnlessToldOtherwise) {
     EXPECT_EQ(CreateStatus("a"), 0u);
     EXPECT_TRUE(support::FileExists(m_folder / "a"));
 }
 
-TEST_F(NfsProgSettings, ReadOnlySetBeforeTheFirstCallHolds) {
+TEST_F(NfsProgSettingsTest, ReadOnlySetBeforeTheFirstCallHolds) {
     m_prog.SetReadOnly(true);
     EXPECT_EQ(CreateStatus("a"), NFS3ERR_ACCES_STATUS);
 }
 
-TEST_F(NfsProgSettings, ReadOnlySetLaterReachesTheVersion3Program) {
+TEST_F(NfsProgSettingsTest, ReadOnlySetLaterReachesTheVersion3Program) {
     EXPECT_EQ(CreateStatus("a"), 0u);
     m_prog.SetReadOnly(true);
     EXPECT_EQ(CreateStatus("b"), NFS3ERR_ACCES_STATUS);
@@ -177,7 +177,7 @@ TEST_F(NfsProgSettings, ReadOnlySetLaterReachesTheVersion3Program) {
     EXPECT_EQ(CreateStatus("c"), 0u);
 }
 
-TEST_F(NfsProgSettings, TheVersion3ProgramIsMadeOnceAndKept) {
+TEST_F(NfsProgSettingsTest, TheVersion3ProgramIsMadeOnceAndKept) {
     // Its write verifier is the time of its making.
     support::Nfs3Client client;
     const support::CreateResult file = client.Create(m_root, "a");
@@ -194,7 +194,7 @@ TEST_F(NfsProgSettings, TheVersion3ProgramIsMadeOnceAndKept) {
     EXPECT_LE(verifier, static_cast<std::uint64_t>(start));
 }
 
-TEST_F(NfsProgSettings, UserIdsMayBeSetAtAnyTimeAndChangeNoOwner) {
+TEST_F(NfsProgSettingsTest, UserIdsMayBeSetAtAnyTimeAndChangeNoOwner) {
     m_prog.SetUserID(4711, 4712);
     support::Nfs3Client client;
     const support::CreateResult file = client.Create(m_root, "a");

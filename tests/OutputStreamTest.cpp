@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint32_t BUFFER_SIZE = 1'048'576;
 
-class OutputStream : public testing::Test {
+class OutputStreamTest : public testing::Test {
 protected:
     std::uint32_t Put(const Bytes& bytes) {
         return m_stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
@@ -42,7 +42,7 @@ protected:
 
 }  // namespace
 
-TEST_F(OutputStream, StartsEmpty) {
+TEST_F(OutputStreamTest, StartsEmpty) {
     static_assert(sizeof(COutputStream) == sizeof(CSocketStream));  // no fields of its own
     ExpectAt(0, 0);
     EXPECT_EQ(m_stream.GetFreeBufferSize(), BUFFER_SIZE);
@@ -50,7 +50,7 @@ TEST_F(OutputStream, StartsEmpty) {
     EXPECT_EQ(m_stream.GetMaxBufferSize(), BUFFER_SIZE);
 }
 
-TEST_F(OutputStream, IsDestroyedThroughItsBase) {
+TEST_F(OutputStreamTest, IsDestroyedThroughItsBase) {
     std::unique_ptr<CSocketStream> stream = std::make_unique<COutputStream>();
     stream.reset();  // a leak would be reported
 }
@@ -59,7 +59,7 @@ TEST_F(OutputStream, IsDestroyedThroughItsBase) {
 // Writing
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, BytesAreWrittenAtTheIndex) {
+TEST_F(OutputStreamTest, BytesAreWrittenAtTheIndex) {
     EXPECT_EQ(Put({1, 2, 3}), 3u);
     EXPECT_EQ(Put({4, 5}), 2u);
     ExpectAt(5, 5);
@@ -67,19 +67,19 @@ TEST_F(OutputStream, BytesAreWrittenAtTheIndex) {
     EXPECT_EQ(m_stream.GetCurrentBuffer(), m_stream.GetBuffer() + 5);
 }
 
-TEST_F(OutputStream, WordsAreBigEndian) {
+TEST_F(OutputStreamTest, WordsAreBigEndian) {
     EXPECT_EQ(m_stream.Write(0x01020384u), 4u);
     EXPECT_EQ(m_stream.Write(0xFFFEFDFCu), 4u);
     EXPECT_THAT(Extent(), ElementsAre(0x01, 0x02, 0x03, 0x84, 0xFF, 0xFE, 0xFD, 0xFC));
 }
 
-TEST_F(OutputStream, DoubleWordsAreBigEndian) {
+TEST_F(OutputStreamTest, DoubleWordsAreBigEndian) {
     EXPECT_EQ(m_stream.Write8(0xF102030485060708u), 8u);
     EXPECT_THAT(Extent(), ElementsAre(0xF1, 0x02, 0x03, 0x04, 0x85, 0x06, 0x07, 0x08));
     ExpectAt(8, 8);
 }
 
-TEST_F(OutputStream, NullReservesSpaceAndLeavesItsBytes) {
+TEST_F(OutputStreamTest, NullReservesSpaceAndLeavesItsBytes) {
     Prepare(0xAA);
     Put({1});
     EXPECT_EQ(m_stream.Write(nullptr, 3), 3u);
@@ -87,13 +87,13 @@ TEST_F(OutputStream, NullReservesSpaceAndLeavesItsBytes) {
     EXPECT_THAT(Extent(), ElementsAre(1, 0xAA, 0xAA, 0xAA));
 }
 
-TEST_F(OutputStream, NullReservesNoMoreThanThereIs) {
+TEST_F(OutputStreamTest, NullReservesNoMoreThanThereIs) {
     m_stream.Seek(BUFFER_SIZE - 5, 0);
     EXPECT_EQ(m_stream.Write(nullptr, 100), 5u);
     ExpectAt(BUFFER_SIZE, BUFFER_SIZE);
 }
 
-TEST_F(OutputStream, WriteIsCutAtTheEndOfTheBuffer) {
+TEST_F(OutputStreamTest, WriteIsCutAtTheEndOfTheBuffer) {
     m_stream.Seek(1'048'574, 0);
     EXPECT_EQ(Put({1, 2, 3, 4}), 2u);
     ExpectAt(BUFFER_SIZE, BUFFER_SIZE);
@@ -104,7 +104,7 @@ TEST_F(OutputStream, WriteIsCutAtTheEndOfTheBuffer) {
     ExpectAt(BUFFER_SIZE, BUFFER_SIZE);
 }
 
-TEST_F(OutputStream, NumbersAreCutAtTheEndOfTheBuffer) {
+TEST_F(OutputStreamTest, NumbersAreCutAtTheEndOfTheBuffer) {
     m_stream.Seek(BUFFER_SIZE - 3, 0);
     EXPECT_EQ(m_stream.Write(0x01020304u), 3u);
     EXPECT_EQ(m_stream.GetBuffer()[BUFFER_SIZE - 1], 3);
@@ -114,7 +114,7 @@ TEST_F(OutputStream, NumbersAreCutAtTheEndOfTheBuffer) {
     ExpectAt(BUFFER_SIZE, BUFFER_SIZE);
 }
 
-TEST_F(OutputStream, NothingIsWrittenBehindTheBuffer) {
+TEST_F(OutputStreamTest, NothingIsWrittenBehindTheBuffer) {
     for (const std::uint32_t index : {BUFFER_SIZE, BUFFER_SIZE + 1, 0xFFFFFFFFu}) {
         m_stream.Seek(index, 0);
         EXPECT_EQ(m_stream.GetFreeBufferSize(), 0u);
@@ -125,7 +125,7 @@ TEST_F(OutputStream, NothingIsWrittenBehindTheBuffer) {
     }
 }
 
-TEST_F(OutputStream, OverwritingLeavesTheSizeAtTheFurthestByte) {
+TEST_F(OutputStreamTest, OverwritingLeavesTheSizeAtTheFurthestByte) {
     m_stream.Write(1u);
     m_stream.Write(2u);
     m_stream.Write(3u);
@@ -138,7 +138,7 @@ TEST_F(OutputStream, OverwritingLeavesTheSizeAtTheFurthestByte) {
     ExpectAt(13, 13);
 }
 
-TEST_F(OutputStream, FreeSizeCountsFromTheIndexNotFromTheSize) {
+TEST_F(OutputStreamTest, FreeSizeCountsFromTheIndexNotFromTheSize) {
     Put(Bytes(100));
     m_stream.Seek(10, 0);
     EXPECT_EQ(m_stream.GetFreeBufferSize(), BUFFER_SIZE - 10);
@@ -148,7 +148,7 @@ TEST_F(OutputStream, FreeSizeCountsFromTheIndexNotFromTheSize) {
 // Seeking
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, SeekFromTheStart) {
+TEST_F(OutputStreamTest, SeekFromTheStart) {
     Put(Bytes(10));
     m_stream.Seek(3, 0);
     ExpectAt(3, 10);
@@ -156,7 +156,7 @@ TEST_F(OutputStream, SeekFromTheStart) {
     ExpectAt(50, 10);
 }
 
-TEST_F(OutputStream, SeekFromTheIndex) {
+TEST_F(OutputStreamTest, SeekFromTheIndex) {
     Put(Bytes(10));
     m_stream.Seek(4, 0);
     m_stream.Seek(3, 1);
@@ -165,7 +165,7 @@ TEST_F(OutputStream, SeekFromTheIndex) {
     ExpectAt(6, 10);
 }
 
-TEST_F(OutputStream, SeekFromTheEndOfTheWrittenExtent) {
+TEST_F(OutputStreamTest, SeekFromTheEndOfTheWrittenExtent) {
     Put(Bytes(10));
     m_stream.Seek(2, 0);
     m_stream.Seek(0, 2);
@@ -174,7 +174,7 @@ TEST_F(OutputStream, SeekFromTheEndOfTheWrittenExtent) {
     ExpectAt(15, 10);
 }
 
-TEST_F(OutputStream, SeekFromAnywhereElseDoesNothing) {
+TEST_F(OutputStreamTest, SeekFromAnywhereElseDoesNothing) {
     Put(Bytes(10));
     m_stream.Seek(4, 0);
     for (const int whence : {-1, 3, 100}) {
@@ -183,7 +183,7 @@ TEST_F(OutputStream, SeekFromAnywhereElseDoesNothing) {
     }
 }
 
-TEST_F(OutputStream, WriteAfterASeekBeyondTheSizeTakesTheGapIn) {
+TEST_F(OutputStreamTest, WriteAfterASeekBeyondTheSizeTakesTheGapIn) {
     Prepare(0xAA);
     Put({1});
     m_stream.Seek(2, 1);
@@ -192,7 +192,7 @@ TEST_F(OutputStream, WriteAfterASeekBeyondTheSizeTakesTheGapIn) {
     EXPECT_THAT(Extent(), ElementsAre(1, 0xAA, 0xAA, 2));
 }
 
-TEST_F(OutputStream, AnEmptyWriteTakesTheGapInToo) {
+TEST_F(OutputStreamTest, AnEmptyWriteTakesTheGapInToo) {
     Put({1});
     m_stream.Seek(3, 1);
     ExpectAt(4, 1);
@@ -204,7 +204,7 @@ TEST_F(OutputStream, AnEmptyWriteTakesTheGapInToo) {
 // Fill after opaques
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, FillOfAnOpaqueIsMovedOver) {
+TEST_F(OutputStreamTest, FillOfAnOpaqueIsMovedOver) {
     const std::uint32_t fills[] = {0, 3, 2, 1, 0, 3, 2, 1, 0};
     for (std::uint32_t length = 0; length <= 8; ++length) {
         m_stream.ResetBuffer();
@@ -215,7 +215,7 @@ TEST_F(OutputStream, FillOfAnOpaqueIsMovedOver) {
     EXPECT_EQ(m_stream.WriteRemainOpaque(0xFFFFFFFF), 1u);
 }
 
-TEST_F(OutputStream, FillKeepsWhatTheBufferHeld) {
+TEST_F(OutputStreamTest, FillKeepsWhatTheBufferHeld) {
     Prepare(0xAA);
     Put({1, 2, 3, 4, 5});
     EXPECT_EQ(m_stream.WriteRemainOpaque(5), 3u);
@@ -229,21 +229,21 @@ TEST_F(OutputStream, FillKeepsWhatTheBufferHeld) {
 // The end of a record
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, EndRecordDropsWhatWasWrittenBeyondTheIndex) {
+TEST_F(OutputStreamTest, EndRecordDropsWhatWasWrittenBeyondTheIndex) {
     Put({1, 2, 3, 4, 5, 6});
     m_stream.Seek(4, 0);
     m_stream.EndRecord();
     ExpectAt(4, 4);
 }
 
-TEST_F(OutputStream, EndRecordTakesInAFillThatWasMovedOver) {
+TEST_F(OutputStreamTest, EndRecordTakesInAFillThatWasMovedOver) {
     Put({1, 2, 3, 4, 5});
     m_stream.WriteRemainOpaque(5);
     m_stream.EndRecord();
     ExpectAt(8, 8);
 }
 
-TEST_F(OutputStream, EndRecordStaysInsideTheBuffer) {
+TEST_F(OutputStreamTest, EndRecordStaysInsideTheBuffer) {
     m_stream.Seek(BUFFER_SIZE - 1, 0);
     Put({1});
     m_stream.WriteRemainOpaque(1);
@@ -255,7 +255,7 @@ TEST_F(OutputStream, EndRecordStaysInsideTheBuffer) {
 // After a send
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, FreeingAllEmptiesTheStream) {
+TEST_F(OutputStreamTest, FreeingAllEmptiesTheStream) {
     Put({1, 2, 3, 4});
     m_stream.FreeBuffer(4);
     ExpectAt(0, 0);
@@ -269,7 +269,7 @@ TEST_F(OutputStream, FreeingAllEmptiesTheStream) {
     ExpectAt(0, 0);
 }
 
-TEST_F(OutputStream, FreeingAPartMovesTheRestToTheFront) {
+TEST_F(OutputStreamTest, FreeingAPartMovesTheRestToTheFront) {
     Put({1, 2, 3, 4, 5, 6});
     m_stream.Seek(2, 0);
     m_stream.FreeBuffer(2);
@@ -277,7 +277,7 @@ TEST_F(OutputStream, FreeingAPartMovesTheRestToTheFront) {
     EXPECT_THAT(Extent(), ElementsAre(3, 4, 5, 6));
 }
 
-TEST_F(OutputStream, FreeingAPartLeavesALargerIndexWhereItWas) {
+TEST_F(OutputStreamTest, FreeingAPartLeavesALargerIndexWhereItWas) {
     Put({1, 2, 3, 4, 5, 6});
     m_stream.Seek(3, 0);
     m_stream.FreeBuffer(2);
@@ -285,14 +285,14 @@ TEST_F(OutputStream, FreeingAPartLeavesALargerIndexWhereItWas) {
     EXPECT_THAT(Extent(), ElementsAre(3, 4, 5, 6));
 }
 
-TEST_F(OutputStream, FreeingNothingFromAnEmptyIndexKeepsTheExtent) {
+TEST_F(OutputStreamTest, FreeingNothingFromAnEmptyIndexKeepsTheExtent) {
     Put({1, 2, 3});
     m_stream.FreeBuffer(0);
     ExpectAt(3, 3);
     EXPECT_THAT(Extent(), ElementsAre(1, 2, 3));
 }
 
-TEST_F(OutputStream, ResetForgetsEverything) {
+TEST_F(OutputStreamTest, ResetForgetsEverything) {
     Put({1, 2, 3});
     m_stream.ResetBuffer();
     ExpectAt(0, 0);
@@ -303,7 +303,7 @@ TEST_F(OutputStream, ResetForgetsEverything) {
 // Against a plain model
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(OutputStream, BehavesLikeAPlainArrayWithIndexAndSize) {
+TEST_F(OutputStreamTest, BehavesLikeAPlainArrayWithIndexAndSize) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);

@@ -495,7 +495,7 @@ private:
     std::size_t m_checked = 0;  // replies of the present run
 };
 
-class RpcSegments : public testing::TestWithParam<Program> {
+class RpcSegmentsTest : public testing::TestWithParam<Program> {
 protected:
     // Runs a body with every sequence of the program under every kind of credential.
     void ForEach(const std::function<void(Sequence&)>& body) {
@@ -520,12 +520,12 @@ protected:
     Service m_service;
 };
 
-INSTANTIATE_TEST_SUITE_P(Programs, RpcSegments, testing::ValuesIn(kPrograms),
+INSTANTIATE_TEST_SUITE_P(Programs, RpcSegmentsTest, testing::ValuesIn(kPrograms),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 
-TEST_P(RpcSegments, CallsThatComeWholeAreServed) {
+TEST_P(RpcSegmentsTest, CallsThatComeWholeAreServed) {
     // NFS knows no links and devices, and not how to commit; each of the others does its work.
     const std::set<std::uint32_t> unserved = {5, 10, 11, 15, 20, 21};
     OnConnection(GetParam().number, m_service, [&](Connection& connection) {
@@ -544,11 +544,11 @@ TEST_P(RpcSegments, CallsThatComeWholeAreServed) {
     });
 }
 
-TEST_P(RpcSegments, InOnePieceTheRepliesAreTheSame) {
+TEST_P(RpcSegmentsTest, InOnePieceTheRepliesAreTheSame) {
     ForEach([](Sequence& sequence) { ASSERT_TRUE(sequence.Run({})); });
 }
 
-TEST_P(RpcSegments, CutAtEveryByte) {
+TEST_P(RpcSegmentsTest, CutAtEveryByte) {
     std::size_t runs = 0;
     ForEach([&](Sequence& sequence) {
         for (std::size_t cut = 1; cut < sequence.Size(); cut += kStride) {
@@ -560,7 +560,7 @@ TEST_P(RpcSegments, CutAtEveryByte) {
     std::printf("cut at %zu places\n", runs);
 }
 
-TEST_P(RpcSegments, InPiecesOfOneSize) {
+TEST_P(RpcSegmentsTest, InPiecesOfOneSize) {
     ForEach([](Sequence& sequence) {
         for (const std::size_t size : {1u, 7u, 44u, 536u, 1460u}) {
             SCOPED_TRACE("pieces of " + std::to_string(size));
@@ -569,7 +569,7 @@ TEST_P(RpcSegments, InPiecesOfOneSize) {
     });
 }
 
-TEST_P(RpcSegments, AtRandomCuts) {
+TEST_P(RpcSegmentsTest, AtRandomCuts) {
     const std::uint64_t seed = support::RandomSeed();
     std::printf("VELOCAST_SEED=%llu\n", static_cast<unsigned long long>(seed));
     std::mt19937_64 random(seed);

@@ -99,9 +99,9 @@ Bytes Extent(const COutputStream& stream) {
 }
 
 // A server with one program and its log.
-class RpcServer : public testing::Test {
+class RpcServerTest : public testing::Test {
 protected:
-    RpcServer() { m_server.Set(PROGRAM, &m_prog); }
+    RpcServerTest() { m_server.Set(PROGRAM, &m_prog); }
 
     // Log lines are of no interest to the test that calls this.
     void Silence() { m_server.SetLogControl(0); }
@@ -114,9 +114,9 @@ protected:
 };
 
 // The same behind a real UDP port.
-class RpcServerOverUdp : public RpcServer {
+class RpcServerOverUdpTest : public RpcServerTest {
 protected:
-    RpcServerOverUdp() {
+    RpcServerOverUdpTest() {
         m_socket.SetListener(&m_spy);
         char reason[STATUS_SIZE] = "";
         if (!m_socket.Open(PROGRAM, PORT, &m_log, reason)) {
@@ -144,7 +144,7 @@ protected:
 // Calls and replies, byte by byte
 // -------------------------------------------------------------------------------------------------
 
-TEST(RpcHeader, LiesOnTheWireAsTheStructuresSay) {
+TEST(RpcHeaderTest, LiesOnTheWireAsTheStructuresSay) {
     static_assert(sizeof(OPAQUE_AUTH) == 8 && sizeof(RPC_HEADER) == 40);
     static_assert(sizeof(RPC_STM_HEADER) == 44 && offsetof(RPC_STM_HEADER, header) == 4);
     static_assert(offsetof(RPC_HEADER, lXID) == 0 && offsetof(RPC_HEADER, lMsg) == 4);
@@ -156,7 +156,7 @@ TEST(RpcHeader, LiesOnTheWireAsTheStructuresSay) {
     static_assert(std::has_virtual_destructor_v<CRpcServer>);
 }
 
-TEST_F(RpcServer, AnswersATcpCallByteByByte) {
+TEST_F(RpcServerTest, AnswersATcpCallByteByByte) {
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send({
         0x80, 0x00, 0x00, 0x2C,  // record mark: last fragment, 44 bytes
@@ -184,7 +184,7 @@ TEST_F(RpcServer, AnswersATcpCallByteByByte) {
                                     }));
 }
 
-TEST_F(RpcServerOverUdp, AnswersADatagramByteByByte) {
+TEST_F(RpcServerOverUdpTest, AnswersADatagramByteByByte) {
     RpcClient client(Transport::Udp, PORT);
     Send(client, {
                      0x12, 0x34, 0x56, 0x78,  // xid
@@ -210,7 +210,7 @@ TEST_F(RpcServerOverUdp, AnswersADatagramByteByByte) {
                                 }));
 }
 
-TEST_F(RpcServer, TheProgramLearnsVersionProcedureAndCaller) {
+TEST_F(RpcServerTest, TheProgramLearnsVersionProcedureAndCaller) {
     PacketConnection connection(PROGRAM, &m_server);
     CRuntimeParam* given = nullptr;
     m_prog.OnCall([&](CInputStream& in, COutputStream& out, ProcessParam& param) {
@@ -229,7 +229,7 @@ TEST_F(RpcServer, TheProgramLearnsVersionProcedureAndCaller) {
     EXPECT_NE(given, &m_mainParam);  // the RPC server's own
 }
 
-TEST_F(RpcServer, TheRecordMarkAnnouncesTheReplyWithoutItself) {
+TEST_F(RpcServerTest, TheRecordMarkAnnouncesTheReplyWithoutItself) {
     Silence();
     PacketConnection connection(PROGRAM, &m_server);
     for (const std::uint32_t size : {0u, 4u, 100u, 8192u, 100'000u}) {
@@ -245,7 +245,7 @@ TEST_F(RpcServer, TheRecordMarkAnnouncesTheReplyWithoutItself) {
     }
 }
 
-TEST_F(RpcServer, FillBehindTheLastOpaqueIsPartOfTheRecord) {
+TEST_F(RpcServerTest, FillBehindTheLastOpaqueIsPartOfTheRecord) {
     PacketConnection connection(PROGRAM, &m_server);
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam&) {
         out.Write(5u);
@@ -263,7 +263,7 @@ TEST_F(RpcServer, FillBehindTheLastOpaqueIsPartOfTheRecord) {
     }
 }
 
-TEST_F(RpcServer, AReplyLargerThanTheBufferIsCutToARecordThatFits) {
+TEST_F(RpcServerTest, AReplyLargerThanTheBufferIsCutToARecordThatFits) {
     Silence();
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam&) {
         const Bytes block(1000, 7);
@@ -285,7 +285,7 @@ TEST_F(RpcServer, AReplyLargerThanTheBufferIsCutToARecordThatFits) {
 
 namespace {
 
-class HeaderSearch : public RpcServer, public testing::WithParamInterface<int> {
+class HeaderSearchTest : public RpcServerTest, public testing::WithParamInterface<int> {
 protected:
     bool Stream() const { return GetParam() == SOCKET_TYPE_TCP; }
     std::uint32_t HeaderSize() const { return Stream() ? 44 : 40; }
@@ -322,7 +322,7 @@ protected:
 
 }  // namespace
 
-TEST_P(HeaderSearch, NeedsAWholeHeader) {
+TEST_P(HeaderSearchTest, NeedsAWholeHeader) {
     const Bytes header = Header(PROGRAM, VERSION, 0);
     ASSERT_EQ(header.size(), HeaderSize());
     EXPECT_TRUE(Find(header));
@@ -333,7 +333,7 @@ TEST_P(HeaderSearch, NeedsAWholeHeader) {
     EXPECT_THAT(m_log.Texts(), IsEmpty());
 }
 
-TEST_P(HeaderSearch, GoesForwardByteByByte) {
+TEST_P(HeaderSearchTest, GoesForwardByteByByte) {
     for (std::size_t garbage = 1; garbage <= 9; ++garbage) {
         m_log.Forget();
         EXPECT_TRUE(Find(Concat({Bytes(garbage, 0xFF), Header(PROGRAM, VERSION, 0)}))) << garbage;
@@ -343,7 +343,7 @@ TEST_P(HeaderSearch, GoesForwardByteByByte) {
     }
 }
 
-TEST_P(HeaderSearch, StartsAtTheInputsPosition) {
+TEST_P(HeaderSearchTest, StartsAtTheInputsPosition) {
     const Bytes header = Header(PROGRAM, VERSION, 0);
     Receive(m_in, Concat({header, {9, 9}, header}));
     m_in.Skip(1);
@@ -353,19 +353,19 @@ TEST_P(HeaderSearch, StartsAtTheInputsPosition) {
     EXPECT_EQ(m_in.GetBufferIndex(), header.size() + 2);
 }
 
-TEST_P(HeaderSearch, TakesTheFirstOfSeveralHeaders) {
+TEST_P(HeaderSearchTest, TakesTheFirstOfSeveralHeaders) {
     EXPECT_TRUE(Find(Concat({GARBAGE, Header(PROGRAM, VERSION, 0), Header(PROGRAM, VERSION, 1)})));
     EXPECT_EQ(m_in.GetBufferIndex(), 7u);
 }
 
-TEST_P(HeaderSearch, LooksAtNothingButProgramVersionAndProcedure) {
+TEST_P(HeaderSearchTest, LooksAtNothingButProgramVersionAndProcedure) {
     Bytes header(HeaderSize(), 0xEE);  // record mark, xid, type, RPC version, credential: anything
     const Bytes words = XdrWriter().U32(PROGRAM).U32(VERSION).U32(4).Data();
     std::copy(words.begin(), words.end(), header.begin() + (Stream() ? 16 : 12));
     EXPECT_TRUE(Find(header));
 }
 
-TEST_P(HeaderSearch, TheVersionMustBeTheProgramsOwn) {
+TEST_P(HeaderSearchTest, TheVersionMustBeTheProgramsOwn) {
     EXPECT_TRUE(Find(Header(PROGRAM, 3, 0)));
     for (const std::uint32_t version : {0u, 2u, 4u, 0xFFFFFFFFu}) {
         EXPECT_FALSE(Find(Header(PROGRAM, version, 0))) << version;
@@ -373,7 +373,7 @@ TEST_P(HeaderSearch, TheVersionMustBeTheProgramsOwn) {
     EXPECT_THAT(m_log.Texts(), IsEmpty());  // the port's own program is not "another call"
 }
 
-TEST_P(HeaderSearch, TheProcedureMustBeLessThanTheirNumber) {
+TEST_P(HeaderSearchTest, TheProcedureMustBeLessThanTheirNumber) {
     for (const std::uint32_t procedure : {0u, 1u, 9u}) {
         EXPECT_TRUE(Find(Header(PROGRAM, VERSION, procedure))) << procedure;
     }
@@ -383,7 +383,7 @@ TEST_P(HeaderSearch, TheProcedureMustBeLessThanTheirNumber) {
     EXPECT_THAT(m_log.Texts(), IsEmpty());
 }
 
-TEST_P(HeaderSearch, AProgramMayTakeAnyVersion) {
+TEST_P(HeaderSearchTest, AProgramMayTakeAnyVersion) {
     ScriptedProg prog(&m_log, CRpcProg::ANY, 10);
     for (const std::uint32_t version : {0u, 2u, 3u, 0xFFFFFFFFu}) {
         EXPECT_TRUE(FindFor(prog, version, 9)) << version;
@@ -391,7 +391,7 @@ TEST_P(HeaderSearch, AProgramMayTakeAnyVersion) {
     }
 }
 
-TEST_P(HeaderSearch, AProgramMayTakeAnyProcedure) {
+TEST_P(HeaderSearchTest, AProgramMayTakeAnyProcedure) {
     ScriptedProg prog(&m_log, 3, CRpcProg::ANY);
     for (const std::uint32_t procedure : {0u, 100u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
         EXPECT_TRUE(FindFor(prog, 3, procedure)) << procedure;
@@ -399,7 +399,7 @@ TEST_P(HeaderSearch, AProgramMayTakeAnyProcedure) {
     }
 }
 
-TEST_P(HeaderSearch, TheBaseOfAllProgramsTakesEverything) {
+TEST_P(HeaderSearchTest, TheBaseOfAllProgramsTakesEverything) {
     class Plain : public CRpcProg {
     public:
         using CRpcProg::CRpcProg;
@@ -412,7 +412,7 @@ TEST_P(HeaderSearch, TheBaseOfAllProgramsTakesEverything) {
     EXPECT_TRUE(Find(Header(PROGRAM, 77, 0xFFFFFFFF)));
 }
 
-TEST_P(HeaderSearch, TheProgramMustBeThePortsOwn) {
+TEST_P(HeaderSearchTest, TheProgramMustBeThePortsOwn) {
     ScriptedProg other(&m_log, VERSION, PROCEDURES);
     m_server.Set(100005, &other);  // served, but on another port
     EXPECT_FALSE(Find(Header(100005, VERSION, 0)));
@@ -420,19 +420,19 @@ TEST_P(HeaderSearch, TheProgramMustBeThePortsOwn) {
     EXPECT_TRUE(Find(Header(100005, VERSION, 0), 100005));
 }
 
-TEST_P(HeaderSearch, AProgramThatIsNotRegisteredHasNoHeaders) {
+TEST_P(HeaderSearchTest, AProgramThatIsNotRegisteredHasNoHeaders) {
     EXPECT_FALSE(Find(Header(100000, 2, 0), 100000));
     m_server.Set(PROGRAM, nullptr);
     EXPECT_FALSE(Find(Header(PROGRAM, VERSION, 0)));
 }
 
-TEST_P(HeaderSearch, ACallForAnotherProgramIsLogged) {
+TEST_P(HeaderSearchTest, ACallForAnotherProgramIsLogged) {
     EXPECT_FALSE(Find(Header(100004, 1, 7)));
     EXPECT_THAT(m_log.Infos(), ElementsAre("[Some.Label] A possible valid header may be skipped, "
                                            "ProcId=100004, ProcId=7"));
 }
 
-TEST_P(HeaderSearch, OnlyPlausibleProgramsAndProceduresAreLogged) {
+TEST_P(HeaderSearchTest, OnlyPlausibleProgramsAndProceduresAreLogged) {
     struct {
         std::uint32_t program;
         std::uint32_t procedure;
@@ -449,17 +449,17 @@ TEST_P(HeaderSearch, OnlyPlausibleProgramsAndProceduresAreLogged) {
     }
 }
 
-TEST_P(HeaderSearch, IsSilentWithoutRpcLogging) {
+TEST_P(HeaderSearchTest, IsSilentWithoutRpcLogging) {
     m_param.SetLogControl(LOG_ALL & ~LOG_CONTROL_RPC);
     EXPECT_FALSE(Find(Header(100004, 1, 7)));
     EXPECT_TRUE(Find(Concat({GARBAGE, Header(PROGRAM, VERSION, 0)})));
     EXPECT_THAT(m_log.Texts(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, HeaderSearch, testing::Values(SOCKET_TYPE_TCP, SOCKET_TYPE_UDP),
+INSTANTIATE_TEST_SUITE_P(Types, HeaderSearchTest, testing::Values(SOCKET_TYPE_TCP, SOCKET_TYPE_UDP),
                          [](const auto& info) { return info.param == 1 ? "Tcp" : "Udp"; });
 
-TEST_F(RpcServer, GarbageBeforeATcpCallIsSkipped) {
+TEST_F(RpcServerTest, GarbageBeforeATcpCallIsSkipped) {
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Concat({GARBAGE, Call(1, NEXT_NUMBER, Word(41))}));
     const std::optional<Bytes> reply = connection.Receive();
@@ -468,7 +468,7 @@ TEST_F(RpcServer, GarbageBeforeATcpCallIsSkipped) {
     EXPECT_TRUE(m_log.Has("[RpcServer.SocketReceived] Skipped 7 data for next vaild header"));
 }
 
-TEST_F(RpcServerOverUdp, GarbageBeforeACallInADatagramIsSkipped) {
+TEST_F(RpcServerOverUdpTest, GarbageBeforeACallInADatagramIsSkipped) {
     RpcClient client(Transport::Udp, PORT);
     Send(client, Concat({GARBAGE, BuildCall(5, PROGRAM, VERSION, NEXT_NUMBER, Word(41))}));
     const RpcReply reply = ParseReply(Received(client));
@@ -477,7 +477,7 @@ TEST_F(RpcServerOverUdp, GarbageBeforeACallInADatagramIsSkipped) {
     EXPECT_TRUE(m_log.Has("[RpcServer.SocketReceived] Skipped 7 data for next vaild header"));
 }
 
-TEST_F(RpcServer, BytesWithoutAHeaderStayForTheNextReceive) {
+TEST_F(RpcServerTest, BytesWithoutAHeaderStayForTheNextReceive) {
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(1, NEXT_NUMBER, Word(41));
     connection.Send(FirstBytes(call, 43));
@@ -490,7 +490,7 @@ TEST_F(RpcServer, BytesWithoutAHeaderStayForTheNextReceive) {
     EXPECT_EQ(Record(*reply).body, Word(42));
 }
 
-TEST_F(RpcServer, CallsThatAreNotTheProgramsAreSkippedAndNotAnswered) {
+TEST_F(RpcServerTest, CallsThatAreNotTheProgramsAreSkippedAndNotAnswered) {
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(WithRecordMark(BuildCall(1, PROGRAM, 2, 0)));         // wrong version
     connection.Send(WithRecordMark(BuildCall(2, 100004, VERSION, 0)));    // wrong program
@@ -515,11 +515,11 @@ struct ResultCase {
     bool bodyKept;
 };
 
-class ProgramResult : public RpcServer, public testing::WithParamInterface<ResultCase> {};
+class ProgramResultTest : public RpcServerTest, public testing::WithParamInterface<ResultCase> {};
 
 }  // namespace
 
-TEST_P(ProgramResult, BecomesItsAcceptStatus) {
+TEST_P(ProgramResultTest, BecomesItsAcceptStatus) {
     const ResultCase& expected = GetParam();
     m_prog.OnCall([&](CInputStream&, COutputStream& out, ProcessParam& param) {
         if (param.iProc != 5) {
@@ -549,7 +549,7 @@ TEST_P(ProgramResult, BecomesItsAcceptStatus) {
     EXPECT_EQ(Record(*next).acceptStat, support::kSuccess);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ProgramResult,
+INSTANTIATE_TEST_SUITE_P(All, ProgramResultTest,
                          testing::Values(ResultCase{0, support::kSuccess, true},
                                          ResultCase{1, support::kGarbageArgs, false},
                                          ResultCase{2, support::kProcUnavail, false},
@@ -562,7 +562,7 @@ INSTANTIATE_TEST_SUITE_P(All, ProgramResult,
                                         : "Result" + std::to_string(info.param.result);
                          });
 
-TEST_F(RpcServer, OnlyASuccessfulCallLetsTheRoundGoOn) {
+TEST_F(RpcServerTest, OnlyASuccessfulCallLetsTheRoundGoOn) {
     int result = 0;
     m_prog.OnCall([&](CInputStream&, COutputStream&, ProcessParam& param) {
         return param.iProc == 5 ? result : PROG_RESULT_DONE;
@@ -581,7 +581,7 @@ TEST_F(RpcServer, OnlyASuccessfulCallLetsTheRoundGoOn) {
     }
 }
 
-TEST_F(RpcServer, AnExceptionOfAProgramPassesThroughAndLeavesTheServerUsable) {
+TEST_F(RpcServerTest, AnExceptionOfAProgramPassesThroughAndLeavesTheServerUsable) {
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     m_prog.OnCall([](CInputStream&, COutputStream&, ProcessParam&) -> int {
         throw std::logic_error("from the program");
@@ -599,7 +599,7 @@ TEST_F(RpcServer, AnExceptionOfAProgramPassesThroughAndLeavesTheServerUsable) {
 namespace {
 
 // Process called directly: only so a call gets there that the search would not let through.
-class ProcessOf : public RpcServer, public testing::WithParamInterface<int> {
+class ProcessOfTest : public RpcServerTest, public testing::WithParamInterface<int> {
 protected:
     bool Stream() const { return GetParam() == SOCKET_TYPE_TCP; }
     RpcReply Process(const Bytes& message, int expectedResult) {
@@ -618,7 +618,7 @@ protected:
 
 }  // namespace
 
-TEST_P(ProcessOf, AProgramThatIsNotRegisteredIsUnavailable) {
+TEST_P(ProcessOfTest, AProgramThatIsNotRegisteredIsUnavailable) {
     for (const std::uint32_t program : {0u, 99'999u, 100'000u, 100'009u, 100'010u, 0xFFFFFFFFu}) {
         const RpcReply reply = Process(BuildCall(8, program, VERSION, 0), 0);
         EXPECT_EQ(reply.xid, 8u);
@@ -628,7 +628,7 @@ TEST_P(ProcessOf, AProgramThatIsNotRegisteredIsUnavailable) {
     EXPECT_THAT(m_prog.Calls(), IsEmpty());
 }
 
-TEST_P(ProcessOf, AnyNumberOfTheTableCanBeServed) {
+TEST_P(ProcessOfTest, AnyNumberOfTheTableCanBeServed) {
     for (const int program : {100'000, 100'001, 100'009}) {
         ScriptedProg prog(&m_log);
         m_server.Set(program, &prog);
@@ -640,7 +640,7 @@ TEST_P(ProcessOf, AnyNumberOfTheTableCanBeServed) {
     }
 }
 
-TEST_P(ProcessOf, NumbersOutsideTheTableAreNotStored) {
+TEST_P(ProcessOfTest, NumbersOutsideTheTableAreNotStored) {
     ScriptedProg prog(&m_log);
     for (const int program : {99'999, 100'010, 0, -1}) {
         m_server.Set(program, &prog);
@@ -651,7 +651,7 @@ TEST_P(ProcessOf, NumbersOutsideTheTableAreNotStored) {
     EXPECT_THAT(prog.Calls(), IsEmpty());
 }
 
-TEST_P(ProcessOf, TheResultIsTheProgramsCode) {
+TEST_P(ProcessOfTest, TheResultIsTheProgramsCode) {
     for (const int result : {0, 1, 2, 3, 17, -5}) {
         m_prog.OnCall([result](CInputStream&, COutputStream&, ProcessParam&) { return result; });
         Process(BuildCall(8, PROGRAM, VERSION, 0), result);
@@ -659,7 +659,7 @@ TEST_P(ProcessOf, TheResultIsTheProgramsCode) {
     EXPECT_EQ(m_prog.Calls().at(0).address, "192.0.2.9");
 }
 
-TEST_P(ProcessOf, MessageTypeAndRpcVersionAreNotChecked) {
+TEST_P(ProcessOfTest, MessageTypeAndRpcVersionAreNotChecked) {
     const Bytes message = XdrWriter()
                               .U32(8)
                               .U32(1)  // REPLY
@@ -680,14 +680,14 @@ TEST_P(ProcessOf, MessageTypeAndRpcVersionAreNotChecked) {
     EXPECT_EQ(reply.body, Word(42));
 }
 
-TEST_P(ProcessOf, AnExceptionOfAProgramPassesThrough) {
+TEST_P(ProcessOfTest, AnExceptionOfAProgramPassesThrough) {
     m_prog.OnCall([](CInputStream&, COutputStream&, ProcessParam&) -> int {
         throw std::logic_error("from the program");
     });
     EXPECT_THROW(Process(BuildCall(8, PROGRAM, VERSION, 0), 0), std::logic_error);
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, ProcessOf, testing::Values(SOCKET_TYPE_TCP, SOCKET_TYPE_UDP),
+INSTANTIATE_TEST_SUITE_P(Types, ProcessOfTest, testing::Values(SOCKET_TYPE_TCP, SOCKET_TYPE_UDP),
                          [](const auto& info) { return info.param == 1 ? "Tcp" : "Udp"; });
 
 // -------------------------------------------------------------------------------------------------
@@ -710,7 +710,7 @@ Bytes CallWithAuth(std::uint32_t xid, std::uint32_t procedure, const OpaqueAuth&
 
 }  // namespace
 
-TEST_F(RpcServer, ACredentialIsSkippedWhateverItSays) {
+TEST_F(RpcServerTest, ACredentialIsSkippedWhateverItSays) {
     PacketConnection connection(PROGRAM, &m_server);
     const OpaqueAuth credentials[] = {
         support::AuthSys(1000, 100, {1, 2, 3}), {6, Bytes(400, 0xFF)}, {0xFFFFFFFF, {}}};
@@ -722,7 +722,7 @@ TEST_F(RpcServer, ACredentialIsSkippedWhateverItSays) {
     }
 }
 
-TEST_F(RpcServer, NoFillIsSkippedAfterACredentialOrAVerifier) {
+TEST_F(RpcServerTest, NoFillIsSkippedAfterACredentialOrAVerifier) {
     PacketConnection connection(PROGRAM, &m_server);
     for (const std::size_t size : {1u, 2u, 3u, 5u}) {
         connection.Send(CallWithAuth(1, NEXT_NUMBER, {1, Bytes(size, 0xEE)},
@@ -734,7 +734,7 @@ TEST_F(RpcServer, NoFillIsSkippedAfterACredentialOrAVerifier) {
     }
 }
 
-TEST_F(RpcServer, TheVerifiersTwoWordsAreEchoedWithoutItsBody) {
+TEST_F(RpcServerTest, TheVerifiersTwoWordsAreEchoedWithoutItsBody) {
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Call(1, NEXT_NUMBER, Word(41), {}, {6, Bytes(8, 0xEE)}));
     EXPECT_EQ(connection.Receive(), (Bytes{
@@ -770,7 +770,7 @@ ScriptedProg::Handler TakesBytes(std::uint32_t size) {
 
 }  // namespace
 
-TEST_F(RpcServer, ACallCutInItsArgumentsIsParsedAgainFromItsStart) {
+TEST_F(RpcServerTest, ACallCutInItsArgumentsIsParsedAgainFromItsStart) {
     m_prog.OnCall(TakesBytes(100));
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(9, 5, Bytes(100, 0x55));
@@ -788,7 +788,7 @@ TEST_F(RpcServer, ACallCutInItsArgumentsIsParsedAgainFromItsStart) {
     EXPECT_EQ(m_log.Count("[RpcServer.SocketReceived] Reset input buffer postion"), 2u);
 }
 
-TEST_F(RpcServer, ACutCallBehindWholeOnesHoldsNothingUp) {
+TEST_F(RpcServerTest, ACutCallBehindWholeOnesHoldsNothingUp) {
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes cut = Call(3, NEXT_NUMBER, Word(30));
     connection.Send(Concat(
@@ -801,7 +801,7 @@ TEST_F(RpcServer, ACutCallBehindWholeOnesHoldsNothingUp) {
     EXPECT_EQ(Record(replies[1]).body, Word(41));
 }
 
-TEST_F(RpcServer, WithALaterHeaderTheReplyOfATruncatedCallIsSent) {
+TEST_F(RpcServerTest, WithALaterHeaderTheReplyOfATruncatedCallIsSent) {
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam& param) {
         if (param.iProc != 5) {
             return PROG_RESULT_DONE;
@@ -827,7 +827,7 @@ TEST_F(RpcServer, WithALaterHeaderTheReplyOfATruncatedCallIsSent) {
     EXPECT_EQ(Record(replies[1]).xid, 3u);
 }
 
-TEST_F(RpcServer, WithoutALaterHeaderTheReplyOfATruncatedCallIsDropped) {
+TEST_F(RpcServerTest, WithoutALaterHeaderTheReplyOfATruncatedCallIsDropped) {
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam&) {
         out.Write(0xABCDABCDu);
         return PROG_RESULT_TRUNCATED;
@@ -840,7 +840,7 @@ TEST_F(RpcServer, WithoutALaterHeaderTheReplyOfATruncatedCallIsDropped) {
     EXPECT_EQ(connection.Socket().GetInputStream()->GetFilledBufferSize(), Call(1).size());
 }
 
-TEST_F(RpcServer, ACallWithoutArgumentsThatIsCutInItsCredentialIsAnsweredEarly) {
+TEST_F(RpcServerTest, ACallWithoutArgumentsThatIsCutInItsCredentialIsAnsweredEarly) {
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(7, NOTHING, {}, {1, Bytes(200, 0xEE)}, {6, Bytes(4, 0xDD)});
     connection.Send(FirstBytes(call, 100));
@@ -863,7 +863,7 @@ TEST_F(RpcServer, ACallWithoutArgumentsThatIsCutInItsCredentialIsAnsweredEarly) 
     EXPECT_EQ(Record(replies[0]).xid, 8u);
 }
 
-TEST_F(RpcServer, ACallWithArgumentsThatIsCutInItsCredentialIsAnsweredOnceItIsWhole) {
+TEST_F(RpcServerTest, ACallWithArgumentsThatIsCutInItsCredentialIsAnsweredOnceItIsWhole) {
     m_prog.OnCall(TakesBytes(300));
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(7, 5, Bytes(300, 0x55), {1, Bytes(200, 0xEE)}, {6, Bytes(4, 0xDD)});
@@ -879,7 +879,7 @@ TEST_F(RpcServer, ACallWithArgumentsThatIsCutInItsCredentialIsAnsweredOnceItIsWh
     EXPECT_EQ(Record(replies[0]).body, Word(300));
 }
 
-TEST_F(RpcServer, ACallCutInItsCredentialFindsNoArguments) {
+TEST_F(RpcServerTest, ACallCutInItsCredentialFindsNoArguments) {
     std::vector<std::uint32_t> available;
     m_prog.OnCall([&](CInputStream& in, COutputStream& out, ProcessParam& param) {
         available.push_back(in.GetFilledBufferSize());
@@ -896,7 +896,7 @@ TEST_F(RpcServer, ACallCutInItsCredentialFindsNoArguments) {
     EXPECT_THAT(available, ElementsAre(0, 4));
 }
 
-TEST_F(RpcServer, ALaterHeaderIsFoundInWhatACutCallTookForItsCredential) {
+TEST_F(RpcServerTest, ALaterHeaderIsFoundInWhatACutCallTookForItsCredential) {
     PacketConnection connection(PROGRAM, &m_server);
     // The first call announces a credential that never comes; the others are whole.
     Bytes broken = Call(1, NEXT_NUMBER, Word(10), {1, Bytes(8, 0xEE)});
@@ -913,7 +913,7 @@ TEST_F(RpcServer, ALaterHeaderIsFoundInWhatACutCallTookForItsCredential) {
     EXPECT_EQ(Record(replies[1]).body, Word(31));
 }
 
-TEST_F(RpcServer, ACallCutInItsVerifierIsDispatchedToo) {
+TEST_F(RpcServerTest, ACallCutInItsVerifierIsDispatchedToo) {
     PacketConnection connection(PROGRAM, &m_server);
     const Bytes call = Call(7, NOTHING, {}, {}, {6, Bytes(100, 0xDD)});
     connection.Send(FirstBytes(call, 50));
@@ -925,7 +925,7 @@ TEST_F(RpcServer, ACallCutInItsVerifierIsDispatchedToo) {
     EXPECT_EQ(Record(*reply).verifierLength, 100u);
 }
 
-TEST_F(RpcServer, ACredentialLengthBeyondAllBoundsIsATruncation) {
+TEST_F(RpcServerTest, ACredentialLengthBeyondAllBoundsIsATruncation) {
     PacketConnection connection(PROGRAM, &m_server);
     XdrWriter call;
     call.U32(7).U32(0).U32(2).U32(PROGRAM).U32(VERSION).U32(NOTHING);
@@ -936,7 +936,7 @@ TEST_F(RpcServer, ACredentialLengthBeyondAllBoundsIsATruncation) {
     EXPECT_TRUE(connection.Receive());
 }
 
-TEST_F(RpcServer, ATruncationIsSilentWithoutErrorLogging) {
+TEST_F(RpcServerTest, ATruncationIsSilentWithoutErrorLogging) {
     m_server.SetLogControl(LOG_ALL & ~LOG_CONTROL_ERROR);
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(FirstBytes(Call(7, NOTHING, {}, {1, Bytes(200, 0xEE)}), 100));
@@ -944,7 +944,7 @@ TEST_F(RpcServer, ATruncationIsSilentWithoutErrorLogging) {
     EXPECT_THAT(m_log.Infos(), Not(IsEmpty()));
 }
 
-TEST_F(RpcServer, AnUnfinishedCallStaysForTheNextConnectionOfTheSlot) {
+TEST_F(RpcServerTest, AnUnfinishedCallStaysForTheNextConnectionOfTheSlot) {
     ListenerSpy spy(&m_server);
     CServerSocket server;
     server.SetListener(&spy);
@@ -967,7 +967,7 @@ TEST_F(RpcServer, AnUnfinishedCallStaysForTheNextConnectionOfTheSlot) {
 // Several calls
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(RpcServer, PipelinedCallsAreAnsweredInOrderEachWithASendOfItsOwn) {
+TEST_F(RpcServerTest, PipelinedCallsAreAnsweredInOrderEachWithASendOfItsOwn) {
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Concat({Call(1, NEXT_NUMBER, Word(10)), Call(2, NEXT_NUMBER, Word(20)),
                             Call(3, NEXT_NUMBER, Word(30))}));
@@ -980,7 +980,7 @@ TEST_F(RpcServer, PipelinedCallsAreAnsweredInOrderEachWithASendOfItsOwn) {
     }
 }
 
-TEST_F(RpcServer, AReplyIsSentBeforeTheNextCallIsLookedAt) {
+TEST_F(RpcServerTest, AReplyIsSentBeforeTheNextCallIsLookedAt) {
     PacketConnection connection(PROGRAM, &m_server);
     std::vector<bool> sentBefore;
     m_prog.OnCall([&](CInputStream&, COutputStream& out, ProcessParam&) {
@@ -992,7 +992,7 @@ TEST_F(RpcServer, AReplyIsSentBeforeTheNextCallIsLookedAt) {
     EXPECT_THAT(sentBefore, ElementsAre(false, true));
 }
 
-TEST_F(RpcServerOverUdp, ADatagramIsOneCall) {
+TEST_F(RpcServerOverUdpTest, ADatagramIsOneCall) {
     RpcClient first(Transport::Udp, PORT);
     RpcClient second(Transport::Udp, PORT);
     const auto call = [](std::uint32_t xid) { return BuildCall(xid, PROGRAM, VERSION, NOTHING); };
@@ -1008,7 +1008,7 @@ TEST_F(RpcServerOverUdp, ADatagramIsOneCall) {
     EXPECT_EQ(ParseReply(Received(first)).xid, 3u);
 }
 
-TEST_F(RpcServerOverUdp, AFailedCallEndsTheRoundToo) {
+TEST_F(RpcServerOverUdpTest, AFailedCallEndsTheRoundToo) {
     m_prog.OnCall([](CInputStream&, COutputStream&, ProcessParam&) { return PROG_RESULT_NOIMP; });
     RpcClient client(Transport::Udp, PORT);
     Send(client, Concat({BuildCall(1, PROGRAM, VERSION, NOTHING),
@@ -1017,7 +1017,7 @@ TEST_F(RpcServerOverUdp, AFailedCallEndsTheRoundToo) {
     EXPECT_TRUE(Received(client).empty());
 }
 
-TEST_F(RpcServerOverUdp, ACallCutInItsArgumentsWaitsForTheNextDatagram) {
+TEST_F(RpcServerOverUdpTest, ACallCutInItsArgumentsWaitsForTheNextDatagram) {
     RpcClient client(Transport::Udp, PORT);
     const Bytes call = BuildCall(1, PROGRAM, VERSION, NEXT_NUMBER, Word(41));
     Send(client, FirstBytes(call, 41));
@@ -1027,7 +1027,7 @@ TEST_F(RpcServerOverUdp, ACallCutInItsArgumentsWaitsForTheNextDatagram) {
     EXPECT_EQ(ParseReply(Received(client)).body, Word(42));
 }
 
-TEST_F(RpcServerOverUdp, RepliesGoToTheirSenders) {
+TEST_F(RpcServerOverUdpTest, RepliesGoToTheirSenders) {
     RpcClient first(Transport::Udp, PORT);
     RpcClient second(Transport::Udp, PORT);
     for (std::uint32_t i = 0; i < 20; ++i) {
@@ -1036,7 +1036,7 @@ TEST_F(RpcServerOverUdp, RepliesGoToTheirSenders) {
     }
 }
 
-TEST_F(RpcServer, AStreamCutAnywhereIsAnsweredCallByCall) {
+TEST_F(RpcServerTest, AStreamCutAnywhereIsAnsweredCallByCall) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);
@@ -1070,7 +1070,7 @@ TEST_F(RpcServer, AStreamCutAnywhereIsAnsweredCallByCall) {
 // Replies that are sent in part
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(RpcServer, TheRestOfAPartialReplyGoesOutInFrontOfTheNextOne) {
+TEST_F(RpcServerTest, TheRestOfAPartialReplyGoesOutInFrontOfTheNextOne) {
     PacketConnection connection(PROGRAM, &m_server);
     for (const std::size_t taken : {1, 4, 10, 31}) {
         faults::Shorten(faults::Call::Send, taken, 1, faults::On::OtherThreads);
@@ -1089,7 +1089,7 @@ TEST_F(RpcServer, TheRestOfAPartialReplyGoesOutInFrontOfTheNextOne) {
     }
 }
 
-TEST_F(RpcServer, AReplyThatTheSystemDoesNotTakeGoesOutWithTheNextOne) {
+TEST_F(RpcServerTest, AReplyThatTheSystemDoesNotTakeGoesOutWithTheNextOne) {
     PacketConnection connection(PROGRAM, &m_server);
     faults::Fail(faults::Call::Send, EAGAIN, 1, faults::On::OtherThreads);
     connection.Send(Call(1));
@@ -1101,7 +1101,7 @@ TEST_F(RpcServer, AReplyThatTheSystemDoesNotTakeGoesOutWithTheNextOne) {
     EXPECT_EQ(replies[1].xid, 2u);
 }
 
-TEST_F(RpcServer, ATruncatedCallDoesNotTakeTheRestOfAnEarlierReplyWithIt) {
+TEST_F(RpcServerTest, ATruncatedCallDoesNotTakeTheRestOfAnEarlierReplyWithIt) {
     PacketConnection connection(PROGRAM, &m_server);
     faults::Shorten(faults::Call::Send, 10, 1, faults::On::OtherThreads);
     const Bytes cut = Call(2, NEXT_NUMBER, Word(20));
@@ -1114,7 +1114,7 @@ TEST_F(RpcServer, ATruncatedCallDoesNotTakeTheRestOfAnEarlierReplyWithIt) {
     EXPECT_EQ(Record(Joined(connection.ReceiveAll())).body, Word(21));
 }
 
-TEST_F(RpcServer, AReplacedStatusBehindAPartialReplyLeavesBothRecordsWhole) {
+TEST_F(RpcServerTest, AReplacedStatusBehindAPartialReplyLeavesBothRecordsWhole) {
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam& param) {
         out.Write(0xABCDABCDu);
         return param.iProc == 5 ? PROG_RESULT_GARBAGE : PROG_RESULT_DONE;
@@ -1133,7 +1133,7 @@ TEST_F(RpcServer, AReplacedStatusBehindAPartialReplyLeavesBothRecordsWhole) {
     EXPECT_EQ(replies[2].xid, 3u);
 }
 
-TEST_F(RpcServer, HoweverSendsAreCutEveryRecordArrivesWhole) {
+TEST_F(RpcServerTest, HoweverSendsAreCutEveryRecordArrivesWhole) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);
@@ -1174,7 +1174,7 @@ TEST_F(RpcServer, HoweverSendsAreCutEveryRecordArrivesWhole) {
     }
 }
 
-TEST_F(RpcServer, APeerThatDisappearsMidReplyDoesNotEndTheProcess) {
+TEST_F(RpcServerTest, APeerThatDisappearsMidReplyDoesNotEndTheProcess) {
     Silence();
     m_prog.OnCall([](CInputStream&, COutputStream& out, ProcessParam&) {
         out.Write(nullptr, 900'000);
@@ -1204,7 +1204,7 @@ TEST_F(RpcServer, APeerThatDisappearsMidReplyDoesNotEndTheProcess) {
 // Log lines and identities
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(RpcServer, RpcLoggingTellsOfEveryStepOfATcpCall) {
+TEST_F(RpcServerTest, RpcLoggingTellsOfEveryStepOfATcpCall) {
     m_server.SetLogControl(LOG_CONTROL_RPC);
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Concat({Call(16, NEXT_NUMBER, Word(41)), {1, 2, 3}}));
@@ -1227,7 +1227,7 @@ TEST_F(RpcServer, RpcLoggingTellsOfEveryStepOfATcpCall) {
     }
 }
 
-TEST_F(RpcServerOverUdp, RpcLoggingTellsOfEveryStepOfADatagram) {
+TEST_F(RpcServerOverUdpTest, RpcLoggingTellsOfEveryStepOfADatagram) {
     m_server.SetLogControl(LOG_CONTROL_RPC);
     RpcClient client(Transport::Udp, PORT);
     Send(client, BuildCall(16, PROGRAM, VERSION, NEXT_NUMBER, Word(41)));
@@ -1243,7 +1243,7 @@ TEST_F(RpcServerOverUdp, RpcLoggingTellsOfEveryStepOfADatagram) {
     EXPECT_EQ(m_log.Lines()[0].id, "127.0.0.1");
 }
 
-TEST_F(RpcServer, RpcLoggingTellsOfATruncatedCall) {
+TEST_F(RpcServerTest, RpcLoggingTellsOfATruncatedCall) {
     m_server.SetLogControl(LOG_CONTROL_RPC | LOG_CONTROL_ERROR);
     m_prog.OnCall(TakesBytes(300));
     PacketConnection connection(PROGRAM, &m_server);
@@ -1263,7 +1263,7 @@ TEST_F(RpcServer, RpcLoggingTellsOfATruncatedCall) {
     EXPECT_EQ(m_log.Lines()[1].kind, LogKind::Error);
 }
 
-TEST_F(RpcServer, IsSilentWithoutItsCategories) {
+TEST_F(RpcServerTest, IsSilentWithoutItsCategories) {
     m_server.SetLogControl(LOG_ALL & ~(LOG_CONTROL_RPC | LOG_CONTROL_ERROR));
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Concat({GARBAGE, Call(1, NEXT_NUMBER, Word(1)), Call(2, NEXT_NUMBER)}));
@@ -1271,7 +1271,7 @@ TEST_F(RpcServer, IsSilentWithoutItsCategories) {
     EXPECT_THAT(m_log.Texts(), IsEmpty());
 }
 
-TEST_F(RpcServer, LogControlIsCopiedAtConstructionAndReplacedBySetLogControl) {
+TEST_F(RpcServerTest, LogControlIsCopiedAtConstructionAndReplacedBySetLogControl) {
     m_mainParam.SetLogControl(0);  // a copy was taken before
     PacketConnection connection(PROGRAM, &m_server);
     connection.Send(Call(1));
@@ -1285,7 +1285,7 @@ TEST_F(RpcServer, LogControlIsCopiedAtConstructionAndReplacedBySetLogControl) {
     EXPECT_THAT(m_log.Texts(), Not(IsEmpty()));
 }
 
-TEST_F(RpcServer, EveryReceiveIsDoneUnderThePeersAddress) {
+TEST_F(RpcServerTest, EveryReceiveIsDoneUnderThePeersAddress) {
     m_prog.OnCall([](CInputStream&, COutputStream&, ProcessParam& param) {
         param.pRuntimeParam->SetID("vm01");
         param.pRuntimeParam->SetIpcID("controller");
@@ -1319,7 +1319,7 @@ TEST_F(RpcServer, EveryReceiveIsDoneUnderThePeersAddress) {
 // Many sockets
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(RpcServer, ProgramsAreNeverEnteredByTwoSocketsAtOnce) {
+TEST_F(RpcServerTest, ProgramsAreNeverEnteredByTwoSocketsAtOnce) {
     Silence();
     int inside = 0;  // written without a lock of its own: the server's is to protect it
     int served = 0;

@@ -40,7 +40,7 @@ constexpr Category CATEGORIES[] = {
     {"Portmap", 512, &CRuntimeParam::IsLogPortmap},
 };
 
-class LogCategory : public testing::TestWithParam<Category> {
+class LogCategoryTest : public testing::TestWithParam<Category> {
 protected:
     static bool Enabled(int logControl) {
         const CRuntimeParam param("", logControl);
@@ -50,37 +50,37 @@ protected:
 
 }  // namespace
 
-TEST_P(LogCategory, ItsBitAloneSwitchesItOn) { EXPECT_TRUE(Enabled(GetParam().value)); }
+TEST_P(LogCategoryTest, ItsBitAloneSwitchesItOn) { EXPECT_TRUE(Enabled(GetParam().value)); }
 
-TEST_P(LogCategory, NoOtherBitSwitchesItOn) { EXPECT_FALSE(Enabled(~GetParam().value)); }
+TEST_P(LogCategoryTest, NoOtherBitSwitchesItOn) { EXPECT_FALSE(Enabled(~GetParam().value)); }
 
-TEST_P(LogCategory, ControlZeroSilencesIt) { EXPECT_FALSE(Enabled(0)); }
+TEST_P(LogCategoryTest, ControlZeroSilencesIt) { EXPECT_FALSE(Enabled(0)); }
 
-TEST_P(LogCategory, Control1023SwitchesItOn) { EXPECT_TRUE(Enabled(1023)); }
+TEST_P(LogCategoryTest, Control1023SwitchesItOn) { EXPECT_TRUE(Enabled(1023)); }
 
-TEST_P(LogCategory, ControlOneShowsErrorsOnly) {
+TEST_P(LogCategoryTest, ControlOneShowsErrorsOnly) {
     EXPECT_EQ(Enabled(1), std::string(GetParam().name) == "Error");
 }
 
-TEST_P(LogCategory, BitsAboveTheLastCategoryMeanNothing) { EXPECT_FALSE(Enabled(~1023)); }
+TEST_P(LogCategoryTest, BitsAboveTheLastCategoryMeanNothing) { EXPECT_FALSE(Enabled(~1023)); }
 
-TEST_P(LogCategory, BitThirtyOneAloneSwitchesNothingOn) { EXPECT_FALSE(Enabled(INT_MIN)); }
+TEST_P(LogCategoryTest, BitThirtyOneAloneSwitchesNothingOn) { EXPECT_FALSE(Enabled(INT_MIN)); }
 
-TEST_P(LogCategory, BitThirtyOneDoesNotHideItsBit) {
+TEST_P(LogCategoryTest, BitThirtyOneDoesNotHideItsBit) {
     EXPECT_TRUE(Enabled(INT_MIN | GetParam().value));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, LogCategory, testing::ValuesIn(CATEGORIES),
+INSTANTIATE_TEST_SUITE_P(All, LogCategoryTest, testing::ValuesIn(CATEGORIES),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(RuntimeParam, StoresTheIdItIsGiven) {
+TEST(RuntimeParamTest, StoresTheIdItIsGiven) {
     char id[] = "vm01";
     const CRuntimeParam param(id, 0);
     id[0] = 'X';  // a copy is kept, not the caller's pointer
     EXPECT_STREQ(param.GetID(), "vm01");
 }
 
-TEST(RuntimeParam, IpcIdIsEmptyUnlessSet) {
+TEST(RuntimeParamTest, IpcIdIsEmptyUnlessSet) {
     CRuntimeParam param("vm01", 0);
     EXPECT_STREQ(param.GetIpcID(), "");
     char id[] = "controller";
@@ -90,7 +90,7 @@ TEST(RuntimeParam, IpcIdIsEmptyUnlessSet) {
     EXPECT_STREQ(param.GetID(), "vm01");
 }
 
-TEST(RuntimeParam, NullIdsBecomeEmptyTexts) {
+TEST(RuntimeParamTest, NullIdsBecomeEmptyTexts) {
     CRuntimeParam param(nullptr, 0);
     EXPECT_STREQ(param.GetID(), "");
 
@@ -103,7 +103,7 @@ TEST(RuntimeParam, NullIdsBecomeEmptyTexts) {
     EXPECT_STREQ(param.GetIpcID(), "");
 }
 
-TEST(RuntimeParam, LogControlIsReplacedWholeAndNeitherCheckedNorMasked) {
+TEST(RuntimeParamTest, LogControlIsReplacedWholeAndNeitherCheckedNorMasked) {
     CRuntimeParam param("", 7);
     for (const int control : {0, 1, 1023, 1024, INT_MAX, INT_MIN, -1}) {
         param.SetLogControl(control);
@@ -112,13 +112,13 @@ TEST(RuntimeParam, LogControlIsReplacedWholeAndNeitherCheckedNorMasked) {
     EXPECT_EQ(CRuntimeParam("", -2).GetLogControl(), -2);
 }
 
-TEST(RuntimeParam, EmptyMaskIsNeverEnabled) {
+TEST(RuntimeParamTest, EmptyMaskIsNeverEnabled) {
     for (const int control : {0, 1, 1023, INT_MAX, INT_MIN, -1}) {
         EXPECT_FALSE(CRuntimeParam("", control).IsLogEnabled(0)) << control;
     }
 }
 
-TEST(RuntimeParam, MaskAndControlAreComparedAsASignedNumber) {
+TEST(RuntimeParamTest, MaskAndControlAreComparedAsASignedNumber) {
     // Bit 31 in both makes the common bits negative, whatever else they share.
     EXPECT_FALSE(CRuntimeParam("", -1).IsLogEnabled(INT_MIN));
     EXPECT_FALSE(CRuntimeParam("", -1).IsLogEnabled(INT_MIN | 1));
@@ -129,12 +129,12 @@ TEST(RuntimeParam, MaskAndControlAreComparedAsASignedNumber) {
     EXPECT_TRUE(CRuntimeParam("", -1).IsLogEnabled(INT_MAX));
 }
 
-TEST(RuntimeParam, AMaskOfSeveralBitsNeedsOnlyOneOfThem) {
+TEST(RuntimeParamTest, AMaskOfSeveralBitsNeedsOnlyOneOfThem) {
     EXPECT_TRUE(CRuntimeParam("", 4).IsLogEnabled(1 | 4));
     EXPECT_FALSE(CRuntimeParam("", 8).IsLogEnabled(1 | 4));
 }
 
-TEST(RuntimeParam, IsABaseOfItsOwnWithAVirtualDestructor) {
+TEST(RuntimeParamTest, IsABaseOfItsOwnWithAVirtualDestructor) {
     static_assert(std::has_virtual_destructor_v<CRuntimeParam>);
     struct Derived : CRuntimeParam {
         explicit Derived(bool* gone) : CRuntimeParam("", 0), m_gone(gone) {}
@@ -147,7 +147,7 @@ TEST(RuntimeParam, IsABaseOfItsOwnWithAVirtualDestructor) {
     EXPECT_TRUE(gone);
 }
 
-TEST(LogArgu, IsAPlainRecordOfOneLabel) {
+TEST(LogArguTest, IsAPlainRecordOfOneLabel) {
     static_assert(std::is_aggregate_v<LogArgu> && std::is_trivially_copyable_v<LogArgu>);
     static_assert(sizeof(LogArgu) == sizeof(const char*));
     EXPECT_STREQ(LogArgu{"RpcServer.Process"}.pcName, "RpcServer.Process");
@@ -186,14 +186,14 @@ const char REQUEST_HEADER[] = "[RpcServer.Process] request header";
 
 }  // namespace
 
-TEST(LogControlOfTheMainObject, IsTheRpcServersFromTheStart) {
+TEST(LogControlOfTheMainObjectTest, IsTheRpcServersFromTheStart) {
     RecordingMain main(4);
     main.Start();
     support::MountClient(support::Transport::Udp).Null();
     EXPECT_TRUE(main.Log().Has(REQUEST_HEADER));
 }
 
-TEST(LogControlOfTheMainObject, ChangesTheRpcServersCopyWhileTheServerRuns) {
+TEST(LogControlOfTheMainObjectTest, ChangesTheRpcServersCopyWhileTheServerRuns) {
     RecordingMain main(0);
     main.Start();
     support::MountClient client;
@@ -213,7 +213,7 @@ TEST(LogControlOfTheMainObject, ChangesTheRpcServersCopyWhileTheServerRuns) {
     EXPECT_THAT(main.Log().Texts(), IsEmpty());
 }
 
-TEST(LogControlOfTheMainObject, LeavesTheFileLoggersOwnAlone) {
+TEST(LogControlOfTheMainObjectTest, LeavesTheFileLoggersOwnAlone) {
     support::ScopedTempDir folder;
     CFileLogger logger((folder / "log").c_str());
     ASSERT_TRUE(logger.Open(0));
@@ -230,7 +230,7 @@ TEST(LogControlOfTheMainObject, LeavesTheFileLoggersOwnAlone) {
     main.SetFileLogger(nullptr);
 }
 
-TEST(LogControlOfTheMainObject, MayChangeWhileCallsAreServed) {
+TEST(LogControlOfTheMainObjectTest, MayChangeWhileCallsAreServed) {
     RecordingMain main(0);
     main.Start();
     support::MountClient client;

@@ -25,14 +25,14 @@ void Fill(CSegmentSummary& summary, std::size_t count, std::int64_t offset) {
 
 }  // namespace
 
-TEST(SegmentSummary, AnEmptySummaryEndsAtOnce) {
+TEST(SegmentSummaryTest, AnEmptySummaryEndsAtOnce) {
     const CSegmentSummary summary;
     EXPECT_EQ(0u, summary.GetCount());
     EXPECT_EQ(0u, summary.SkipToCovering(0, 0));
     EXPECT_EQ(0u, summary.SkipToReaching(0, 0));
 }
 
-TEST(SegmentSummary, ARunThatMayCoverTheOffsetIsNotSkipped) {
+TEST(SegmentSummaryTest, ARunThatMayCoverTheOffsetIsNotSkipped) {
     CSegmentSummary summary;
     summary.Add(100, 10);
     EXPECT_EQ(0u, summary.SkipToCovering(0, 100));
@@ -41,7 +41,7 @@ TEST(SegmentSummary, ARunThatMayCoverTheOffsetIsNotSkipped) {
     EXPECT_EQ(1u, summary.SkipToCovering(0, 200));
 }
 
-TEST(SegmentSummary, AStartBehindTheLastSegmentStaysWhereItIs) {
+TEST(SegmentSummaryTest, AStartBehindTheLastSegmentStaysWhereItIs) {
     CSegmentSummary summary;
     Fill(summary, 3, 0);
     EXPECT_EQ(3u, summary.SkipToCovering(3, 0));
@@ -49,7 +49,7 @@ TEST(SegmentSummary, AStartBehindTheLastSegmentStaysWhereItIs) {
     EXPECT_EQ(1000u, summary.SkipToReaching(1000, -5));
 }
 
-TEST(SegmentSummary, ASkipEndsAtTheFirstSegmentOfTheRunThatMayCover) {
+TEST(SegmentSummaryTest, ASkipEndsAtTheFirstSegmentOfTheRunThatMayCover) {
     CSegmentSummary summary;
     Fill(summary, 3 * kRun, 0);
     Fill(summary, kRun, 500);
@@ -57,7 +57,7 @@ TEST(SegmentSummary, ASkipEndsAtTheFirstSegmentOfTheRunThatMayCover) {
     EXPECT_EQ(3 * kRun + 5, summary.SkipToCovering(3 * kRun + 5, 500)) << "not moved back";
 }
 
-TEST(SegmentSummary, WholeGroupsAreSkipped) {
+TEST(SegmentSummaryTest, WholeGroupsAreSkipped) {
     CSegmentSummary summary;
     Fill(summary, 2 * kGroup + 3 * kRun, 0);
     Fill(summary, 1, 500);
@@ -66,7 +66,7 @@ TEST(SegmentSummary, WholeGroupsAreSkipped) {
     EXPECT_EQ(2 * kGroup + 3 * kRun + 1, summary.SkipToCovering(0, 600));
 }
 
-TEST(SegmentSummary, ASegmentReachesByItsStartOrItsEnd) {
+TEST(SegmentSummaryTest, ASegmentReachesByItsStartOrItsEnd) {
     CSegmentSummary summary;
     Fill(summary, kRun, 0);
     summary.Add(50, -40);  // of a negative length: ends before it begins
@@ -75,7 +75,7 @@ TEST(SegmentSummary, ASegmentReachesByItsStartOrItsEnd) {
     EXPECT_EQ(kRun + 1, summary.SkipToCovering(0, 20)) << "covers nothing";
 }
 
-TEST(SegmentSummary, AnEndBeyondSixtyFourBitsCountsAsTheLargest) {
+TEST(SegmentSummaryTest, AnEndBeyondSixtyFourBitsCountsAsTheLargest) {
     CSegmentSummary summary;
     summary.Add(INT64_MAX - 5, INT64_MAX);
     EXPECT_EQ(0u, summary.SkipToCovering(0, INT64_MAX));
@@ -86,7 +86,7 @@ TEST(SegmentSummary, AnEndBeyondSixtyFourBitsCountsAsTheLargest) {
     EXPECT_EQ(0u, summary.SkipToReaching(0, INT64_MIN));
 }
 
-TEST(SegmentSummary, ClearForgetsEverything) {
+TEST(SegmentSummaryTest, ClearForgetsEverything) {
     CSegmentSummary summary;
     Fill(summary, 2 * kRun, 0);
     summary.Clear();
@@ -97,7 +97,7 @@ TEST(SegmentSummary, ClearForgetsEverything) {
     EXPECT_EQ(0u, summary.SkipToCovering(0, 10));
 }
 
-TEST(SegmentSummary, CuttingForgetsTheLastSegments) {
+TEST(SegmentSummaryTest, CuttingForgetsTheLastSegments) {
     for (const std::size_t kept : {std::size_t{0}, std::size_t{1}, kRun, kRun + 1, kGroup}) {
         CSegmentSummary summary;
         Fill(summary, kept, 0);
@@ -113,7 +113,7 @@ TEST(SegmentSummary, CuttingForgetsTheLastSegments) {
     }
 }
 
-TEST(SegmentSummary, ASkipNeverPassesWhatAScanWouldFind) {
+TEST(SegmentSummaryTest, ASkipNeverPassesWhatAScanWouldFind) {
     const std::uint64_t seed = support::RandomSeed();
     SCOPED_TRACE("VELOCAST_SEED=" + std::to_string(seed));
     std::mt19937_64 random(seed);

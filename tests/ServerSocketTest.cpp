@@ -133,9 +133,9 @@ private:
     bool m_all = false;             // guarded by m_mutex
 };
 
-class ServerSocket : public testing::Test {
+class ServerSocketTest : public testing::Test {
 protected:
-    ServerSocket() {
+    ServerSocketTest() {
         (void)ThreadCount();  // before any test makes the creation of threads fail
         m_server.SetListener(&m_listener);
     }
@@ -175,7 +175,7 @@ protected:
     CServerSocket m_server;
 };
 
-using ServerSocketDeathTest = ServerSocket;
+using ServerSocketDeathTest = ServerSocketTest;
 
 }  // namespace
 
@@ -183,7 +183,7 @@ using ServerSocketDeathTest = ServerSocket;
 // Opening
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(ServerSocket, ServesItsPortOnEveryAddress) {
+TEST_F(ServerSocketTest, ServesItsPortOnEveryAddress) {
     Open();
     EXPECT_EQ(m_server.GetPort(), PORT);
     sockaddr_in own{};
@@ -199,7 +199,7 @@ TEST_F(ServerSocket, ServesItsPortOnEveryAddress) {
     EXPECT_NE(Exchange(second), nullptr);
 }
 
-TEST_F(ServerSocket, AConnectionKnowsItsPeerItsTypeAndItsProgram) {
+TEST_F(ServerSocketTest, AConnectionKnowsItsPeerItsTypeAndItsProgram) {
     Open();
     RpcClient client(Transport::Tcp, PORT);
     CSocket* slot = Exchange(client);
@@ -209,12 +209,12 @@ TEST_F(ServerSocket, AConnectionKnowsItsPeerItsTypeAndItsProgram) {
     EXPECT_EQ(slot->GetRemotePort(), client.LocalPort());
 }
 
-TEST_F(ServerSocket, BacklogIsTheNumberOfSlots) {
+TEST_F(ServerSocketTest, BacklogIsTheNumberOfSlots) {
     Open(7);
     EXPECT_EQ(faults::LastBacklog(), 7);
 }
 
-TEST_F(ServerSocket, APortInUseIsRefused) {
+TEST_F(ServerSocketTest, APortInUseIsRefused) {
     Open();
     CServerSocket second;
     char reason[STATUS_SIZE] = "";
@@ -227,7 +227,7 @@ TEST_F(ServerSocket, APortInUseIsRefused) {
     EXPECT_NE(Exchange(client), nullptr);
 }
 
-TEST_F(ServerSocket, ARefusedPortLeavesNothingOpen) {
+TEST_F(ServerSocketTest, ARefusedPortLeavesNothingOpen) {
     CServerSocket holder;
     char reason[STATUS_SIZE] = "";
     ASSERT_TRUE(holder.Open(PROGRAM, PORT, SLOTS, &m_utilities, reason));
@@ -236,7 +236,7 @@ TEST_F(ServerSocket, ARefusedPortLeavesNothingOpen) {
     Open();
 }
 
-TEST_F(ServerSocket, NoAddressReuse) {
+TEST_F(ServerSocketTest, NoAddressReuse) {
     Open();
     for (const int option : {SO_REUSEADDR, SO_REUSEPORT}) {
         int value = -1;
@@ -246,7 +246,7 @@ TEST_F(ServerSocket, NoAddressReuse) {
     }
 }
 
-TEST_F(ServerSocket, APortWithAConnectionThatTheServerHasJustClosedIsRefused) {
+TEST_F(ServerSocketTest, APortWithAConnectionThatTheServerHasJustClosedIsRefused) {
     Open();
     RpcClient client(Transport::Tcp, PORT);
     Exchange(client);
@@ -256,7 +256,7 @@ TEST_F(ServerSocket, APortWithAConnectionThatTheServerHasJustClosedIsRefused) {
     EXPECT_EQ(Refusal(), "Fail to bind server socket. Address already in use (98)");
 }
 
-TEST_F(ServerSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
+TEST_F(ServerSocketTest, WithoutADescriptorTheReasonTellsOfTheCreation) {
     const NoMoreDescriptors limit;
     char reason[STATUS_SIZE] = "";
     EXPECT_FALSE(m_server.Open(PROGRAM, PORT, SLOTS, &m_utilities, reason));
@@ -264,20 +264,20 @@ TEST_F(ServerSocket, WithoutADescriptorTheReasonTellsOfTheCreation) {
     EXPECT_FALSE(m_server.Open(PROGRAM, PORT, SLOTS, &m_utilities, nullptr));
 }
 
-TEST_F(ServerSocket, AFailingListenIsReportedAndFreesThePort) {
+TEST_F(ServerSocketTest, AFailingListenIsReportedAndFreesThePort) {
     faults::Fail(faults::Call::Listen, EADDRINUSE);
     EXPECT_EQ(Refusal(), "Fail to listen server socket. Address already in use (98)");
     Open();
 }
 
-TEST_F(ServerSocket, WithoutAnAcceptThreadTheOpeningFails) {
+TEST_F(ServerSocketTest, WithoutAnAcceptThreadTheOpeningFails) {
     faults::Fail(faults::Call::Thread, EAGAIN, faults::kAlways);
     EXPECT_EQ(Refusal(), "Fail to create server socket. Resource temporarily unavailable (11)");
     faults::Clear(faults::Call::Thread);
     Open();
 }
 
-TEST_F(ServerSocket, OpeningAgainClosesWhatWasOpen) {
+TEST_F(ServerSocketTest, OpeningAgainClosesWhatWasOpen) {
     Open();
     RpcClient client(Transport::Tcp, PORT);
     Exchange(client);
@@ -293,7 +293,7 @@ TEST_F(ServerSocket, OpeningAgainClosesWhatWasOpen) {
 // Accepting
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(ServerSocket, AcceptedConnectionsSendWithoutDelay) {
+TEST_F(ServerSocketTest, AcceptedConnectionsSendWithoutDelay) {
     Open();
     RpcClient client(Transport::Tcp, PORT);
     Exchange(client);
@@ -305,7 +305,7 @@ TEST_F(ServerSocket, AcceptedConnectionsSendWithoutDelay) {
     EXPECT_NE(value, 0);
 }
 
-TEST_F(ServerSocket, APeerThatHasGoneSilentlyIsNoticedWithinAMinute) {
+TEST_F(ServerSocketTest, APeerThatHasGoneSilentlyIsNoticedWithinAMinute) {
     Open();
     RpcClient client(Transport::Tcp, PORT);
     Exchange(client);
@@ -324,7 +324,7 @@ TEST_F(ServerSocket, APeerThatHasGoneSilentlyIsNoticedWithinAMinute) {
     EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 50'000);
 }
 
-TEST_F(ServerSocket, EveryConnectionHasASlotOfItsOwn) {
+TEST_F(ServerSocketTest, EveryConnectionHasASlotOfItsOwn) {
     Open();
     RpcClient a(Transport::Tcp, PORT);
     CSocket* slotA = Exchange(a);
@@ -341,7 +341,7 @@ TEST_F(ServerSocket, EveryConnectionHasASlotOfItsOwn) {
     EXPECT_EQ(Exchange(c), slotC);
 }
 
-TEST_F(ServerSocket, TheFirstFreeSlotIsTakenInArrayOrder) {
+TEST_F(ServerSocketTest, TheFirstFreeSlotIsTakenInArrayOrder) {
     Open();
     RpcClient a(Transport::Tcp, PORT);
     CSocket* slotA = Exchange(a);
@@ -367,7 +367,7 @@ TEST_F(ServerSocket, TheFirstFreeSlotIsTakenInArrayOrder) {
     EXPECT_EQ(Exchange(g), slotC);
 }
 
-TEST_F(ServerSocket, TheDescriptorOfAnEndedConnectionStaysOpenUntilItsSlotIsUsedAgain) {
+TEST_F(ServerSocketTest, TheDescriptorOfAnEndedConnectionStaysOpenUntilItsSlotIsUsedAgain) {
     Open();
     RpcClient first(Transport::Tcp, PORT);
     CSocket* slot = Exchange(first);
@@ -381,7 +381,7 @@ TEST_F(ServerSocket, TheDescriptorOfAnEndedConnectionStaysOpenUntilItsSlotIsUsed
     EXPECT_FALSE(IsOpen(old));
 }
 
-TEST_F(ServerSocket, UnreadInputStaysInTheSlotForTheNextConnection) {
+TEST_F(ServerSocketTest, UnreadInputStaysInTheSlotForTheNextConnection) {
     std::mutex mutex;
     Bytes unread;
     ListenerSpy keeping([&](CSocket* socket) {
@@ -403,7 +403,7 @@ TEST_F(ServerSocket, UnreadInputStaysInTheSlotForTheNextConnection) {
     EXPECT_THAT(unread, ElementsAre(1, 2, 3, 4));
 }
 
-TEST_F(ServerSocket, UnsentOutputGoesToTheNextConnectionOfTheSlot) {
+TEST_F(ServerSocketTest, UnsentOutputGoesToTheNextConnectionOfTheSlot) {
     Open();
     faults::Skip(faults::Call::Send, 1,
                  faults::On::OtherThreads);  // the first connection's answer is not taken
@@ -417,7 +417,7 @@ TEST_F(ServerSocket, UnsentOutputGoesToTheNextConnectionOfTheSlot) {
     EXPECT_THAT(second.ReceiveRaw(10), testing::Contains(1));
 }
 
-TEST_F(ServerSocket, AFailedAcceptIsTriedAgain) {
+TEST_F(ServerSocketTest, AFailedAcceptIsTriedAgain) {
     Open();
     RpcClient before(Transport::Tcp, PORT);
     Exchange(before);  // sanitizers need descriptors when they see a class for the first time
@@ -442,7 +442,7 @@ TEST_F(ServerSocket, AFailedAcceptIsTriedAgain) {
     EXPECT_TRUE(second.IsServed());
 }
 
-TEST_F(ServerSocket, AConnectionWithTheNumberOfStandardInputCountsAsAFailure) {
+TEST_F(ServerSocketTest, AConnectionWithTheNumberOfStandardInputCountsAsAFailure) {
     Open();
     const std::vector<RawClient> clients(SLOTS);
     const int input = dup(STDIN_FILENO);
@@ -461,7 +461,7 @@ TEST_F(ServerSocket, AConnectionWithTheNumberOfStandardInputCountsAsAFailure) {
     close(input);
 }
 
-TEST_F(ServerSocket, DescriptorsAbove1023AreServed) {
+TEST_F(ServerSocketTest, DescriptorsAbove1023AreServed) {
     std::vector<int> fillers;
     while (fillers.empty() || fillers.back() < 1100) {
         fillers.push_back(dup(STDOUT_FILENO));
@@ -479,7 +479,7 @@ TEST_F(ServerSocket, DescriptorsAbove1023AreServed) {
     }
 }
 
-TEST_F(ServerSocket, AllSlotsMayBeActive) {
+TEST_F(ServerSocketTest, AllSlotsMayBeActive) {
     Open(10);
     std::vector<std::unique_ptr<RpcClient>> clients;
     for (int i = 0; i < 10; ++i) {
@@ -491,7 +491,7 @@ TEST_F(ServerSocket, AllSlotsMayBeActive) {
     }
 }
 
-TEST_F(ServerSocket, ConnectionsOneAfterAnotherAlwaysFindASlot) {
+TEST_F(ServerSocketTest, ConnectionsOneAfterAnotherAlwaysFindASlot) {
     Open(1);
     for (int i = 0; i < 500; ++i) {
         RpcClient client(Transport::Tcp, PORT);
@@ -499,7 +499,7 @@ TEST_F(ServerSocket, ConnectionsOneAfterAnotherAlwaysFindASlot) {
     }
 }
 
-TEST_F(ServerSocket, AConnectionWaitsForTheSlotOfAPeerThatHasClosed) {
+TEST_F(ServerSocketTest, AConnectionWaitsForTheSlotOfAPeerThatHasClosed) {
     HoldingListener listener;
     CServerSocket server;
     server.SetListener(&listener);
@@ -522,7 +522,7 @@ TEST_F(ServerSocket, AConnectionWaitsForTheSlotOfAPeerThatHasClosed) {
     EXPECT_THAT(next.ReceiveRaw(1), ElementsAre(42));
 }
 
-TEST_F(ServerSocket, AStopDoesNotWaitForASlot) {
+TEST_F(ServerSocketTest, AStopDoesNotWaitForASlot) {
     HoldingListener listener;
     CServerSocket server;
     server.SetListener(&listener);
@@ -584,9 +584,9 @@ struct Service {
     int slots;
 };
 
-class ServiceSlots : public testing::TestWithParam<Service> {};
+class ServiceSlotsTest : public testing::TestWithParam<Service> {};
 
-TEST_P(ServiceSlots, OneConnectionMoreEndsTheServer) {
+TEST_P(ServiceSlotsTest, OneConnectionMoreEndsTheServer) {
     const Service& service = GetParam();
     support::Server server;
     std::vector<std::unique_ptr<RpcClient>> clients;
@@ -599,7 +599,7 @@ TEST_P(ServiceSlots, OneConnectionMoreEndsTheServer) {
     EXPECT_THAT(server.Output(), testing::HasSubstr("i < m_nMaxNum"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Ports, ServiceSlots,
+INSTANTIATE_TEST_SUITE_P(Ports, ServiceSlotsTest,
                          testing::Values(Service{"Portmapper", 111, support::kPortmapProgram, 2, 3},
                                          Service{"Nfs", 2049, support::kNfsProgram, 3, 10},
                                          Service{"Mount", 1058, support::kMountProgram, 3, 3}),
@@ -609,7 +609,7 @@ INSTANTIATE_TEST_SUITE_P(Ports, ServiceSlots,
 // Closing
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(ServerSocket, CloseWakesAndJoinsTheThreadInAccept) {
+TEST_F(ServerSocketTest, CloseWakesAndJoinsTheThreadInAccept) {
     const std::size_t threads = ThreadCount();
     const std::size_t fds = support::OpenFds().size();
     Open();
@@ -621,7 +621,7 @@ TEST_F(ServerSocket, CloseWakesAndJoinsTheThreadInAccept) {
     EXPECT_THROW(RpcClient(Transport::Tcp, PORT), std::runtime_error);
 }
 
-TEST_F(ServerSocket, CloseEndsEveryConnectionAndJoinsItsThread) {
+TEST_F(ServerSocketTest, CloseEndsEveryConnectionAndJoinsItsThread) {
     const std::size_t threads = ThreadCount();
     const std::size_t fds = support::OpenFds().size();
     Open();
@@ -640,7 +640,7 @@ TEST_F(ServerSocket, CloseEndsEveryConnectionAndJoinsItsThread) {
     EXPECT_EQ(support::OpenFds().size(), fds);
 }
 
-TEST_F(ServerSocket, CloseReleasesDescriptorsOfConnectionsThatEndedBefore) {
+TEST_F(ServerSocketTest, CloseReleasesDescriptorsOfConnectionsThatEndedBefore) {
     const std::size_t fds = support::OpenFds().size();
     Open();
     RpcClient client(Transport::Tcp, PORT);
@@ -650,7 +650,7 @@ TEST_F(ServerSocket, CloseReleasesDescriptorsOfConnectionsThatEndedBefore) {
     EXPECT_EQ(support::OpenFds().size(), fds);
 }
 
-TEST_F(ServerSocket, CloseMayBeRepeatedAndThePortOpenedAgain) {
+TEST_F(ServerSocketTest, CloseMayBeRepeatedAndThePortOpenedAgain) {
     m_server.Close();
     for (int i = 0; i < 3; ++i) {
         Open();
@@ -659,7 +659,7 @@ TEST_F(ServerSocket, CloseMayBeRepeatedAndThePortOpenedAgain) {
     }
 }
 
-TEST_F(ServerSocket, DestructionCloses) {
+TEST_F(ServerSocketTest, DestructionCloses) {
     const std::size_t threads = ThreadCount();
     const std::size_t fds = support::OpenFds().size();
     {
@@ -671,7 +671,7 @@ TEST_F(ServerSocket, DestructionCloses) {
     EXPECT_EQ(support::OpenFds().size(), fds);
 }
 
-TEST_F(ServerSocket, CloseWhileConnectionsComeAndGo) {
+TEST_F(ServerSocketTest, CloseWhileConnectionsComeAndGo) {
     for (int i = 0; i < 20; ++i) {
         Open(10, 3000 + i);
         std::atomic<bool> stop{false};

@@ -127,7 +127,7 @@ void SendFromThread(CSocket& socket) {
     std::async(std::launch::async, [&socket] { socket.Send(); }).get();
 }
 
-class Socket : public testing::Test {
+class SocketTest : public testing::Test {
 protected:
     faults::Guard m_guard;
 };
@@ -138,7 +138,7 @@ protected:
 // State
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(Socket, IsClosedAndEmptyAtFirst) {
+TEST_F(SocketTest, IsClosedAndEmptyAtFirst) {
     CSocket tcp(SOCKET_TYPE_TCP, 100005);
     EXPECT_EQ(tcp.GetType(), 1);
     EXPECT_EQ(tcp.GetProgId(), 100005u);
@@ -150,16 +150,16 @@ TEST_F(Socket, IsClosedAndEmptyAtFirst) {
     EXPECT_EQ(CSocket(SOCKET_TYPE_UDP, 100000).GetType(), 2);
 }
 
-TEST_F(Socket, IsDestroyedVirtually) { static_assert(std::has_virtual_destructor_v<CSocket>); }
+TEST_F(SocketTest, IsDestroyedVirtually) { static_assert(std::has_virtual_destructor_v<CSocket>); }
 
-TEST_F(Socket, LastErrorIsTheSystems) {
+TEST_F(SocketTest, LastErrorIsTheSystems) {
     errno = ENOENT;
     EXPECT_EQ(SocketGetLastError(), ENOENT);
     errno = ECONNRESET;
     EXPECT_EQ(SocketGetLastError(), ECONNRESET);
 }
 
-TEST_F(Socket, OpenTakesTheAddressItIsGiven) {
+TEST_F(SocketTest, OpenTakesTheAddressItIsGiven) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -170,7 +170,7 @@ TEST_F(Socket, OpenTakesTheAddressItIsGiven) {
     EXPECT_EQ(socket.GetRemotePort(), 1021);
 }
 
-TEST_F(Socket, OpenWithoutAnAddressKeepsTheLastOne) {
+TEST_F(SocketTest, OpenWithoutAnAddressKeepsTheLastOne) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair first;
@@ -181,7 +181,7 @@ TEST_F(Socket, OpenWithoutAnAddressKeepsTheLastOne) {
     EXPECT_STREQ(socket.GetRemoteAddress(), "198.51.100.23");
 }
 
-TEST_F(Socket, OpenWithoutADescriptorStartsNothing) {
+TEST_F(SocketTest, OpenWithoutADescriptorStartsNothing) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const std::size_t threads = ThreadCount();
@@ -192,7 +192,7 @@ TEST_F(Socket, OpenWithoutADescriptorStartsNothing) {
     EXPECT_STREQ(socket.GetRemoteAddress(), "198.51.100.23");
 }
 
-TEST_F(Socket, WithoutAReceiveThreadTheSlotIsFreeAgain) {
+TEST_F(SocketTest, WithoutAReceiveThreadTheSlotIsFreeAgain) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair first;
@@ -213,7 +213,7 @@ TEST_F(Socket, WithoutAReceiveThreadTheSlotIsFreeAgain) {
 // Receiving
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(Socket, ReceivedBytesAreAddedAndTheListenerIsTold) {
+TEST_F(SocketTest, ReceivedBytesAreAddedAndTheListenerIsTold) {
     Bytes seen;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     ListenerSpy listener([&](CSocket* received) {
@@ -228,7 +228,7 @@ TEST_F(Socket, ReceivedBytesAreAddedAndTheListenerIsTold) {
     socket.Close();
 }
 
-TEST_F(Socket, UnreadBytesAreCompactedInFrontOfWhatComesNext) {
+TEST_F(SocketTest, UnreadBytesAreCompactedInFrontOfWhatComesNext) {
     std::vector<Bytes> unread;
     std::vector<std::uint32_t> indexes;
     std::vector<std::uint32_t> rooms;
@@ -253,7 +253,7 @@ TEST_F(Socket, UnreadBytesAreCompactedInFrontOfWhatComesNext) {
     socket.Close();
 }
 
-TEST_F(Socket, APeerThatClosesEndsTheLoopAndLeavesTheDescriptorOpen) {
+TEST_F(SocketTest, APeerThatClosesEndsTheLoopAndLeavesTheDescriptorOpen) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     StreamPair pair;
@@ -270,7 +270,7 @@ TEST_F(Socket, APeerThatClosesEndsTheLoopAndLeavesTheDescriptorOpen) {
     EXPECT_TRUE(socket.IsActive());
 }
 
-TEST_F(Socket, APeerHasClosedOnceItSendsNoMore) {
+TEST_F(SocketTest, APeerHasClosedOnceItSendsNoMore) {
     std::promise<void> release;
     const std::shared_future<void> released = release.get_future().share();
     ListenerSpy listener([&](CSocket*) { released.wait(); });  // before the end is received
@@ -293,7 +293,7 @@ TEST_F(Socket, APeerHasClosedOnceItSendsNoMore) {
     EXPECT_TRUE(socket.IsPeerClosed());
 }
 
-TEST_F(Socket, AReceiveErrorEndsTheLoop) {
+TEST_F(SocketTest, AReceiveErrorEndsTheLoop) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     int fds[2];
@@ -304,7 +304,7 @@ TEST_F(Socket, AReceiveErrorEndsTheLoop) {
     close(fds[1]);
 }
 
-TEST_F(Socket, AnInterruptedReceiveIsTakenUpAgain) {
+TEST_F(SocketTest, AnInterruptedReceiveIsTakenUpAgain) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -315,7 +315,7 @@ TEST_F(Socket, AnInterruptedReceiveIsTakenUpAgain) {
     EXPECT_GE(faults::Count(faults::Call::Recv, faults::On::OtherThreads), 4);
 }
 
-TEST_F(Socket, StreamsKeepWhatAConnectionLeftInThem) {
+TEST_F(SocketTest, StreamsKeepWhatAConnectionLeftInThem) {
     Bytes unread;
     ListenerSpy listener([&](CSocket* socket) {
         CInputStream* in = socket->GetInputStream();
@@ -340,7 +340,7 @@ TEST_F(Socket, StreamsKeepWhatAConnectionLeftInThem) {
     socket.Close();
 }
 
-TEST_F(Socket, AFullInputBufferEndsTheTcpLoop) {
+TEST_F(SocketTest, AFullInputBufferEndsTheTcpLoop) {
     std::atomic<std::uint32_t> filled{0};
     ListenerSpy listener([&](CSocket* socket) {  // takes nothing
         filled = socket->GetInputStream()->GetFilledBufferSize();
@@ -358,7 +358,7 @@ TEST_F(Socket, AFullInputBufferEndsTheTcpLoop) {
     EXPECT_EQ(socket.GetInputStream()->GetCurrentBuffer()[BUFFER_SIZE - 1], 1);
 }
 
-TEST_F(Socket, AFullInputBufferEndsTheUdpLoop) {
+TEST_F(SocketTest, AFullInputBufferEndsTheUdpLoop) {
     std::atomic<std::uint32_t> filled{0};
     ListenerSpy listener([&](CSocket* socket) {  // takes nothing
         filled = socket->GetInputStream()->GetFilledBufferSize();
@@ -380,7 +380,7 @@ TEST_F(Socket, AFullInputBufferEndsTheUdpLoop) {
 // UDP
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(Socket, ADatagramIsAnsweredToItsSender) {
+TEST_F(SocketTest, ADatagramIsAnsweredToItsSender) {
     ListenerSpy listener(Echo);
     CSocket socket(SOCKET_TYPE_UDP, PROGRAM);
     UdpEnd server;
@@ -397,7 +397,7 @@ TEST_F(Socket, ADatagramIsAnsweredToItsSender) {
     }
 }
 
-TEST_F(Socket, AnEmptyDatagramIsIgnored) {
+TEST_F(SocketTest, AnEmptyDatagramIsIgnored) {
     ListenerSpy listener(Echo);
     CSocket socket(SOCKET_TYPE_UDP, PROGRAM);
     UdpEnd server;
@@ -412,7 +412,7 @@ TEST_F(Socket, AnEmptyDatagramIsIgnored) {
     EXPECT_TRUE(socket.IsActive());
 }
 
-TEST_F(Socket, ADatagramThatCannotBeSentIsNotPutInFrontOfTheNext) {
+TEST_F(SocketTest, ADatagramThatCannotBeSentIsNotPutInFrontOfTheNext) {
     bool large = true;
     ListenerSpy listener([&](CSocket* socket) {
         ListenerSpy::TakeAll(socket);
@@ -434,7 +434,7 @@ TEST_F(Socket, ADatagramThatCannotBeSentIsNotPutInFrontOfTheNext) {
 // Sending
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(Socket, SendTakesTheWholeExtentWhereverTheIndexIs) {
+TEST_F(SocketTest, SendTakesTheWholeExtentWhereverTheIndexIs) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -447,7 +447,7 @@ TEST_F(Socket, SendTakesTheWholeExtentWhereverTheIndexIs) {
     EXPECT_EQ(socket.GetOutputStream()->GetBufferIndex(), 0u);
 }
 
-TEST_F(Socket, SendWithoutADescriptorKeepsTheOutput) {
+TEST_F(SocketTest, SendWithoutADescriptorKeepsTheOutput) {
     faults::Clear(faults::Call::Send, faults::On::OtherThreads);
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     Put(socket, {1, 2});
@@ -456,7 +456,7 @@ TEST_F(Socket, SendWithoutADescriptorKeepsTheOutput) {
     EXPECT_TRUE(faults::Sizes(faults::Call::Send, faults::On::OtherThreads).empty());
 }
 
-TEST_F(Socket, SendOfNothingDoesNotReachTheSystem) {
+TEST_F(SocketTest, SendOfNothingDoesNotReachTheSystem) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -469,7 +469,7 @@ TEST_F(Socket, SendOfNothingDoesNotReachTheSystem) {
     EXPECT_THAT(faults::Sizes(faults::Call::Send, faults::On::OtherThreads), ElementsAre(2));
 }
 
-TEST_F(Socket, APartialSendLeavesTheRestForTheNextOne) {
+TEST_F(SocketTest, APartialSendLeavesTheRestForTheNextOne) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -488,7 +488,7 @@ TEST_F(Socket, APartialSendLeavesTheRestForTheNextOne) {
     EXPECT_EQ(socket.GetOutputStream()->GetBufferSize(), 0u);
 }
 
-TEST_F(Socket, ASendErrorIsIgnoredAndLosesNothing) {
+TEST_F(SocketTest, ASendErrorIsIgnoredAndLosesNothing) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -504,7 +504,7 @@ TEST_F(Socket, ASendErrorIsIgnoredAndLosesNothing) {
     EXPECT_THAT(pair.Read(3), ElementsAre(1, 2, 3));
 }
 
-TEST_F(Socket, APeerThatDisappearsDoesNotEndTheProcess) {
+TEST_F(SocketTest, APeerThatDisappearsDoesNotEndTheProcess) {
     std::promise<void> gone;
     ListenerSpy listener([&](CSocket* socket) {
         ListenerSpy::TakeAll(socket);
@@ -530,7 +530,7 @@ TEST_F(Socket, APeerThatDisappearsDoesNotEndTheProcess) {
 // Closing
 // -------------------------------------------------------------------------------------------------
 
-TEST_F(Socket, CloseWakesAndJoinsAThreadThatReceivesFromAConnection) {
+TEST_F(SocketTest, CloseWakesAndJoinsAThreadThatReceivesFromAConnection) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const StreamPair pair;
@@ -544,7 +544,7 @@ TEST_F(Socket, CloseWakesAndJoinsAThreadThatReceivesFromAConnection) {
     EXPECT_TRUE(pair.Read(1).empty());  // the peer sees the end
 }
 
-TEST_F(Socket, CloseWakesAndJoinsAThreadThatReceivesDatagrams) {
+TEST_F(SocketTest, CloseWakesAndJoinsAThreadThatReceivesDatagrams) {
     ListenerSpy listener(Echo);
     CSocket socket(SOCKET_TYPE_UDP, PROGRAM);
     UdpEnd server;
@@ -560,7 +560,7 @@ TEST_F(Socket, CloseWakesAndJoinsAThreadThatReceivesDatagrams) {
     EXPECT_FALSE(IsOpen(fd));
 }
 
-TEST_F(Socket, CloseWaitsForTheListener) {
+TEST_F(SocketTest, CloseWaitsForTheListener) {
     std::promise<void> entered;
     std::promise<void> leave;
     std::atomic<bool> left{false};
@@ -585,7 +585,7 @@ TEST_F(Socket, CloseWaitsForTheListener) {
     EXPECT_TRUE(closed.get());
 }
 
-TEST_F(Socket, CloseMayBeRepeatedAndTheSocketOpenedAgain) {
+TEST_F(SocketTest, CloseMayBeRepeatedAndTheSocketOpenedAgain) {
     ListenerSpy listener;
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     socket.Close();
@@ -600,7 +600,7 @@ TEST_F(Socket, CloseMayBeRepeatedAndTheSocketOpenedAgain) {
     }
 }
 
-TEST_F(Socket, DestructionClosesTheConnection) {
+TEST_F(SocketTest, DestructionClosesTheConnection) {
     ListenerSpy listener;
     const StreamPair pair;
     const std::size_t threads = ThreadCount();
@@ -612,7 +612,7 @@ TEST_F(Socket, DestructionClosesTheConnection) {
     EXPECT_TRUE(WaitFor([&] { return ThreadCount() == threads; }));
 }
 
-TEST_F(Socket, ManyConnectionsLeakNeitherDescriptorsNorThreads) {
+TEST_F(SocketTest, ManyConnectionsLeakNeitherDescriptorsNorThreads) {
     ListenerSpy listener(Echo);
     CSocket socket(SOCKET_TYPE_TCP, PROGRAM);
     const std::size_t fds = support::OpenFds().size();

@@ -80,7 +80,7 @@ constexpr int kMostAllocations = 2000;
 
 }  // namespace
 
-TEST(StartMemory, AStartThatRunsOutOfMemoryFailsWithAReasonAndCanBeRepeated) {
+TEST(StartMemoryTest, AStartThatRunsOutOfMemoryFailsWithAReasonAndCanBeRepeated) {
     CNfsMain main("sv", 0);
     const auto start = [&main](char* reason) {
         return main.StartServer(0, 0, 0, 0, false, reason);
@@ -98,7 +98,7 @@ TEST(StartMemory, AStartThatRunsOutOfMemoryFailsWithAReasonAndCanBeRepeated) {
     }
 }
 
-TEST(StartMemory, AChannelThatRunsOutOfMemoryFailsWithAReasonAndCanBeOpenedAgain) {
+TEST(StartMemoryTest, AChannelThatRunsOutOfMemoryFailsWithAReasonAndCanBeOpenedAgain) {
     CNfsIpcServerMain main("sv", 0);
     const auto start = [&main](char* reason) { return main.StartRemoteController(reason); };
     for (const int fail : {1, 1'000'000}) {
@@ -112,7 +112,7 @@ TEST(StartMemory, AChannelThatRunsOutOfMemoryFailsWithAReasonAndCanBeOpenedAgain
     }
 }
 
-TEST(StartMemory, ALineForWhichThereIsNoMemoryIsLostAndItsOperationGoesOn) {
+TEST(StartMemoryTest, ALineForWhichThereIsNoMemoryIsLostAndItsOperationGoesOn) {
     CUtilities utilities;
     CRuntimeParam param("sv", 0);
     LogArgu argu{"Test.Case"};

@@ -96,7 +96,7 @@ void StartWithExport(CNfsMain* main, const std::string& folder, const char* ipcI
 
 }  // namespace
 
-TEST(Stop, DoesNotWaitForAClientThatDoesNotRead) {
+TEST(StopTest, DoesNotWaitForAClientThatDoesNotRead) {
     const ScopedTempDir dir;
     WriteFile(dir / "disk", std::string(65536, 'x'));
     CNfsMain main("stop", 0);
@@ -125,7 +125,7 @@ TEST(Stop, DoesNotWaitForAClientThatDoesNotRead) {
     EXPECT_TRUE(StopsInTime(&main));
 }
 
-TEST(Stop, DoesNotWaitForAControllerThatDoesNotAnswer) {
+TEST(StopTest, DoesNotWaitForAControllerThatDoesNotAnswer) {
     const ScopedTempDir dir;
     WriteFile(dir / "disk", "");
     const SilentController controller("/tmp/nfs-ctl");
@@ -147,7 +147,7 @@ TEST(Stop, DoesNotWaitForAControllerThatDoesNotAnswer) {
     EXPECT_TRUE(StopsInTime(&main));
 }
 
-TEST(Stop, EndsARunningExportAndTheRequestsThatWaitForIt) {
+TEST(StopTest, EndsARunningExportAndTheRequestsThatWaitForIt) {
     const ScopedTempDir dir;
     WriteFile(dir / "other", "content");
     WriteFile(dir / "target", "");
@@ -224,7 +224,7 @@ private:
 
 }  // namespace
 
-TEST(Stop, DoesNotWaitForWhoeverDoesNotReadTheOutput) {
+TEST(StopTest, DoesNotWaitForWhoeverDoesNotReadTheOutput) {
     const ScopedTempDir dir;
     CNfsIpcServerMain main("stop", 0);
     StartWithExport(&main, dir.Path(), "");
@@ -273,7 +273,7 @@ std::vector<std::pair<std::string, Bytes>> RequestsWithLines(const std::string& 
 }
 
 // A server process with one row in each table, and a controller "mute" that takes no line.
-class MuteController : public testing::Test {
+class MuteControllerTest : public testing::Test {
 protected:
     void SetUp() override {
         ipctest::StartController(main);
@@ -296,7 +296,7 @@ protected:
 
 }  // namespace
 
-TEST_F(MuteController, KeepsNobodyElseWaitingForItsListing) {
+TEST_F(MuteControllerTest, KeepsNobodyElseWaitingForItsListing) {
     for (const auto& [name, request] : RequestsWithLines(testFolder)) {
         SCOPED_TRACE(name);
         const ipctest::RawClient asking;
@@ -319,7 +319,7 @@ TEST_F(MuteController, KeepsNobodyElseWaitingForItsListing) {
     main.RemoveVSphereInfo("ds1");
 }
 
-TEST_F(MuteController, DoesNotHoldUpAStopByWhatItAskedFor) {
+TEST_F(MuteControllerTest, DoesNotHoldUpAStopByWhatItAskedFor) {
     std::vector<std::unique_ptr<ipctest::RawClient>> asking;
     for (const auto& [name, request] : RequestsWithLines(testFolder)) {
         asking.push_back(std::make_unique<ipctest::RawClient>());
@@ -334,7 +334,7 @@ TEST_F(MuteController, DoesNotHoldUpAStopByWhatItAskedFor) {
     }
 }
 
-TEST_F(MuteController, StopsTheRemoteControllerWhileTheServiceGoesOn) {
+TEST_F(MuteControllerTest, StopsTheRemoteControllerWhileTheServiceGoesOn) {
     const ipctest::RawClient asking;
     ASSERT_TRUE(asking.Send(ForMute(ipcvectors::kGetSessionInfo)));
     ASSERT_TRUE(controller.WaitForCaller());
@@ -344,7 +344,7 @@ TEST_F(MuteController, StopsTheRemoteControllerWhileTheServiceGoesOn) {
     EXPECT_EQ(ipctest::ReplyMsg("1.2"), ipctest::Exchange(ipcvectors::kGetVersion));
 }
 
-TEST_F(MuteController, GetsItsLinesAndThenItsAnswerWhenItWakesUp) {
+TEST_F(MuteControllerTest, GetsItsLinesAndThenItsAnswerWhenItWakesUp) {
     main.AddSessionInfo("s2", "/y");
     const ipctest::RawClient asking;
     ASSERT_TRUE(asking.Send(ForMute(ipcvectors::kGetSessionInfo)));
@@ -357,7 +357,7 @@ TEST_F(MuteController, GetsItsLinesAndThenItsAnswerWhenItWakesUp) {
     EXPECT_EQ(ipctest::ReplyInt(2), asking.Receive());
 }
 
-TEST_F(MuteController, LosesLinesBeforeItCostsWithoutABound) {
+TEST_F(MuteControllerTest, LosesLinesBeforeItCostsWithoutABound) {
     std::vector<std::unique_ptr<ipctest::RawClient>> asking;
     for (int i = 0; i < 64; ++i) {
         asking.push_back(std::make_unique<ipctest::RawClient>());
@@ -395,7 +395,7 @@ private:
     CountingUtilities* m_counting = nullptr;
 };
 
-TEST(Stop, AllowsTheWaitsAsOftenAsItRefusesThem) {
+TEST(StopTest, AllowsTheWaitsAsOftenAsItRefusesThem) {
     CountingMain main;
     char status[STATUS_SIZE] = "";
     main.StopServer();  // of a service that never ran
@@ -411,7 +411,7 @@ TEST(Stop, AllowsTheWaitsAsOftenAsItRefusesThem) {
 // Waits
 // ------------------------------------------------------------------------------------------------
 
-TEST(IpcWaits, RefusingEndsWhatIsUnderWayAndTurnsAwayNewOnesUntilAllowedAsOften) {
+TEST(IpcWaitsTest, RefusingEndsWhatIsUnderWayAndTurnsAwayNewOnesUntilAllowedAsOften) {
     CIpcWaits waits;
     const CIpcWait early(&waits);
     EXPECT_FALSE(early.IsEnded());
@@ -426,7 +426,7 @@ TEST(IpcWaits, RefusingEndsWhatIsUnderWayAndTurnsAwayNewOnesUntilAllowedAsOften)
     EXPECT_FALSE(CIpcWait(nullptr).IsEnded());
 }
 
-TEST(IpcWaits, TheWaitsOfAThreadStandInForOthers) {
+TEST(IpcWaitsTest, TheWaitsOfAThreadStandInForOthers) {
     CIpcWaits own;
     CIpcWaits other;
     own.Refuse();
@@ -439,7 +439,7 @@ TEST(IpcWaits, TheWaitsOfAThreadStandInForOthers) {
     EXPECT_FALSE(CIpcWait(&other).IsEnded());
 }
 
-TEST(Start, APortBeyond16BitsIsRefused) {
+TEST(StartTest, APortBeyond16BitsIsRefused) {
     CNfsMain main("stop", 0);
     char status[STATUS_SIZE] = "";
     EXPECT_FALSE(main.StartServer(0, 70000, 0, 0, false, status));

@@ -23,9 +23,9 @@ using ::testing::IsEmpty;
 namespace {
 
 // Time stands still, so that only a test's own steps make an entry older than another.
-class Cache : public UtilitiesFixture {
+class CacheTest : public UtilitiesFixture {
 protected:
-    Cache() { SetNow(1'000'000'000); }
+    CacheTest() { SetNow(1'000'000'000); }
 
     void SetNow(std::time_t lNow) {
         m_lNow = lNow;
@@ -90,7 +90,7 @@ private:
 
 // --- Opening ---
 
-TEST_F(Cache, AFileIsOpenedOnceAndKept) {
+TEST_F(CacheTest, AFileIsOpenedOnceAndKept) {
     const std::string sFile = MakeFile("f");
     const int iFile = Get(&m_Access, sFile);
     ASSERT_NE(-1, iFile);
@@ -102,7 +102,7 @@ TEST_F(Cache, AFileIsOpenedOnceAndKept) {
     EXPECT_EQ(1, OpenCount(sFile));
 }
 
-TEST_F(Cache, InsideAnExportFilesAreOpenedForReadingAndWriting) {
+TEST_F(CacheTest, InsideAnExportFilesAreOpenedForReadingAndWriting) {
     const std::string sFile = MakeFile("f");
     Export(m_Dir.Path(), "vm01");
     const int iFile = Get(&m_Access, sFile);
@@ -111,20 +111,20 @@ TEST_F(Cache, InsideAnExportFilesAreOpenedForReadingAndWriting) {
                 ElementsAre("info: [Test.Case] open read/write mode " + sFile, Opened(sFile)));
 }
 
-TEST_F(Cache, OutsideEveryExportFilesAreOpenedForReadingOnly) {
+TEST_F(CacheTest, OutsideEveryExportFilesAreOpenedForReadingOnly) {
     const std::string sFile = MakeFile("f");
     Export(m_Dir / "f2", "vm01");
     EXPECT_EQ(O_RDONLY, AccessModeOf(Get(&m_Silent, sFile)));
 }
 
-TEST_F(Cache, ACallerMayInsistOnWriting) {
+TEST_F(CacheTest, ACallerMayInsistOnWriting) {
     const std::string sFile = MakeFile("f");
     EXPECT_EQ(O_RDWR, AccessModeOf(Get(&m_Access, sFile, true)));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] open read/write mode " + sFile, Opened(sFile)));
 }
 
-TEST_F(Cache, APipeThatNobodyWritesIsOpenedAtOnceAndHasNeitherSizeNorContent) {
+TEST_F(CacheTest, APipeThatNobodyWritesIsOpenedAtOnceAndHasNeitherSizeNorContent) {
     const std::string sPipe = m_Dir / "pipe";
     ASSERT_EQ(0, mkfifo(sPipe.c_str(), 0600));
     for (const bool bExported : {false, true}) {
@@ -155,7 +155,7 @@ TEST_F(Cache, APipeThatNobodyWritesIsOpenedAtOnceAndHasNeitherSizeNorContent) {
     }
 }
 
-TEST_F(Cache, AFileThatSomebodyHasALeaseOnIsOpenedWhenItIsGivenBack) {
+TEST_F(CacheTest, AFileThatSomebodyHasALeaseOnIsOpenedWhenItIsGivenBack) {
     const std::string sFile = MakeFile("f");
     sigset_t asked;
     sigemptyset(&asked);
@@ -178,7 +178,7 @@ TEST_F(Cache, AFileThatSomebodyHasALeaseOnIsOpenedWhenItIsGivenBack) {
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
-TEST_F(Cache, AKeptDescriptorKeepsItsMode) {
+TEST_F(CacheTest, AKeptDescriptorKeepsItsMode) {
     const std::string sFile = MakeFile("f");
     const int iFile = Get(&m_Silent, sFile);
     EXPECT_EQ(iFile, Get(&m_Silent, sFile, true));
@@ -187,13 +187,13 @@ TEST_F(Cache, AKeptDescriptorKeepsItsMode) {
     EXPECT_EQ(O_RDONLY, AccessModeOf(iFile));
 }
 
-TEST_F(Cache, APathIsKeptAsTheCallerSpellsIt) {
+TEST_F(CacheTest, APathIsKeptAsTheCallerSpellsIt) {
     const std::string sFile = MakeFile("f");
     EXPECT_NE(Get(&m_Silent, sFile), Get(&m_Silent, m_Dir / "./f"));
     EXPECT_EQ(2, OpenCount(sFile));
 }
 
-TEST_F(Cache, NoPathIsNoFileAndLeavesNoTrace) {
+TEST_F(CacheTest, NoPathIsNoFileAndLeavesNoTrace) {
     EXPECT_EQ(-1, m_Utilities.GetCachedFileHandle(&m_All, &m_Argu, nullptr, false));
     EXPECT_EQ(-1, Get(&m_All, ""));
     m_Utilities.CloseCachedFileHandle(&m_All, &m_Argu, nullptr);
@@ -204,7 +204,7 @@ TEST_F(Cache, NoPathIsNoFileAndLeavesNoTrace) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, TheExportScanOfAnOpenIsLoggedUnderTheCallersName) {
+TEST_F(CacheTest, TheExportScanOfAnOpenIsLoggedUnderTheCallersName) {
     const std::string sFile = MakeFile("f");
     Export("/none", "vm01");
     Get(&m_General, sFile);
@@ -216,7 +216,7 @@ TEST_F(Cache, TheExportScanOfAnOpenIsLoggedUnderTheCallersName) {
 
 // --- Failed opens ---
 
-TEST_F(Cache, AFailedOpenIsEnteredAndTriedAgain) {
+TEST_F(CacheTest, AFailedOpenIsEnteredAndTriedAgain) {
     const std::string sFile = m_Dir / "later";
     EXPECT_EQ(-1, Get(&m_AccessAndErrors, sFile));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -229,7 +229,7 @@ TEST_F(Cache, AFailedOpenIsEnteredAndTriedAgain) {
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre(Closed(sFile)));
 }
 
-TEST_F(Cache, ClosingAFailedEntryReportsABadDescriptor) {
+TEST_F(CacheTest, ClosingAFailedEntryReportsABadDescriptor) {
     const std::string sFile = m_Dir / "none";
     Get(&m_Silent, sFile);
     Close(&m_Errors, sFile);
@@ -238,13 +238,13 @@ TEST_F(Cache, ClosingAFailedEntryReportsABadDescriptor) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty()) << "the entry is gone";
 }
 
-TEST_F(Cache, FailedEntriesAreEvictedToo) {
+TEST_F(CacheTest, FailedEntriesAreEvictedToo) {
     Get(&m_Silent, m_Dir / "none");
     Evict(&m_Errors);
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre(ClosedNothing(m_Dir / "none")));
 }
 
-TEST_F(Cache, FailedOpensOfOneSecondShareOnePlaceInTheOrder) {
+TEST_F(CacheTest, FailedOpensOfOneSecondShareOnePlaceInTheOrder) {
     // Their keys are equal, so the later one takes the place of the earlier.
     const std::vector<std::string> vFiles = MakeFiles(18);
     Get(&m_Silent, m_Dir / "none1");
@@ -261,7 +261,7 @@ TEST_F(Cache, FailedOpensOfOneSecondShareOnePlaceInTheOrder) {
 
 // --- Eviction ---
 
-TEST_F(Cache, TheEntryAfter1024ClosesThe102LeastRecentlyUsed) {
+TEST_F(CacheTest, TheEntryAfter1024ClosesThe102LeastRecentlyUsed) {
     const CDescriptorLimit limit(3000);
     const std::vector<std::string> vFiles = MakeFiles(1026);
     GetInTurn({vFiles.begin(), vFiles.begin() + 1024});
@@ -290,7 +290,7 @@ TEST_F(Cache, TheEntryAfter1024ClosesThe102LeastRecentlyUsed) {
         << "there is room again";
 }
 
-TEST_F(Cache, AKeptEntryEvictsNothingInAFullCache) {
+TEST_F(CacheTest, AKeptEntryEvictsNothingInAFullCache) {
     const CDescriptorLimit limit(3000);
     const std::vector<std::string> vFiles = MakeFiles(1024);
     GetInTurn(vFiles);
@@ -298,7 +298,7 @@ TEST_F(Cache, AKeptEntryEvictsNothingInAFullCache) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
+TEST_F(CacheTest, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
     // Numbers of one, two and three digits: as text, "10" and "100" come before "11" and "12"
     // before "9".
     std::vector<std::string> vFiles;
@@ -330,7 +330,7 @@ TEST_F(Cache, WithinOneSecondTheDigitsOfTheDescriptorsDecide) {
     }
 }
 
-TEST_F(Cache, TheSecondsDecideBeforeTheDescriptors) {
+TEST_F(CacheTest, TheSecondsDecideBeforeTheDescriptors) {
     const std::vector<std::string> vFiles = MakeFiles(10);
     SetNow(9'999'999'999);  // one more digit must not make an entry older
     std::vector<std::string> vTail(vFiles.begin() + 1, vFiles.end());
@@ -342,7 +342,7 @@ TEST_F(Cache, TheSecondsDecideBeforeTheDescriptors) {
         ElementsAre("info: [Test.Case] Close exceeded cached file handle: 1", Closed(vFiles[0])));
 }
 
-TEST_F(Cache, FewerThanTenEntriesAreAllClosed) {
+TEST_F(CacheTest, FewerThanTenEntriesAreAllClosed) {
     const std::vector<std::string> vFiles = MakeFiles(9);
     GetInTurn(vFiles);
     Evict(&m_Access);
@@ -358,7 +358,7 @@ TEST_F(Cache, FewerThanTenEntriesAreAllClosed) {
     }
 }
 
-TEST_F(Cache, EvictionIsSilentWithoutFileAccessLogging) {
+TEST_F(CacheTest, EvictionIsSilentWithoutFileAccessLogging) {
     CRuntimeParam param("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_FILE_ACCESS);
     GetInTurn(MakeFiles(11));
     Evict(&param);
@@ -367,7 +367,7 @@ TEST_F(Cache, EvictionIsSilentWithoutFileAccessLogging) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, AnEmptyCacheIsEvictedWithoutHarm) {
+TEST_F(CacheTest, AnEmptyCacheIsEvictedWithoutHarm) {
     Evict(&m_Access);
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] Close exceeded cached file handle: ALL"));
@@ -375,7 +375,7 @@ TEST_F(Cache, AnEmptyCacheIsEvictedWithoutHarm) {
 
 // --- Too many open files ---
 
-TEST_F(Cache, TooManyOpenFilesShedATenthAndTryOnceMore) {
+TEST_F(CacheTest, TooManyOpenFilesShedATenthAndTryOnceMore) {
     const std::vector<std::string> vFiles = MakeFiles(21);
     GetInTurn({vFiles.begin(), vFiles.begin() + 20});
     // Not a real lack of descriptors: the sanitizers themselves need one for a moment.
@@ -388,7 +388,7 @@ TEST_F(Cache, TooManyOpenFilesShedATenthAndTryOnceMore) {
         << "the first try is not reported";
 }
 
-TEST_F(Cache, TooManyOpenFilesWithFewEntriesCloseAll) {
+TEST_F(CacheTest, TooManyOpenFilesWithFewEntriesCloseAll) {
     const std::vector<std::string> vFiles = MakeFiles(4);
     GetInTurn({vFiles.begin(), vFiles.begin() + 3});
     faults::Fail(faults::Call::Open, EMFILE);
@@ -401,7 +401,7 @@ TEST_F(Cache, TooManyOpenFilesWithFewEntriesCloseAll) {
     EXPECT_EQ(1, OpenCount(vFiles[3]));
 }
 
-TEST_F(Cache, AfterTheSecondTryTheErrorIsReportedOnce) {
+TEST_F(CacheTest, AfterTheSecondTryTheErrorIsReportedOnce) {
     const std::string sFile = MakeFile("f");
     const int iCalls = faults::Count(faults::Call::Open);
     faults::Fail(faults::Call::Open, EMFILE, 5);
@@ -411,7 +411,7 @@ TEST_F(Cache, AfterTheSecondTryTheErrorIsReportedOnce) {
     EXPECT_EQ(iCalls + 2, faults::Count(faults::Call::Open));
 }
 
-TEST_F(Cache, OtherErrorsAreNotTriedAgain) {
+TEST_F(CacheTest, OtherErrorsAreNotTriedAgain) {
     const std::string sFile = MakeFile("f");
     GetInTurn(MakeFiles(3));
     for (const int iError : {ENFILE, EACCES, EIO}) {
@@ -423,7 +423,7 @@ TEST_F(Cache, OtherErrorsAreNotTriedAgain) {
     EXPECT_EQ(1, OpenCount(m_Dir / "f0")) << "nothing was shed";
 }
 
-TEST_F(Cache, AnOpenWithoutTheWishShedsNothing) {
+TEST_F(CacheTest, AnOpenWithoutTheWishShedsNothing) {
     GetInTurn(MakeFiles(3));
     faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_EQ(-1, m_Utilities.OS_FileOpen(&m_Access, &m_Argu, (m_Dir / "f0").c_str(), O_RDONLY,
@@ -433,7 +433,7 @@ TEST_F(Cache, AnOpenWithoutTheWishShedsNothing) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, MoreFilesThanTheSoftLimitAreServed) {
+TEST_F(CacheTest, MoreFilesThanTheSoftLimitAreServed) {
     // The files come round again and again; each finds a descriptor, whatever has to give way.
     const std::vector<std::string> vFiles = MakeFiles(300);
     const CDescriptorLimit limit(128);
@@ -448,7 +448,7 @@ TEST_F(Cache, MoreFilesThanTheSoftLimitAreServed) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST(Program, RaisesItsSoftLimitOfDescriptors) {
+TEST(ProgramTest, RaisesItsSoftLimitOfDescriptors) {
     struct rlimit own {};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &own));
     ASSERT_GT(own.rlim_max, 256u);
@@ -464,7 +464,7 @@ TEST(Program, RaisesItsSoftLimitOfDescriptors) {
 
 // --- Closing ---
 
-TEST_F(Cache, OnePathIsClosedAndNoOther) {
+TEST_F(CacheTest, OnePathIsClosedAndNoOther) {
     const std::vector<std::string> vFiles = MakeFiles(2);
     GetInTurn(vFiles);
     Close(&m_Access, vFiles[0]);
@@ -475,7 +475,7 @@ TEST_F(Cache, OnePathIsClosedAndNoOther) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, AClosedEntryLeavesItsPlaceInTheOrder) {
+TEST_F(CacheTest, AClosedEntryLeavesItsPlaceInTheOrder) {
     const std::vector<std::string> vFiles = MakeFiles(12);
     GetInTurn(vFiles);
     Close(&m_Silent, vFiles[0]);
@@ -485,7 +485,7 @@ TEST_F(Cache, AClosedEntryLeavesItsPlaceInTheOrder) {
         ElementsAre("info: [Test.Case] Close exceeded cached file handle: 1", Closed(vFiles[1])));
 }
 
-TEST_F(Cache, AllAreClosedInPathOrder) {
+TEST_F(CacheTest, AllAreClosedInPathOrder) {
     for (const char* pcName : {"c", "a", "b"}) {
         ASSERT_NE(-1, Get(&m_Silent, MakeFile(pcName)));
     }
@@ -496,7 +496,7 @@ TEST_F(Cache, AllAreClosedInPathOrder) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Cache, ClosingAFolderClosesWhatLiesBelowItAndNoSibling) {
+TEST_F(CacheTest, ClosingAFolderClosesWhatLiesBelowItAndNoSibling) {
     ASSERT_EQ(0, mkdir((m_Dir / "y").c_str(), 0755));
     const std::string sBelow = MakeFile("y/z");
     const std::string sSibling = MakeFile("yz");
@@ -506,7 +506,7 @@ TEST_F(Cache, ClosingAFolderClosesWhatLiesBelowItAndNoSibling) {
     EXPECT_EQ(1, OpenCount(sSibling));
 }
 
-TEST_F(Cache, ClosingAFolderTakesATrailingSlashAndTheFolderItself) {
+TEST_F(CacheTest, ClosingAFolderTakesATrailingSlashAndTheFolderItself) {
     ASSERT_EQ(0, mkdir((m_Dir / "y").c_str(), 0755));
     const std::string sBelow = MakeFile("y/z");
     GetInTurn({m_Dir / "y", sBelow});
@@ -514,7 +514,7 @@ TEST_F(Cache, ClosingAFolderTakesATrailingSlashAndTheFolderItself) {
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre(Closed(m_Dir / "y"), Closed(sBelow)));
 }
 
-TEST_F(Cache, ClosingAFolderIsLoggedFromTheFirstEntryAfterEachClose) {
+TEST_F(CacheTest, ClosingAFolderIsLoggedFromTheFirstEntryAfterEachClose) {
     const std::string& d = m_Dir.Path();
     for (const char* pcName : {"a", "b", "y", "y/1", "y/2"}) {
         Get(&m_Silent, m_Dir / pcName);  // none exists: entries of failed opens
@@ -531,7 +531,7 @@ TEST_F(Cache, ClosingAFolderIsLoggedFromTheFirstEntryAfterEachClose) {
                             compared("a"), compared("b")));
 }
 
-TEST_F(Cache, ClosingAFolderLeavesItsEntriesPlacesInTheOrder) {
+TEST_F(CacheTest, ClosingAFolderLeavesItsEntriesPlacesInTheOrder) {
     ASSERT_EQ(0, mkdir((m_Dir / "y").c_str(), 0755));
     const std::string sBelow = MakeFile("y/z");
     const std::vector<std::string> vFiles = MakeFiles(10);
@@ -546,7 +546,7 @@ TEST_F(Cache, ClosingAFolderLeavesItsEntriesPlacesInTheOrder) {
 
 // --- Use by several threads ---
 
-TEST_F(Cache, ADescriptorInUseIsClosedByItsLastUser) {
+TEST_F(CacheTest, ADescriptorInUseIsClosedByItsLastUser) {
     const std::string sFile = MakeFile("f");
     int iFile = -1;
     {
@@ -569,7 +569,7 @@ TEST_F(Cache, ADescriptorInUseIsClosedByItsLastUser) {
     EXPECT_EQ("", DescriptorTarget(iFile));
 }
 
-TEST_F(Cache, AClosedPathIsOpenedAnewBesideTheOneInUse) {
+TEST_F(CacheTest, AClosedPathIsOpenedAnewBesideTheOneInUse) {
     const std::string sFile = MakeFile("f");
     const CachedFile old = m_Utilities.UseCachedFile(&m_Silent, &m_Argu, sFile.c_str(), false);
     Close(&m_Silent, sFile);
@@ -578,7 +578,7 @@ TEST_F(Cache, AClosedPathIsOpenedAnewBesideTheOneInUse) {
     EXPECT_EQ(2, OpenCount(sFile));
 }
 
-TEST_F(Cache, AnUnusedDescriptorStaysWithTheCache) {
+TEST_F(CacheTest, AnUnusedDescriptorStaysWithTheCache) {
     const std::string sFile = MakeFile("f");
     { const CachedFile file = m_Utilities.UseCachedFile(&m_Silent, &m_Argu, sFile.c_str(), false); }
     EXPECT_EQ(1, OpenCount(sFile));
@@ -586,14 +586,14 @@ TEST_F(Cache, AnUnusedDescriptorStaysWithTheCache) {
     EXPECT_EQ(0, OpenCount(sFile));
 }
 
-TEST_F(Cache, AFileThatCannotBeOpenedHasNoUsers) {
+TEST_F(CacheTest, AFileThatCannotBeOpenedHasNoUsers) {
     const CachedFile file =
         m_Utilities.UseCachedFile(&m_Silent, &m_Argu, (m_Dir / "none").c_str(), false);
     EXPECT_EQ(-1, file.iFile);
     EXPECT_EQ(nullptr, file.pUse);
 }
 
-TEST_F(Cache, EveryReaderGetsItsOwnFilesBytesWhileDescriptorsComeAndGo) {
+TEST_F(CacheTest, EveryReaderGetsItsOwnFilesBytesWhileDescriptorsComeAndGo) {
     constexpr int FILES = 24;
     constexpr unsigned int SIZE = 4096;
     const std::vector<int> vBefore = support::OpenFds();
@@ -641,7 +641,7 @@ TEST_F(Cache, EveryReaderGetsItsOwnFilesBytesWhileDescriptorsComeAndGo) {
     EXPECT_EQ(vBefore.size(), support::OpenFds().size()) << "none was left open";
 }
 
-TEST_F(Cache, WritersOfOneFileDoNotMixTheirPlaces) {
+TEST_F(CacheTest, WritersOfOneFileDoNotMixTheirPlaces) {
     constexpr unsigned int BLOCK = 64;
     constexpr unsigned int BLOCKS = 400;
     const std::string sFile = MakeFile("f", "");

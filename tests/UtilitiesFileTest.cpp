@@ -23,9 +23,9 @@ using ::testing::IsEmpty;
 namespace {
 
 // A folder with a file of ten bytes, an empty folder, and descriptors that refuse things.
-class Files : public UtilitiesFixture {
+class UtilitiesFileTest : public UtilitiesFixture {
 protected:
-    Files() {
+    UtilitiesFileTest() {
         support::WriteFile(m_sFile, "0123456789");
         std::filesystem::create_directory(m_sFolder);
         m_iFile = ::open(m_sFile.c_str(), O_RDWR);
@@ -35,7 +35,7 @@ protected:
             throw std::runtime_error("pipe");
         }
     }
-    ~Files() override {
+    ~UtilitiesFileTest() override {
         for (const int iFile : {m_iFile, m_iReadOnly, m_iFolder, m_iPipe[0], m_iPipe[1]}) {
             ::close(iFile);
         }
@@ -82,20 +82,21 @@ private:
 
 namespace {
 
-class SystemCalls;
+class SystemCallsTest;
 
 // One wrapper, once where it works and once where it fails. In the lines, {D} is the folder, {F}
 // the descriptor of a file, {R} one open for reading only, {O} one of a folder, {P} one of a pipe.
 struct WrapperCase {
     const char* pcName;
-    std::function<long long(SystemCalls&, char*)> works;
-    std::function<long long(SystemCalls&, char*)> fails;
+    std::function<long long(SystemCallsTest&, char*)> works;
+    std::function<long long(SystemCallsTest&, char*)> fails;
     const char* pcInfo;
     const char* pcError;  // without the reason
     const char* pcReason;
 };
 
-class SystemCalls : public Files, public ::testing::WithParamInterface<WrapperCase> {
+class SystemCallsTest : public UtilitiesFileTest,
+                        public ::testing::WithParamInterface<WrapperCase> {
 public:
     // The cases reach the fixture through these.
     CUtilities* U() { return &m_Utilities; }
@@ -137,7 +138,7 @@ long long CloseOpened(int iFile) {
 
 long long FromBool(bool bOk) { return bOk ? 0 : -1; }
 
-using S = SystemCalls;
+using S = SystemCallsTest;
 char cTransfer[16] = "abc";
 struct stat statData;
 
@@ -264,10 +265,10 @@ const WrapperCase WRAPPERS[] = {
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Wrapper, SystemCalls, ::testing::ValuesIn(WRAPPERS),
+INSTANTIATE_TEST_SUITE_P(Wrapper, SystemCallsTest, ::testing::ValuesIn(WRAPPERS),
                          [](const auto& info) { return std::string(info.param.pcName); });
 
-TEST_P(SystemCalls, ReportSuccessWithFileAccessLogging) {
+TEST_P(SystemCallsTest, ReportSuccessWithFileAccessLogging) {
     m_pParam = &m_Access;
     std::snprintf(m_cStatus, sizeof(m_cStatus), "before");
     EXPECT_GE(GetParam().works(*this, m_cStatus), 0);
@@ -275,13 +276,13 @@ TEST_P(SystemCalls, ReportSuccessWithFileAccessLogging) {
     EXPECT_STREQ("before", m_cStatus);
 }
 
-TEST_P(SystemCalls, SucceedSilentlyWithoutFileAccessLogging) {
+TEST_P(SystemCallsTest, SucceedSilentlyWithoutFileAccessLogging) {
     m_pParam = &m_AllButAccess;
     EXPECT_GE(GetParam().works(*this, nullptr), 0);
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_P(SystemCalls, ReportFailureWithErrorLogging) {
+TEST_P(SystemCallsTest, ReportFailureWithErrorLogging) {
     m_pParam = &m_Errors;
     EXPECT_EQ(-1, GetParam().fails(*this, m_cStatus));
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre("error: " + Fill(GetParam().pcError) +
@@ -289,20 +290,20 @@ TEST_P(SystemCalls, ReportFailureWithErrorLogging) {
     EXPECT_STREQ(GetParam().pcReason, m_cStatus);
 }
 
-TEST_P(SystemCalls, FailSilentlyWithoutErrorLoggingButGiveTheReason) {
+TEST_P(SystemCallsTest, FailSilentlyWithoutErrorLoggingButGiveTheReason) {
     m_pParam = &m_AllButErrors;
     EXPECT_EQ(-1, GetParam().fails(*this, m_cStatus));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
     EXPECT_STREQ(GetParam().pcReason, m_cStatus);
 }
 
-TEST_P(SystemCalls, TakeANullStatus) {
+TEST_P(SystemCallsTest, TakeANullStatus) {
     EXPECT_EQ(-1, GetParam().fails(*this, nullptr));
     EXPECT_GE(GetParam().works(*this, nullptr), 0);
 }
 
 // The wrappers that take a descriptor, in the order close, read, write, seek, tell.
-TEST_F(Files, TheDescriptorMinusOneIsRefusedWithoutASystemCall) {
+TEST_F(UtilitiesFileTest, TheDescriptorMinusOneIsRefusedWithoutASystemCall) {
     const std::tuple<const char*, faults::Call, std::function<long long()>> calls[] = {
         {"[Test.Case] OS close file \"/any/name\".", faults::Call::Close,
          [&] { return m_Utilities.OS_FileClose(&m_Errors, &m_Argu, "/any/name", -1, m_cStatus); }},
@@ -329,12 +330,12 @@ TEST_F(Files, TheDescriptorMinusOneIsRefusedWithoutASystemCall) {
 
 // --- What the single calls do ---
 
-TEST_F(Files, CreateKeepsTheContentOfAnExistingFile) {
+TEST_F(UtilitiesFileTest, CreateKeepsTheContentOfAnExistingFile) {
     CloseOpened(m_Utilities.OS_FileCreate(&m_Silent, &m_Argu, m_sFile.c_str(), nullptr));
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Files, CreateGivesMode0666AndADescriptorForReadingAndWriting) {
+TEST_F(UtilitiesFileTest, CreateGivesMode0666AndADescriptorForReadingAndWriting) {
     const CFileMask mask(0);
     const int iFile = m_Utilities.OS_FileCreate(&m_Silent, &m_Argu, m_sNone.c_str(), nullptr);
     ASSERT_NE(-1, iFile);
@@ -343,19 +344,19 @@ TEST_F(Files, CreateGivesMode0666AndADescriptorForReadingAndWriting) {
     CloseOpened(iFile);
 }
 
-TEST_F(Files, RemoveTakesEmptyFoldersToo) {
+TEST_F(UtilitiesFileTest, RemoveTakesEmptyFoldersToo) {
     EXPECT_EQ(0, m_Utilities.OS_FileRemove(&m_Silent, &m_Argu, m_sFolder.c_str(), nullptr));
     EXPECT_FALSE(support::FileExists(m_sFolder));
 }
 
-TEST_F(Files, RenameReplacesAnExistingTarget) {
+TEST_F(UtilitiesFileTest, RenameReplacesAnExistingTarget) {
     support::WriteFile(m_Dir / "to", "old");
     EXPECT_EQ(0, m_Utilities.OS_FileRename(&m_Silent, &m_Argu, m_sFile.c_str(),
                                            (m_Dir / "to").c_str(), nullptr));
     EXPECT_EQ("0123456789", support::ReadFile(m_Dir / "to"));
 }
 
-TEST_F(Files, OpenUsesTheFlagsGiven) {
+TEST_F(UtilitiesFileTest, OpenUsesTheFlagsGiven) {
     const int iFile = m_Utilities.OS_FileOpen(&m_Silent, &m_Argu, m_sFile.c_str(),
                                               O_RDWR | O_APPEND, false, nullptr);
     ASSERT_NE(-1, iFile);
@@ -363,7 +364,7 @@ TEST_F(Files, OpenUsesTheFlagsGiven) {
     CloseOpened(iFile);
 }
 
-TEST_F(Files, ReadGivesTheCountAndZeroAtTheEnd) {
+TEST_F(UtilitiesFileTest, ReadGivesTheCountAndZeroAtTheEnd) {
     char cBuf[16] = "";
     EXPECT_EQ(7, m_Utilities.OS_FileRead(&m_Silent, &m_Argu, m_iFile, cBuf, 7, nullptr));
     EXPECT_STREQ("0123456", cBuf);
@@ -371,7 +372,7 @@ TEST_F(Files, ReadGivesTheCountAndZeroAtTheEnd) {
     EXPECT_EQ(0, m_Utilities.OS_FileRead(&m_Silent, &m_Argu, m_iFile, cBuf, 16, nullptr));
 }
 
-TEST_F(Files, TransfersInterruptedByASignalAreMadeAgain) {
+TEST_F(UtilitiesFileTest, TransfersInterruptedByASignalAreMadeAgain) {
     char cBuf[16] = "";
     faults::Fail(faults::Call::Read, EINTR, 3);
     EXPECT_EQ(10, m_Utilities.OS_FileRead(&m_All, &m_Argu, m_iFile, cBuf, 16, nullptr));
@@ -384,14 +385,14 @@ TEST_F(Files, TransfersInterruptedByASignalAreMadeAgain) {
     EXPECT_EQ(1u, m_Utilities.TakeLines().size()) << "the first tries are not reported";
 }
 
-TEST_F(Files, ADeviceErrorIsReported) {
+TEST_F(UtilitiesFileTest, ADeviceErrorIsReported) {
     char cBuf[16] = "";
     faults::Fail(faults::Call::Read, EIO);
     EXPECT_EQ(-1, m_Utilities.OS_FileRead(&m_Silent, &m_Argu, m_iFile, cBuf, 16, m_cStatus));
     EXPECT_STREQ("Input/output error (5)", m_cStatus);
 }
 
-TEST_F(Files, AFullFileSystemWritesWhatFitsAndThenFails) {
+TEST_F(UtilitiesFileTest, AFullFileSystemWritesWhatFitsAndThenFails) {
     const CTinyFileSystem tiny(m_Dir / "tiny");
     const int iFile =
         m_Utilities.OS_FileCreate(&m_Silent, &m_Argu, (m_Dir / "tiny/f").c_str(), nullptr);
@@ -404,7 +405,7 @@ TEST_F(Files, AFullFileSystemWritesWhatFitsAndThenFails) {
     CloseOpened(iFile);
 }
 
-TEST_F(Files, SeekGivesThePositionInAllThreeWays) {
+TEST_F(UtilitiesFileTest, SeekGivesThePositionInAllThreeWays) {
     EXPECT_EQ(4, m_Utilities.OS_FileSeek(&m_Silent, &m_Argu, m_iFile, 4, SEEK_SET, nullptr));
     EXPECT_EQ(6, m_Utilities.OS_FileSeek(&m_Silent, &m_Argu, m_iFile, 2, SEEK_CUR, nullptr));
     EXPECT_EQ(6, m_Utilities.OS_FileTell(&m_Silent, &m_Argu, m_iFile, nullptr));
@@ -412,7 +413,7 @@ TEST_F(Files, SeekGivesThePositionInAllThreeWays) {
     EXPECT_EQ(13, m_Utilities.OS_FileTell(&m_Silent, &m_Argu, m_iFile, nullptr));
 }
 
-TEST_F(Files, SeekReachesBeyond4GiB) {
+TEST_F(UtilitiesFileTest, SeekReachesBeyond4GiB) {
     const unsigned long long iFar = 1ULL << 40;
     EXPECT_EQ(static_cast<long long>(iFar),
               m_Utilities.OS_FileSeek(&m_Silent, &m_Argu, m_iFile, iFar, SEEK_SET, nullptr));
@@ -420,14 +421,14 @@ TEST_F(Files, SeekReachesBeyond4GiB) {
               m_Utilities.OS_FileTell(&m_Silent, &m_Argu, m_iFile, nullptr));
 }
 
-TEST_F(Files, APositionThatIsNegativeAsASignedNumberIsRefused) {
+TEST_F(UtilitiesFileTest, APositionThatIsNegativeAsASignedNumberIsRefused) {
     EXPECT_EQ(-1, m_Utilities.OS_FileSeek(&m_Silent, &m_Argu, m_iFile, ~0ULL, SEEK_SET, m_cStatus));
     EXPECT_STREQ("Invalid argument (22)", m_cStatus);
     EXPECT_EQ(9, m_Utilities.OS_FileSeek(&m_Silent, &m_Argu, m_iFile, ~0ULL, SEEK_END, nullptr))
         << "but it goes back from the end";
 }
 
-TEST_F(Files, FoldersAndModesAreSetAsGiven) {
+TEST_F(UtilitiesFileTest, FoldersAndModesAreSetAsGiven) {
     const CFileMask mask(0);
     EXPECT_EQ(0, m_Utilities.OS_FolderCreate(&m_Silent, &m_Argu, m_sNone.c_str(), 0751, nullptr));
     EXPECT_EQ(0751u, ModeOf(m_sNone));
@@ -437,7 +438,7 @@ TEST_F(Files, FoldersAndModesAreSetAsGiven) {
     EXPECT_FALSE(support::FileExists(m_sNone));
 }
 
-TEST_F(Files, StatDescribesASymbolicLinkItself) {
+TEST_F(UtilitiesFileTest, StatDescribesASymbolicLinkItself) {
     ASSERT_EQ(0, symlink("/nowhere", m_sNone.c_str()));
     struct stat data {};
     EXPECT_EQ(0, m_Utilities.OS_GetFileStat(&m_Silent, &m_Argu, m_sNone.c_str(), &data, nullptr));
@@ -446,7 +447,7 @@ TEST_F(Files, StatDescribesASymbolicLinkItself) {
     EXPECT_EQ(10, data.st_size);
 }
 
-TEST_F(Files, ExistenceFollowsSymbolicLinks) {
+TEST_F(UtilitiesFileTest, ExistenceFollowsSymbolicLinks) {
     ASSERT_EQ(0, symlink("/nowhere", (m_Dir / "dangling").c_str()));
     ASSERT_EQ(0, symlink("file", (m_Dir / "link").c_str()));
     EXPECT_TRUE(CUtilities::OS_IsFileExists(m_sFile.c_str()));
@@ -459,7 +460,7 @@ TEST_F(Files, ExistenceFollowsSymbolicLinks) {
 
 // --- Setting a file's size ---
 
-TEST_F(Files, SizesGrowWithZerosAndShrink) {
+TEST_F(UtilitiesFileTest, SizesGrowWithZerosAndShrink) {
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 12, nullptr));
     EXPECT_EQ(std::string("0123456789\0\0", 12), Content());
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 3, nullptr));
@@ -468,13 +469,13 @@ TEST_F(Files, SizesGrowWithZerosAndShrink) {
     EXPECT_EQ("", Content());
 }
 
-TEST_F(Files, TheCurrentSizeIsSetWithoutALogLine) {
+TEST_F(UtilitiesFileTest, TheCurrentSizeIsSetWithoutALogLine) {
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_All, &m_Argu, m_sFile.c_str(), 10, nullptr));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Files, SettingASizeCreatesAMissingFileWithMode0755) {
+TEST_F(UtilitiesFileTest, SettingASizeCreatesAMissingFileWithMode0755) {
     const CFileMask mask(0);
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_All, &m_Argu, m_sNone.c_str(), 7, nullptr));
     EXPECT_EQ(std::string(7, '\0'), support::ReadFile(m_sNone));
@@ -483,13 +484,13 @@ TEST_F(Files, SettingASizeCreatesAMissingFileWithMode0755) {
                 ElementsAre("info: [Test.Case] OS set file file \"" + m_sNone + "\""));
 }
 
-TEST_F(Files, SettingSize0CreatesAMissingFileWithoutALogLine) {
+TEST_F(UtilitiesFileTest, SettingSize0CreatesAMissingFileWithoutALogLine) {
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_All, &m_Argu, m_sNone.c_str(), 0, nullptr));
     EXPECT_TRUE(support::FileExists(m_sNone));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Files, ASizeThatTheSystemRefusesIsReportedAndTheDescriptorClosed) {
+TEST_F(UtilitiesFileTest, ASizeThatTheSystemRefusesIsReportedAndTheDescriptorClosed) {
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
     EXPECT_FALSE(
         m_Utilities.OS_SetFileSize(&m_Errors, &m_Argu, m_sFile.c_str(), 1ULL << 63, m_cStatus));
@@ -500,7 +501,7 @@ TEST_F(Files, ASizeThatTheSystemRefusesIsReportedAndTheDescriptorClosed) {
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Files, ASizeThatCannotBeAskedIsReportedAndTheDescriptorClosed) {
+TEST_F(UtilitiesFileTest, ASizeThatCannotBeAskedIsReportedAndTheDescriptorClosed) {
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
     faults::Fail(faults::Call::Fstat, EIO);
     EXPECT_FALSE(m_Utilities.OS_SetFileSize(&m_Errors, &m_Argu, m_sFile.c_str(), 3, m_cStatus));
@@ -511,7 +512,7 @@ TEST_F(Files, ASizeThatCannotBeAskedIsReportedAndTheDescriptorClosed) {
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Files, SettingASizeLeavesNoDescriptorOpen) {
+TEST_F(UtilitiesFileTest, SettingASizeLeavesNoDescriptorOpen) {
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 10, nullptr));
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 11, nullptr));
@@ -520,7 +521,7 @@ TEST_F(Files, SettingASizeLeavesNoDescriptorOpen) {
 
 // --- Forced opening ---
 
-TEST_F(Files, ForcedOpeningCreatesFoldersStepByStep) {
+TEST_F(UtilitiesFileTest, ForcedOpeningCreatesFoldersStepByStep) {
     const CFileMask mask(0);
     const std::string sLog = m_Dir / "a/b/log";
     const int iFile = m_Utilities.OS_FileForceOpen(&m_Access, &m_Argu, sLog.c_str(), m_cStatus);
@@ -542,7 +543,7 @@ TEST_F(Files, ForcedOpeningCreatesFoldersStepByStep) {
     EXPECT_EQ(0755u, ModeOf(m_Dir / "a/b"));
 }
 
-TEST_F(Files, ForcedOpeningAppendsToAnExistingFile) {
+TEST_F(UtilitiesFileTest, ForcedOpeningAppendsToAnExistingFile) {
     const int iFile = m_Utilities.OS_FileForceOpen(&m_Access, &m_Argu, m_sFile.c_str(), m_cStatus);
     ASSERT_NE(-1, iFile);
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -553,14 +554,14 @@ TEST_F(Files, ForcedOpeningAppendsToAnExistingFile) {
     EXPECT_EQ("0123456789ab", Content());
 }
 
-TEST_F(Files, ForcedOpeningIsSilentWithoutFileAccessLogging) {
+TEST_F(UtilitiesFileTest, ForcedOpeningIsSilentWithoutFileAccessLogging) {
     CRuntimeParam param("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_FILE_ACCESS);
     CloseOpened(m_Utilities.OS_FileForceOpen(&param, &m_Argu, (m_Dir / "a/log").c_str(), nullptr));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
     EXPECT_TRUE(support::FileExists(m_Dir / "a/log"));
 }
 
-TEST_F(Files, ForcedOpeningNeitherChecksNorCreatesTheFirstPieceOfARelativePath) {
+TEST_F(UtilitiesFileTest, ForcedOpeningNeitherChecksNorCreatesTheFirstPieceOfARelativePath) {
     const std::filesystem::path old = std::filesystem::current_path();
     std::filesystem::current_path(m_Dir.Path());
     EXPECT_EQ(-1, m_Utilities.OS_FileForceOpen(&m_All, &m_Argu, "a/b/log", m_cStatus));
@@ -578,7 +579,7 @@ TEST_F(Files, ForcedOpeningNeitherChecksNorCreatesTheFirstPieceOfARelativePath) 
     std::filesystem::current_path(old);
 }
 
-TEST_F(Files, ForcedOpeningOfABareNameChecksNoFolder) {
+TEST_F(UtilitiesFileTest, ForcedOpeningOfABareNameChecksNoFolder) {
     const std::filesystem::path old = std::filesystem::current_path();
     std::filesystem::current_path(m_Dir.Path());
     CloseOpened(m_Utilities.OS_FileForceOpen(&m_Access, &m_Argu, "log", m_cStatus));
@@ -589,7 +590,7 @@ TEST_F(Files, ForcedOpeningOfABareNameChecksNoFolder) {
     std::filesystem::current_path(old);
 }
 
-TEST_F(Files, ForcedOpeningEndsAtAFolderThatCannotBeCreated) {
+TEST_F(UtilitiesFileTest, ForcedOpeningEndsAtAFolderThatCannotBeCreated) {
     EXPECT_EQ(-1, m_Utilities.OS_FileForceOpen(&m_Errors, &m_Argu, (m_Dir / "file/a/b/log").c_str(),
                                                m_cStatus));
     EXPECT_STREQ("Not a directory (20)", m_cStatus);
@@ -598,14 +599,14 @@ TEST_F(Files, ForcedOpeningEndsAtAFolderThatCannotBeCreated) {
                             "\" (mode = 493). Error=Not a directory (20)"));
 }
 
-TEST_F(Files, ForcedOpeningGivesTheReasonOfTheOpen) {
+TEST_F(UtilitiesFileTest, ForcedOpeningGivesTheReasonOfTheOpen) {
     EXPECT_EQ(-1, m_Utilities.OS_FileForceOpen(&m_Silent, &m_Argu, m_sFolder.c_str(), m_cStatus));
     EXPECT_STREQ("Is a directory (21)", m_cStatus);
     EXPECT_EQ(-1, m_Utilities.OS_FileForceOpen(&m_Silent, &m_Argu, "", m_cStatus));
     EXPECT_STREQ("No such file or directory (2)", m_cStatus);
 }
 
-TEST_F(Files, ForcedOpeningShedsCachedDescriptorsWhenThereAreTooMany) {
+TEST_F(UtilitiesFileTest, ForcedOpeningShedsCachedDescriptorsWhenThereAreTooMany) {
     ASSERT_NE(-1, Cached(m_sFile));
     faults::Fail(faults::Call::Open, EMFILE);
     EXPECT_NE(-1, CloseOpened(m_Utilities.OS_FileForceOpen(&m_Access, &m_Argu, m_sFile.c_str(),
@@ -616,13 +617,13 @@ TEST_F(Files, ForcedOpeningShedsCachedDescriptorsWhenThereAreTooMany) {
 
 // --- Sizes, new files ---
 
-TEST_F(Files, TheSizeIsThatOfTheFileNow) {
+TEST_F(UtilitiesFileTest, TheSizeIsThatOfTheFileNow) {
     EXPECT_EQ(10, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), -7));
     ASSERT_EQ(0, truncate(m_sFile.c_str(), (1LL << 33) + 1));
     EXPECT_EQ((1LL << 33) + 1, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), -7));
 }
 
-TEST_F(Files, WithoutASizeTheCallersValueIsGiven) {
+TEST_F(UtilitiesFileTest, WithoutASizeTheCallersValueIsGiven) {
     EXPECT_EQ(-7, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sNone.c_str(), -7));
     EXPECT_EQ(1LL << 40, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sNone.c_str(), 1LL << 40));
     EXPECT_EQ(5, m_Utilities.GetFileSize(&m_Silent, &m_Argu, "", 5));
@@ -630,7 +631,7 @@ TEST_F(Files, WithoutASizeTheCallersValueIsGiven) {
     EXPECT_EQ(5, m_Utilities.GetFileSize(&m_Silent, &m_Argu, m_sFile.c_str(), 5));
 }
 
-TEST_F(Files, ANewFileIsCreatedAndClosed) {
+TEST_F(UtilitiesFileTest, ANewFileIsCreatedAndClosed) {
     EXPECT_TRUE(m_Utilities.NewFile(&m_Access, &m_Argu, m_sNone.c_str()));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] OS create file \"" + m_sNone + "\"",
@@ -639,12 +640,12 @@ TEST_F(Files, ANewFileIsCreatedAndClosed) {
     EXPECT_EQ(0, OpenCount(m_sNone));
 }
 
-TEST_F(Files, ANewFileInPlaceOfAnExistingOneKeepsItsContent) {
+TEST_F(UtilitiesFileTest, ANewFileInPlaceOfAnExistingOneKeepsItsContent) {
     EXPECT_TRUE(m_Utilities.NewFile(&m_Silent, &m_Argu, m_sFile.c_str()));
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Files, ANewFileIsNotTheOneThatWasRemovedBehindOurBack) {
+TEST_F(UtilitiesFileTest, ANewFileIsNotTheOneThatWasRemovedBehindOurBack) {
     Export(m_Dir.Path(), "vm01");
     ASSERT_NE(-1, Cached(m_sFile));
     ASSERT_TRUE(std::filesystem::remove(m_sFile));
@@ -653,7 +654,7 @@ TEST_F(Files, ANewFileIsNotTheOneThatWasRemovedBehindOurBack) {
     EXPECT_EQ("new", Content());
 }
 
-TEST_F(Files, ANewFileThatCannotBeCreatedIsAFailure) {
+TEST_F(UtilitiesFileTest, ANewFileThatCannotBeCreatedIsAFailure) {
     EXPECT_FALSE(m_Utilities.NewFile(&m_Errors, &m_Argu, (m_Dir / "none/f").c_str()));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("error: [Test.Case] OS create file \"" + (m_Dir / "none/f") +
@@ -661,7 +662,7 @@ TEST_F(Files, ANewFileThatCannotBeCreatedIsAFailure) {
         << "nothing is closed";
 }
 
-TEST_F(Files, ANewFileCountsEvenWhenItsCloseFails) {
+TEST_F(UtilitiesFileTest, ANewFileCountsEvenWhenItsCloseFails) {
     faults::Fail(faults::Call::Close, EIO);
     EXPECT_TRUE(m_Utilities.NewFile(&m_Silent, &m_Argu, m_sNone.c_str()));
     EXPECT_TRUE(support::FileExists(m_sNone));
@@ -689,7 +690,7 @@ struct Attributes {
     std::uint32_t lMNsec = 0;
 };
 
-class FileAttributes : public Files {
+class FileAttributesTest : public UtilitiesFileTest {
 protected:
     bool Update(CRuntimeParam* pParam, const std::string& sPath, const Attributes& a) {
         return m_Utilities.UpdateFileAttributes(
@@ -705,7 +706,7 @@ protected:
 
 }  // namespace
 
-TEST_F(FileAttributes, AreLoggedAllTogether) {
+TEST_F(FileAttributesTest, AreLoggedAllTogether) {
     Attributes a;
     a.bUid = true;
     a.iMode = 0xFFFFFFFF;
@@ -725,20 +726,20 @@ TEST_F(FileAttributes, AreLoggedAllTogether) {
                             "atime.nsec=12, set_mtime=1, mtime.sec=4294967295, mtime.nsec=14"));
 }
 
-TEST_F(FileAttributes, AreNotLoggedWithoutFileAccessLogging) {
+TEST_F(FileAttributesTest, AreNotLoggedWithoutFileAccessLogging) {
     CRuntimeParam param("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_FILE_ACCESS);
     EXPECT_TRUE(Update(&param, m_sFile, {.bSize = true, .lSize = 4}));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(FileAttributes, NothingToSetSucceedsAlsoForAMissingFile) {
+TEST_F(FileAttributesTest, NothingToSetSucceedsAlsoForAMissingFile) {
     EXPECT_TRUE(Update(&m_Silent, m_sFile, {}));
     EXPECT_TRUE(Update(&m_Errors, m_sNone, {}));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
     EXPECT_FALSE(support::FileExists(m_sNone));
 }
 
-TEST_F(FileAttributes, OwnerAndTimesSucceedAndChangeNothing) {
+TEST_F(FileAttributesTest, OwnerAndTimesSucceedAndChangeNothing) {
     const struct stat before = Stat();
     ASSERT_NE(-1, Cached(m_sFile));
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
@@ -758,7 +759,7 @@ TEST_F(FileAttributes, OwnerAndTimesSucceedAndChangeNothing) {
     EXPECT_EQ(iOpen, OpenCount(m_sFile)) << "the cached descriptor stays";
 }
 
-TEST_F(FileAttributes, ModeAndSizeAreApplied) {
+TEST_F(FileAttributesTest, ModeAndSizeAreApplied) {
     EXPECT_TRUE(Update(&m_Silent, m_sFile, {.bMode = true, .iMode = 0604}));
     EXPECT_EQ(0604u, ModeOf(m_sFile));
     EXPECT_TRUE(Update(&m_Silent, m_sFile, {.bSize = true, .lSize = 4}));
@@ -769,7 +770,7 @@ TEST_F(FileAttributes, ModeAndSizeAreApplied) {
     EXPECT_EQ("01", Content());
 }
 
-TEST_F(FileAttributes, ModeAndSizeCloseTheCachedDescriptorFirst) {
+TEST_F(FileAttributesTest, ModeAndSizeCloseTheCachedDescriptorFirst) {
     const std::string sClose = "info: [Test.Case] OS close file \"" + m_sFile + "\"";
     ASSERT_NE(-1, Cached(m_sFile));
     EXPECT_TRUE(
@@ -788,13 +789,13 @@ TEST_F(FileAttributes, ModeAndSizeCloseTheCachedDescriptorFirst) {
     }
 }
 
-TEST_F(FileAttributes, AModeThatFailsSkipsTheSize) {
+TEST_F(FileAttributesTest, AModeThatFailsSkipsTheSize) {
     EXPECT_FALSE(
         Update(&m_Silent, m_sNone, {.bMode = true, .iMode = 0640, .bSize = true, .lSize = 2}));
     EXPECT_FALSE(support::FileExists(m_sNone)) << "setting the size would have created it";
 }
 
-TEST_F(FileAttributes, ASizeThatFailsIsAFailure) {
+TEST_F(FileAttributesTest, ASizeThatFailsIsAFailure) {
     EXPECT_FALSE(Update(&m_Silent, m_sFolder, {.bSize = true, .lSize = 2}));
     EXPECT_FALSE(
         Update(&m_Silent, m_sFolder, {.bMode = true, .iMode = 0700, .bSize = true, .lSize = 2}));
@@ -805,7 +806,7 @@ TEST_F(FileAttributes, ASizeThatFailsIsAFailure) {
 
 namespace {
 
-class Renaming : public Files {
+class RenamingTest : public UtilitiesFileTest {
 protected:
     bool Rename(CRuntimeParam* pParam, const std::string& sFrom, const std::string& sTo) {
         return m_Utilities.RenameFile(pParam, &m_Argu, sFrom.c_str(), sTo.c_str());
@@ -821,7 +822,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Renaming, MovesTheFileAndItsRow) {
+TEST_F(RenamingTest, MovesTheFileAndItsRow) {
     EXPECT_EQ(0u, FileID(m_sFile));
     EXPECT_TRUE(Rename(&m_Access, m_sFile, m_sTo));
     EXPECT_THAT(
@@ -835,7 +836,7 @@ TEST_F(Renaming, MovesTheFileAndItsRow) {
     EXPECT_EQ(1u, FileID(m_sFile));
 }
 
-TEST_F(Renaming, AnExistingTargetIsRemovedFirst) {
+TEST_F(RenamingTest, AnExistingTargetIsRemovedFirst) {
     support::WriteFile(m_sTo, "old");
     FileID(m_sFile);
     ASSERT_NE(-1, Cached(m_sFile));
@@ -858,7 +859,7 @@ TEST_F(Renaming, AnExistingTargetIsRemovedFirst) {
         << "no descriptor of the old target answers";
 }
 
-TEST_F(Renaming, ATargetThatCannotBeRemovedKeepsTheSource) {
+TEST_F(RenamingTest, ATargetThatCannotBeRemovedKeepsTheSource) {
     support::WriteFile(m_Dir / "folder/f", "x");
     FileID(m_sFile);
     EXPECT_FALSE(Rename(&m_Silent, m_sFile, m_sFolder));
@@ -866,13 +867,13 @@ TEST_F(Renaming, ATargetThatCannotBeRemovedKeepsTheSource) {
     EXPECT_EQ(0u, FileID(m_sFile));
 }
 
-TEST_F(Renaming, AnEmptyFolderAsTargetGivesWayToAFile) {
+TEST_F(RenamingTest, AnEmptyFolderAsTargetGivesWayToAFile) {
     FileID(m_sFile);
     EXPECT_TRUE(Rename(&m_Silent, m_sFile, m_sFolder));
     EXPECT_EQ("0123456789", support::ReadFile(m_sFolder));
 }
 
-TEST_F(Renaming, AMissingTargetFolderKeepsSourceAndRow) {
+TEST_F(RenamingTest, AMissingTargetFolderKeepsSourceAndRow) {
     FileID(m_sFile);
     EXPECT_FALSE(Rename(&m_Errors, m_sFile, m_Dir / "none/to"));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -882,7 +883,7 @@ TEST_F(Renaming, AMissingTargetFolderKeepsSourceAndRow) {
     EXPECT_EQ(0u, FileID(m_sFile));
 }
 
-TEST_F(Renaming, OntoItselfChangesNothingAndSucceeds) {
+TEST_F(RenamingTest, OntoItselfChangesNothingAndSucceeds) {
     FileID(m_sFile);
     EXPECT_TRUE(Rename(&m_Silent, m_sFile, m_sFile));
     EXPECT_EQ("0123456789", Content());
@@ -890,13 +891,13 @@ TEST_F(Renaming, OntoItselfChangesNothingAndSucceeds) {
     EXPECT_TRUE(Rename(&m_Silent, m_sFolder, m_sFolder)) << "without a row as well";
 }
 
-TEST_F(Renaming, WithoutARowFailsAlthoughTheFileIsRenamed) {
+TEST_F(RenamingTest, WithoutARowFailsAlthoughTheFileIsRenamed) {
     EXPECT_FALSE(Rename(&m_Silent, m_sFile, m_sTo));
     EXPECT_EQ("0123456789", support::ReadFile(m_sTo));
     EXPECT_FALSE(support::FileExists(m_sFile));
 }
 
-TEST_F(Renaming, AMissingSourceWithARowRenamesTheRowOnly) {
+TEST_F(RenamingTest, AMissingSourceWithARowRenamesTheRowOnly) {
     EXPECT_EQ(0u, FileID(m_sNone));
     EXPECT_TRUE(Rename(&m_Errors, m_sNone, m_sTo));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
@@ -904,13 +905,13 @@ TEST_F(Renaming, AMissingSourceWithARowRenamesTheRowOnly) {
     EXPECT_EQ(0u, FileID(m_sTo));
 }
 
-TEST_F(Renaming, AMissingSourceStillRemovesTheTarget) {
+TEST_F(RenamingTest, AMissingSourceStillRemovesTheTarget) {
     support::WriteFile(m_sTo, "old");
     EXPECT_FALSE(Rename(&m_Silent, m_sNone, m_sTo)) << "there is no row";
     EXPECT_FALSE(support::FileExists(m_sTo));
 }
 
-TEST_F(Renaming, OverATargetWithARowLeavesTwoRowsOfOnePath) {
+TEST_F(RenamingTest, OverATargetWithARowLeavesTwoRowsOfOnePath) {
     support::WriteFile(m_sTo, "old");
     EXPECT_EQ(0u, FileID(m_sTo));
     EXPECT_EQ(1u, FileID(m_sFile));
@@ -918,7 +919,7 @@ TEST_F(Renaming, OverATargetWithARowLeavesTwoRowsOfOnePath) {
     EXPECT_EQ(1u, FileID(m_sTo)) << "only the renamed row is among the recently found";
 }
 
-TEST_F(Renaming, AFolderKeepsTheRowsBelowUnderTheirOldPaths) {
+TEST_F(RenamingTest, AFolderKeepsTheRowsBelowUnderTheirOldPaths) {
     support::WriteFile(m_Dir / "folder/f", "x");
     EXPECT_EQ(0u, FileID(m_sFolder));
     EXPECT_EQ(1u, FileID(m_Dir / "folder/f"));
@@ -928,7 +929,7 @@ TEST_F(Renaming, AFolderKeepsTheRowsBelowUnderTheirOldPaths) {
     EXPECT_EQ(1u, FileID(m_Dir / "folder/f"));
 }
 
-TEST_F(Renaming, OntoATargetWithARowMovesBothRowsTheNextTime) {
+TEST_F(RenamingTest, OntoATargetWithARowMovesBothRowsTheNextTime) {
     support::WriteFile(m_sTo, "old");
     FileID(m_sTo);
     FileID(m_sTo);  // among the recently found, where the next search begins
@@ -941,7 +942,7 @@ TEST_F(Renaming, OntoATargetWithARowMovesBothRowsTheNextTime) {
     EXPECT_EQ(2u, FileID(m_sTo)) << "what comes there next is another file";
 }
 
-TEST_F(Renaming, AFolderClosesWhatIsOpenBelowItAndNoSibling) {
+TEST_F(RenamingTest, AFolderClosesWhatIsOpenBelowItAndNoSibling) {
     const std::string sSibling = m_Dir / "folder2";
     support::WriteFile(m_sFolder + "/f", "x");
     std::filesystem::create_directory(m_sFolder + "/inner");
@@ -965,7 +966,7 @@ TEST_F(Renaming, AFolderClosesWhatIsOpenBelowItAndNoSibling) {
     EXPECT_EQ(1, OpenCount(sSibling));
 }
 
-TEST_F(Renaming, WhatIsStillOpenAtTheTargetFromRemovedFilesIsClosed) {
+TEST_F(RenamingTest, WhatIsStillOpenAtTheTargetFromRemovedFilesIsClosed) {
     support::WriteFile(m_sFolder + "/f", "x");
     FileID(m_sFolder);
     FileID(m_sFile);
@@ -987,7 +988,7 @@ TEST_F(Renaming, WhatIsStillOpenAtTheTargetFromRemovedFilesIsClosed) {
                                        &bEof));
 }
 
-TEST_F(Renaming, ARowLeftBehindMeansNothingThatComesToItsPlace) {
+TEST_F(RenamingTest, ARowLeftBehindMeansNothingThatComesToItsPlace) {
     support::WriteFile(m_sFolder + "/f", "x");
     EXPECT_EQ(0u, FileID(m_sFolder));
     EXPECT_EQ(1u, FileID(m_sFolder + "/f"));
@@ -1005,7 +1006,7 @@ TEST_F(Renaming, ARowLeftBehindMeansNothingThatComesToItsPlace) {
     EXPECT_EQ(1u, FileID(m_sFolder + "/f"));
 }
 
-TEST_F(Renaming, AFolderIntoItselfRemovesNothing) {
+TEST_F(RenamingTest, AFolderIntoItselfRemovesNothing) {
     support::WriteFile(m_sFolder + "/f", "kept");
     FileID(m_sFolder);
     EXPECT_FALSE(Rename(&m_Errors, m_sFolder, m_sFolder + "/f"));
@@ -1015,7 +1016,7 @@ TEST_F(Renaming, AFolderIntoItselfRemovesNothing) {
     EXPECT_EQ("kept", support::ReadFile(m_sFolder + "/f"));
 }
 
-TEST_F(Renaming, OntoAnotherFileSystemRemovesNothing) {
+TEST_F(RenamingTest, OntoAnotherFileSystemRemovesNothing) {
     const CTinyFileSystem tiny(m_Dir / "tiny");
     support::WriteFile(m_Dir / "tiny/f", "kept");
     FileID(m_sFile);
@@ -1026,7 +1027,7 @@ TEST_F(Renaming, OntoAnotherFileSystemRemovesNothing) {
 
 // --- Removing ---
 
-TEST_F(Files, RemovingClosesTheCachedDescriptorFirst) {
+TEST_F(UtilitiesFileTest, RemovingClosesTheCachedDescriptorFirst) {
     ASSERT_NE(-1, Cached(m_sFile));
     EXPECT_TRUE(m_Utilities.RemoveFile(&m_Access, &m_Argu, m_sFile.c_str()));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -1036,7 +1037,7 @@ TEST_F(Files, RemovingClosesTheCachedDescriptorFirst) {
     EXPECT_FALSE(support::FileExists(m_sFile));
 }
 
-TEST_F(Files, RemovingWhatIsMissingFails) {
+TEST_F(UtilitiesFileTest, RemovingWhatIsMissingFails) {
     EXPECT_FALSE(m_Utilities.RemoveFile(&m_Errors, &m_Argu, m_sNone.c_str()));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("error: [Test.Case] OS remove file \"" + m_sNone +
@@ -1047,9 +1048,9 @@ TEST_F(Files, RemovingWhatIsMissingFails) {
 
 namespace {
 
-class Transfers : public Files {
+class TransfersTest : public UtilitiesFileTest {
 protected:
-    Transfers() { Export(m_Dir.Path(), "vm01"); }
+    TransfersTest() { Export(m_Dir.Path(), "vm01"); }
 
     // The bytes read, or "-1".
     std::string Read(CRuntimeParam* pParam, const std::string& sPath, unsigned long long iSeek,
@@ -1072,7 +1073,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Transfers, AReadIsLoggedStepByStep) {
+TEST_F(TransfersTest, AReadIsLoggedStepByStep) {
     const std::string sFd = std::to_string(Cached(m_sFile));
     EXPECT_EQ("345", Read(&m_Access, m_sFile, 3, 3));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -1084,54 +1085,54 @@ TEST_F(Transfers, AReadIsLoggedStepByStep) {
                             "info: [Test.Case] OS seek file (" + sFd + ")"));
 }
 
-TEST_F(Transfers, AReadInTheMiddleIsNotTheEnd) {
+TEST_F(TransfersTest, AReadInTheMiddleIsNotTheEnd) {
     EXPECT_EQ("2345", Read(&m_Silent, m_sFile, 2, 4));
     EXPECT_FALSE(m_bEof);
     EXPECT_EQ("012345678", Read(&m_Silent, m_sFile, 0, 9));
     EXPECT_FALSE(m_bEof);
 }
 
-TEST_F(Transfers, AReadOfTheLastByteIsTheEnd) {
+TEST_F(TransfersTest, AReadOfTheLastByteIsTheEnd) {
     EXPECT_EQ("9", Read(&m_Silent, m_sFile, 9, 1));
     EXPECT_TRUE(m_bEof);
     EXPECT_EQ("0123456789", Read(&m_Silent, m_sFile, 0, 10));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, AReadAcrossTheEndGivesWhatThereIs) {
+TEST_F(TransfersTest, AReadAcrossTheEndGivesWhatThereIs) {
     EXPECT_EQ("89", Read(&m_Silent, m_sFile, 8, 20));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, AReadAtOrBeyondTheEndGivesNothing) {
+TEST_F(TransfersTest, AReadAtOrBeyondTheEndGivesNothing) {
     EXPECT_EQ("", Read(&m_Silent, m_sFile, 10, 5));
     EXPECT_TRUE(m_bEof);
     EXPECT_EQ("", Read(&m_Silent, m_sFile, 1'000'000'000'000, 5));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, AReadOfNothingTellsWhetherThePlaceIsTheEnd) {
+TEST_F(TransfersTest, AReadOfNothingTellsWhetherThePlaceIsTheEnd) {
     EXPECT_EQ("", Read(&m_Silent, m_sFile, 5, 0));
     EXPECT_FALSE(m_bEof);
     EXPECT_EQ("", Read(&m_Silent, m_sFile, 10, 0));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, AReadLeavesTheDescriptorAtTheEnd) {
+TEST_F(TransfersTest, AReadLeavesTheDescriptorAtTheEnd) {
     EXPECT_EQ("01", Read(&m_Silent, m_sFile, 0, 2));
     EXPECT_EQ(10, lseek(Cached(m_sFile), 0, SEEK_CUR));
     EXPECT_EQ("89", Read(&m_Silent, m_sFile, ~0ULL - 1, 5, SEEK_END));
     EXPECT_EQ("", Read(&m_Silent, m_sFile, 0, 5, SEEK_CUR));
 }
 
-TEST_F(Transfers, AReadOfAMissingFileFailsAtItsEnd) {
+TEST_F(TransfersTest, AReadOfAMissingFileFailsAtItsEnd) {
     EXPECT_EQ("-1", Read(&m_Silent, m_sNone, 0, 5));
     EXPECT_TRUE(m_bEof);
     EXPECT_EQ("-1", Read(&m_Silent, "", 0, 5));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, AReadThatTheDeviceRefusesFails) {
+TEST_F(TransfersTest, AReadThatTheDeviceRefusesFails) {
     ASSERT_NE(-1, Cached(m_sFile));
     faults::Fail(faults::Call::Read, EIO);
     EXPECT_EQ("-1", Read(&m_Silent, m_sFile, 0, 5));
@@ -1139,7 +1140,7 @@ TEST_F(Transfers, AReadThatTheDeviceRefusesFails) {
     EXPECT_EQ("01234", Read(&m_Silent, m_sFile, 0, 5));
 }
 
-TEST_F(Transfers, AReadAtAPlaceThatNoFileCanHaveIsBehindTheEnd) {
+TEST_F(TransfersTest, AReadAtAPlaceThatNoFileCanHaveIsBehindTheEnd) {
     for (const unsigned long long iSeek : {1ULL << 63, ~0ULL}) {
         EXPECT_EQ("", Read(&m_Silent, m_sFile, iSeek, 5));
         EXPECT_TRUE(m_bEof);
@@ -1150,21 +1151,21 @@ TEST_F(Transfers, AReadAtAPlaceThatNoFileCanHaveIsBehindTheEnd) {
     EXPECT_EQ("-1", Read(&m_Silent, sPipe, 0, 5)) << "no ordinary file";
 }
 
-TEST_F(Transfers, AReadSeesWhatOthersWrite) {
+TEST_F(TransfersTest, AReadSeesWhatOthersWrite) {
     EXPECT_EQ("0123456789", Read(&m_Silent, m_sFile, 0, 20));
     ASSERT_EQ(2, pwrite(m_iFile, "AB", 2, 9));
     EXPECT_EQ("AB", Read(&m_Silent, m_sFile, 9, 20));
     EXPECT_TRUE(m_bEof);
 }
 
-TEST_F(Transfers, FilesOutsideEveryExportCanBeRead) {
+TEST_F(TransfersTest, FilesOutsideEveryExportCanBeRead) {
     m_Utilities.RemoveAllMountInfo();
     EXPECT_EQ("0123456789", Read(&m_Silent, m_sFile, 0, 20));
 }
 
 // --- Writing ---
 
-TEST_F(Transfers, AWriteIsLoggedStepByStep) {
+TEST_F(TransfersTest, AWriteIsLoggedStepByStep) {
     const std::string sFd = std::to_string(Cached(m_sFile));
     EXPECT_EQ(2, Write(&m_Access, m_sFile, 3, "ab"));
     EXPECT_THAT(m_Utilities.TakeLines(),
@@ -1175,19 +1176,19 @@ TEST_F(Transfers, AWriteIsLoggedStepByStep) {
     EXPECT_EQ("012ab56789", Content());
 }
 
-TEST_F(Transfers, AWriteBeyondTheEndLeavesZerosBetween) {
+TEST_F(TransfersTest, AWriteBeyondTheEndLeavesZerosBetween) {
     EXPECT_EQ(2, Write(&m_Silent, m_sFile, 12, "ab"));
     EXPECT_EQ(std::string("0123456789\0\0ab", 14), Content());
 }
 
-TEST_F(Transfers, AWriteTakesTheWayOfSeeking) {
+TEST_F(TransfersTest, AWriteTakesTheWayOfSeeking) {
     EXPECT_EQ(2, Write(&m_Silent, m_sFile, 0, "ab", SEEK_END));
     EXPECT_EQ("0123456789ab", Content());
     EXPECT_EQ(1, Write(&m_Silent, m_sFile, 0, "c", SEEK_CUR));
     EXPECT_EQ("0123456789abc", Content());
 }
 
-TEST_F(Transfers, AWriteOutsideEveryExportFailsAndChangesNothing) {
+TEST_F(TransfersTest, AWriteOutsideEveryExportFailsAndChangesNothing) {
     m_Utilities.RemoveAllMountInfo();
     EXPECT_EQ(-1, Write(&m_Errors, m_sFile, 0, "ab"));
     const std::string sFd = std::to_string(Cached(m_sFile));
@@ -1196,18 +1197,18 @@ TEST_F(Transfers, AWriteOutsideEveryExportFailsAndChangesNothing) {
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Transfers, AWriteToAMissingFileFailsAndCreatesNothing) {
+TEST_F(TransfersTest, AWriteToAMissingFileFailsAndCreatesNothing) {
     EXPECT_EQ(-1, Write(&m_Silent, m_sNone, 0, "ab"));
     EXPECT_EQ(-1, Write(&m_Silent, "", 0, "ab"));
     EXPECT_FALSE(support::FileExists(m_sNone));
 }
 
-TEST_F(Transfers, AWriteAtAnImpossiblePlaceFails) {
+TEST_F(TransfersTest, AWriteAtAnImpossiblePlaceFails) {
     EXPECT_EQ(-1, Write(&m_Silent, m_sFile, 1ULL << 63, "ab"));
     EXPECT_EQ("0123456789", Content());
 }
 
-TEST_F(Transfers, AWriteToAFullFileSystemGivesTheCountAndThenFails) {
+TEST_F(TransfersTest, AWriteToAFullFileSystemGivesTheCountAndThenFails) {
     const CTinyFileSystem tiny(m_Dir / "tiny");
     support::WriteFile(m_Dir / "tiny/f", "");
     EXPECT_EQ(4096, Write(&m_Silent, m_Dir / "tiny/f", 0, std::string(6000, 'x')));
@@ -1216,7 +1217,7 @@ TEST_F(Transfers, AWriteToAFullFileSystemGivesTheCountAndThenFails) {
     m_Utilities.Reset(&m_Silent, &m_Argu);
 }
 
-TEST_F(Transfers, ReadsAndWritesShareOneDescriptor) {
+TEST_F(TransfersTest, ReadsAndWritesShareOneDescriptor) {
     const std::ptrdiff_t iOpen = OpenCount(m_sFile);
     EXPECT_EQ(2, Write(&m_Silent, m_sFile, 0, "ab"));
     EXPECT_EQ("ab2", Read(&m_Silent, m_sFile, 0, 3));
@@ -1226,7 +1227,7 @@ TEST_F(Transfers, ReadsAndWritesShareOneDescriptor) {
 
 // --- What a file system says of itself ---
 
-TEST_F(Files, DiskSpaceAndSlotsAreThoseOfTheFileSystem) {
+TEST_F(UtilitiesFileTest, DiskSpaceAndSlotsAreThoseOfTheFileSystem) {
     struct statvfs data {};
     // Each value its own, and products beyond 32 bits.
     data.f_bsize = 1;
@@ -1250,7 +1251,7 @@ TEST_F(Files, DiskSpaceAndSlotsAreThoseOfTheFileSystem) {
     EXPECT_EQ(0xFEDCBA9876543210u, CUtilities::GetFileSystemID(pcPath));
 }
 
-TEST_F(Files, TheRealFileSystemIsAsked) {
+TEST_F(UtilitiesFileTest, TheRealFileSystemIsAsked) {
     const CTinyFileSystem tiny(m_Dir / "tiny");
     struct statvfs data {};
     ASSERT_EQ(0, statvfs((m_Dir / "tiny").c_str(), &data));
@@ -1260,7 +1261,7 @@ TEST_F(Files, TheRealFileSystemIsAsked) {
     EXPECT_EQ(data.f_files, CUtilities::GetTotalFileSlots((m_Dir / "tiny").c_str()));
 }
 
-TEST_F(Files, WithoutAFileSystemEveryValueIsAllOnesAndTheIdIs4) {
+TEST_F(UtilitiesFileTest, WithoutAFileSystemEveryValueIsAllOnesAndTheIdIs4) {
     const char* pcPath = m_sNone.c_str();
     EXPECT_EQ(0xFFFFFFFFFFFFFFFFu, CUtilities::GetTotalDiskSpace(pcPath));
     EXPECT_EQ(0xFFFFFFFFFFFFFFFFu, CUtilities::GetFreeDiskSpace(pcPath));
@@ -1271,7 +1272,7 @@ TEST_F(Files, WithoutAFileSystemEveryValueIsAllOnesAndTheIdIs4) {
     EXPECT_EQ(4u, CUtilities::GetFileSystemID(pcPath));
 }
 
-TEST_F(Files, TheLargestFileDependsOnTheTypeOfFileSystem) {
+TEST_F(UtilitiesFileTest, TheLargestFileDependsOnTheTypeOfFileSystem) {
     const char* pcPath = m_sFile.c_str();
     EXPECT_EQ(2'199'023'255'552u, CUtilities::GetMaxFileSize(pcPath)) << "of this tmpfs";
     faults::SetFileSystemType(0x4D44);
@@ -1284,7 +1285,7 @@ TEST_F(Files, TheLargestFileDependsOnTheTypeOfFileSystem) {
     EXPECT_EQ(2'199'023'255'552u, CUtilities::GetMaxFileSize(m_sNone.c_str()));
 }
 
-TEST(SystemTime, IsInMilliseconds) {
+TEST(SystemTimeTest, IsInMilliseconds) {
     using Clock = std::chrono::system_clock;
     const auto now = [] {
         return static_cast<unsigned long long>(
@@ -1315,38 +1316,38 @@ std::string Printed(unsigned long long iValue) {
 
 }  // namespace
 
-TEST(Splitting, GivesThePiecesBetweenDelimiters) {
+TEST(SplittingTest, GivesThePiecesBetweenDelimiters) {
     EXPECT_THAT(Split("a/bc/d", '/'), ElementsAre("a", "bc", "d"));
     EXPECT_THAT(Split("abc", '/'), ElementsAre("abc"));
     EXPECT_THAT(Split("a b/c", ' '), ElementsAre("a", "b/c"));
 }
 
-TEST(Splitting, ALeadingDelimiterGivesAnEmptyFirstPiece) {
+TEST(SplittingTest, ALeadingDelimiterGivesAnEmptyFirstPiece) {
     EXPECT_THAT(Split("/a/b", '/'), ElementsAre("", "a", "b"));
     EXPECT_THAT(Split("/", '/'), ElementsAre(""));
 }
 
-TEST(Splitting, ATrailingDelimiterGivesNoEmptyLastPiece) {
+TEST(SplittingTest, ATrailingDelimiterGivesNoEmptyLastPiece) {
     EXPECT_THAT(Split("a/b/", '/'), ElementsAre("a", "b"));
     EXPECT_THAT(Split("a//", '/'), ElementsAre("a", ""));
 }
 
-TEST(Splitting, DoubleDelimitersGiveAnEmptyPiece) {
+TEST(SplittingTest, DoubleDelimitersGiveAnEmptyPiece) {
     EXPECT_THAT(Split("a//b", '/'), ElementsAre("a", "", "b"));
 }
 
-TEST(Splitting, NothingGivesNothing) {
+TEST(SplittingTest, NothingGivesNothing) {
     EXPECT_THAT(Split("", '/'), IsEmpty());
     EXPECT_THAT(Split(nullptr, '/'), IsEmpty());
 }
 
-TEST(Splitting, AppendsToWhatIsThere) {
+TEST(SplittingTest, AppendsToWhatIsThere) {
     std::vector<std::string> vPieces = {"x"};
     CUtilities::SplitIntoVector("a,b", ',', &vPieces);
     EXPECT_THAT(vPieces, ElementsAre("x", "a", "b"));
 }
 
-TEST(PrintableSizes, ChangeTheirUnitAt1024) {
+TEST(PrintableSizesTest, ChangeTheirUnitAt1024) {
     EXPECT_EQ("0.0B", Printed(0));
     EXPECT_EQ("1.0B", Printed(1));
     EXPECT_EQ("1023.0B", Printed(1023));

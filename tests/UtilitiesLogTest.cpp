@@ -9,7 +9,7 @@ using ::testing::internal::GetCapturedStdout;
 
 namespace {
 
-class LogRouting : public ::testing::Test {
+class LogRoutingTest : public ::testing::Test {
 protected:
     CUtilities m_Utilities;
     CRuntimeParam m_Param{"cRun", 0};
@@ -20,32 +20,32 @@ constexpr const char* TIME_PATTERN = "\\[[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-
 
 }  // namespace
 
-TEST_F(LogRouting, WithoutASinkAnErrorGoesToTheConsoleWithItsId) {
+TEST_F(LogRoutingTest, WithoutASinkAnErrorGoesToTheConsoleWithItsId) {
     CaptureStdout();
     m_Utilities.LogError(&m_Param, "%s", "x");
     EXPECT_EQ("[erro] (cRun) x\n", GetCapturedStdout());
 }
 
-TEST_F(LogRouting, WithoutASinkAnInfoGoesToTheConsoleWithItsId) {
+TEST_F(LogRoutingTest, WithoutASinkAnInfoGoesToTheConsoleWithItsId) {
     CaptureStdout();
     m_Utilities.LogInfo(&m_Param, "%s", "x");
     EXPECT_EQ("[info] (cRun) x\n", GetCapturedStdout());
 }
 
-TEST_F(LogRouting, WithoutASinkARawMessageIsPrintedAlone) {
+TEST_F(LogRoutingTest, WithoutASinkARawMessageIsPrintedAlone) {
     CaptureStdout();
     m_Utilities.LogRaw(&m_Param, "%s", "x");
     EXPECT_EQ("x\n", GetCapturedStdout());
 }
 
-TEST_F(LogRouting, AnEmptyIdLeavesEmptyBrackets) {
+TEST_F(LogRoutingTest, AnEmptyIdLeavesEmptyBrackets) {
     CRuntimeParam param(nullptr, 0);
     CaptureStdout();
     m_Utilities.LogInfo(&param, "%s", "x");
     EXPECT_EQ("[info] () x\n", GetCapturedStdout());
 }
 
-TEST_F(LogRouting, FinishedMessagesMayBeRoutedWithAnyId) {
+TEST_F(LogRoutingTest, FinishedMessagesMayBeRoutedWithAnyId) {
     char cMessage[] = "100%s done";
     CaptureStdout();
     m_Utilities.LogInfo("idA", cMessage);
@@ -55,7 +55,7 @@ TEST_F(LogRouting, FinishedMessagesMayBeRoutedWithAnyId) {
               GetCapturedStdout());
 }
 
-TEST_F(LogRouting, FinishedMessagesOfAContextCarryItsId) {
+TEST_F(LogRoutingTest, FinishedMessagesOfAContextCarryItsId) {
     char cMessage[] = "100%s done";
     CaptureStdout();
     m_Utilities.LogInfo(&m_Param, cMessage);
@@ -65,7 +65,7 @@ TEST_F(LogRouting, FinishedMessagesOfAContextCarryItsId) {
               GetCapturedStdout());
 }
 
-TEST_F(LogRouting, AMessageInTheFileIsNotOnTheConsoleAndHasNoId) {
+TEST_F(LogRoutingTest, AMessageInTheFileIsNotOnTheConsoleAndHasNoId) {
     CFileLogger logger((m_Dir / "log").c_str());
     ASSERT_TRUE(logger.Open(0));
     m_Utilities.SetFileLogger(&logger);
@@ -80,7 +80,7 @@ TEST_F(LogRouting, AMessageInTheFileIsNotOnTheConsoleAndHasNoId) {
                                         " a raw one 3\n"));
 }
 
-TEST_F(LogRouting, ALoggerThatIsNotOpenLeavesMessagesToTheConsole) {
+TEST_F(LogRoutingTest, ALoggerThatIsNotOpenLeavesMessagesToTheConsole) {
     CFileLogger logger((m_Dir / "log").c_str());
     m_Utilities.SetFileLogger(&logger);
     CaptureStdout();
@@ -91,7 +91,7 @@ TEST_F(LogRouting, ALoggerThatIsNotOpenLeavesMessagesToTheConsole) {
     EXPECT_FALSE(support::FileExists(m_Dir / "log"));
 }
 
-TEST_F(LogRouting, AMessageThatTheFileRefusesGoesToTheConsole) {
+TEST_F(LogRoutingTest, AMessageThatTheFileRefusesGoesToTheConsole) {
     CFileLogger logger("/dev/full");
     ASSERT_TRUE(logger.Open(0));
     m_Utilities.SetFileLogger(&logger);
@@ -105,7 +105,7 @@ TEST_F(LogRouting, AMessageThatTheFileRefusesGoesToTheConsole) {
             "Error=No space left on device \\(28\\)\n\\[erro\\] \\(cRun\\) x\n"));
 }
 
-TEST_F(LogRouting, DetachingTheLoggerBringsMessagesBackToTheConsole) {
+TEST_F(LogRoutingTest, DetachingTheLoggerBringsMessagesBackToTheConsole) {
     CFileLogger logger((m_Dir / "log").c_str());
     ASSERT_TRUE(logger.Open(0));
     EXPECT_EQ(nullptr, m_Utilities.GetFileLogger());
@@ -119,14 +119,14 @@ TEST_F(LogRouting, DetachingTheLoggerBringsMessagesBackToTheConsole) {
     EXPECT_EQ("", support::ReadFile(m_Dir / "log"));
 }
 
-TEST_F(LogRouting, TheCallerDecidesWhetherToLog) {
+TEST_F(LogRoutingTest, TheCallerDecidesWhetherToLog) {
     CRuntimeParam silent("cRun", 0);
     CaptureStdout();
     m_Utilities.LogError(&silent, "%s", "x");
     EXPECT_EQ("[erro] (cRun) x\n", GetCapturedStdout()) << "routing tests no category";
 }
 
-TEST_F(LogRouting, LongMessagesAreCutToTheBuffer) {
+TEST_F(LogRoutingTest, LongMessagesAreCutToTheBuffer) {
     const std::string sLong(5000, 'x');
     CaptureStdout();
     m_Utilities.LogRaw(&m_Param, "%s", sLong.c_str());
@@ -139,7 +139,7 @@ TEST_F(LogRouting, LongMessagesAreCutToTheBuffer) {
     EXPECT_EQ("[erro] (cRun) " + std::string(STATUS_SIZE - 1, 'x') + "\n", GetCapturedStdout());
 }
 
-TEST_F(LogRouting, OutputAppearsAtOnceAlsoInAPipe) {
+TEST_F(LogRoutingTest, OutputAppearsAtOnceAlsoInAPipe) {
     int iPipe[2];
     ASSERT_EQ(0, pipe(iPipe));
     fflush(stdout);
@@ -155,7 +155,7 @@ TEST_F(LogRouting, OutputAppearsAtOnceAlsoInAPipe) {
     close(iPipe[0]);
 }
 
-TEST_F(LogRouting, WithoutACallbackNoNotificationIsDelivered) {
+TEST_F(LogRoutingTest, WithoutACallbackNoNotificationIsDelivered) {
     EXPECT_EQ(-1, m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/a", true, 1, true, 2,
                                                                 true, 3));
     EXPECT_EQ(-1, m_Utilities.LogRemoveRedirectedFile(&m_Param, "/a"));
@@ -163,7 +163,7 @@ TEST_F(LogRouting, WithoutACallbackNoNotificationIsDelivered) {
     EXPECT_EQ(-1, m_Utilities.LogWriteRedirectedFile(&m_Param, "/a", 0, 0, 1));
 }
 
-TEST(LogFormatting, FormattedMessagesReachTheVirtualOperationOfTheirKind) {
+TEST(LogFormattingTest, FormattedMessagesReachTheVirtualOperationOfTheirKind) {
     CRecordingUtilities utilities;
     CRuntimeParam param("cRun", 0);
     CUtilities& base = utilities;
@@ -173,7 +173,7 @@ TEST(LogFormatting, FormattedMessagesReachTheVirtualOperationOfTheirKind) {
     EXPECT_THAT(utilities.TakeLines(), ElementsAre("info: one is 1", "error: two is 2%", "raw: 3"));
 }
 
-TEST(ErrorTexts, AreTheSystemsTextAndTheNumber) {
+TEST(ErrorTextsTest, AreTheSystemsTextAndTheNumber) {
     char cText[STATUS_SIZE];
     CUtilities::GetLastErrorText(cText, 2);
     EXPECT_STREQ("No such file or directory (2)", cText);
@@ -181,7 +181,7 @@ TEST(ErrorTexts, AreTheSystemsTextAndTheNumber) {
     EXPECT_STREQ("Too many open files (24)", cText);
 }
 
-TEST(ErrorTexts, StatusIsFormattedAndCutToItsBuffer) {
+TEST(ErrorTextsTest, StatusIsFormattedAndCutToItsBuffer) {
     char cStatus[STATUS_SIZE + 1];
     cStatus[STATUS_SIZE] = '#';
     CUtilities::SetStatus(cStatus, "%s", std::string(5000, 'x').c_str());

@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-class CanonicalPaths : public UtilitiesFixture {
+class CanonicalPathsTest : public UtilitiesFixture {
 protected:
     std::string Canonical(CRuntimeParam* pParam, const std::string& sPath) {
         char cPath[PATH_SIZE];
@@ -38,7 +38,7 @@ std::string Compared(const std::string& sPath) {
 
 // --- Paths ---
 
-TEST_F(CanonicalPaths, AnExistingPathIsResolved) {
+TEST_F(CanonicalPathsTest, AnExistingPathIsResolved) {
     ASSERT_TRUE(std::filesystem::create_directory(m_Dir / "sub"));
     ASSERT_EQ(0, symlink("sub", (m_Dir / "link").c_str()));
     EXPECT_EQ(m_Dir / "sub", Canonical(&m_Silent, m_Dir / "sub/"));
@@ -47,48 +47,48 @@ TEST_F(CanonicalPaths, AnExistingPathIsResolved) {
     EXPECT_EQ("/", Canonical(&m_Silent, "/"));
 }
 
-TEST_F(CanonicalPaths, AResolvedPathIsReportedWithGeneralInformation) {
+TEST_F(CanonicalPathsTest, AResolvedPathIsReportedWithGeneralInformation) {
     Canonical(&m_General, m_Dir / ".");
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] Get canonical path successfully: " + m_Dir.Path()));
 }
 
-TEST_F(CanonicalPaths, AMissingPathIsUsedAsItStands) {
+TEST_F(CanonicalPathsTest, AMissingPathIsUsedAsItStands) {
     EXPECT_EQ(m_Dir / "./none/", Canonical(&m_Silent, m_Dir / "./none/"));
     EXPECT_EQ("none/../x", Canonical(&m_Silent, "none/../x"));
     EXPECT_EQ("", Canonical(&m_Silent, ""));
 }
 
-TEST_F(CanonicalPaths, AMissingPathIsReportedAsInformation) {
+TEST_F(CanonicalPathsTest, AMissingPathIsReportedAsInformation) {
     Canonical(&m_General, "/none/./x");
     EXPECT_THAT(
         m_Utilities.TakeLines(),
         ElementsAre("info: [Test.Case] Fail to get canonical path from non-exist path: /none/./x"));
 }
 
-TEST_F(CanonicalPaths, OtherCategoriesReportNothing) {
+TEST_F(CanonicalPathsTest, OtherCategoriesReportNothing) {
     CRuntimeParam others("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_GENERAL_INFO);
     Canonical(&others, m_Dir.Path());
     Canonical(&others, "/none");
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(CanonicalPaths, ATooLongPathStaysWithinTheBuffer) {
+TEST_F(CanonicalPathsTest, ATooLongPathStaysWithinTheBuffer) {
     const std::string sPath = Canonical(&m_General, std::string(6000, 'x'));
     EXPECT_LT(sPath.size(), PATH_SIZE);
     EXPECT_EQ(std::string(sPath.size(), 'x'), sPath);
 }
 
-TEST(ComparedPaths, GainASlashUnlessTheyEndInOne) {
+TEST(ComparedPathsTest, GainASlashUnlessTheyEndInOne) {
     EXPECT_EQ("/a/b/", Compared("/a/b"));
     EXPECT_EQ("/a/b/", Compared("/a/b/"));
     EXPECT_EQ("/", Compared("/"));
     EXPECT_EQ("a/", Compared("a"));
 }
 
-TEST(ComparedPaths, AnEmptyPathStaysEmpty) { EXPECT_EQ("", Compared("")); }
+TEST(ComparedPathsTest, AnEmptyPathStaysEmpty) { EXPECT_EQ("", Compared("")); }
 
-TEST(ComparedPaths, AFullBufferIsLeftAlone) {
+TEST(ComparedPathsTest, AFullBufferIsLeftAlone) {
     const std::string sFull(PATH_SIZE - 1, 'x');
     EXPECT_EQ(sFull, Compared(sFull));
     EXPECT_EQ(std::string(PATH_SIZE - 2, 'x') + "/", Compared(std::string(PATH_SIZE - 2, 'x')));
@@ -98,7 +98,7 @@ TEST(ComparedPaths, AFullBufferIsLeftAlone) {
 
 namespace {
 
-class Exports : public UtilitiesFixture {
+class ExportsTest : public UtilitiesFixture {
 protected:
     bool Add(const std::string& sFolder, const char* pcName) {
         m_cStatus[0] = '\0';
@@ -128,75 +128,75 @@ protected:
 
 }  // namespace
 
-TEST_F(Exports, AnAddedExportIsListedUnmounted) {
+TEST_F(ExportsTest, AnAddedExportIsListedUnmounted) {
     Export(m_Dir.Path(), "vm01", "ctl7");
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - " + m_Dir.Path() + " : vm01 () [ctl7]"));
 }
 
-TEST_F(Exports, TheFolderIsStoredCanonical) {
+TEST_F(ExportsTest, TheFolderIsStoredCanonical) {
     Export(m_Dir / "./", "vm01");
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - " + m_Dir.Path() + " : vm01 () []"));
 }
 
-TEST_F(Exports, AFolderThatDoesNotExistIsStoredAsGiven) {
+TEST_F(ExportsTest, AFolderThatDoesNotExistIsStoredAsGiven) {
     Export("/none/./x/", "vm01");
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - /none/./x/ : vm01 () []"));
 }
 
-TEST_F(Exports, ANameIsDefinedOnce) {
+TEST_F(ExportsTest, ANameIsDefinedOnce) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_FALSE(Add("/none/b", "vm01"));
     EXPECT_STREQ("Export name \"vm01\" already defined", m_cStatus);
     EXPECT_TRUE(Add("/none/b", "VM01")) << "names differ in letter case";
 }
 
-TEST_F(Exports, AFolderIsDefinedOnceWhateverItsSpelling) {
+TEST_F(ExportsTest, AFolderIsDefinedOnceWhateverItsSpelling) {
     EXPECT_TRUE(Add(m_Dir.Path(), "vm01"));
     EXPECT_FALSE(Add(m_Dir / "", "vm02"));
     EXPECT_EQ("Local mount path \"" + m_Dir.Path() + "\" already defined", m_cStatus);
     EXPECT_EQ(1, Count());
 }
 
-TEST_F(Exports, ADuplicateNameIsReportedBeforeADuplicateFolder) {
+TEST_F(ExportsTest, ADuplicateNameIsReportedBeforeADuplicateFolder) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_FALSE(Add("/none/a", "vm01"));
     EXPECT_STREQ("Export name \"vm01\" already defined", m_cStatus);
 }
 
-TEST_F(Exports, ADuplicateFolderIsReportedBeforeAnInvalidName) {
+TEST_F(ExportsTest, ADuplicateFolderIsReportedBeforeAnInvalidName) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_FALSE(Add("/none/a", "vm 02"));
     EXPECT_STREQ("Local mount path \"/none/a\" already defined", m_cStatus);
 }
 
-TEST_F(Exports, ANameHasNoSpace) {
+TEST_F(ExportsTest, ANameHasNoSpace) {
     EXPECT_FALSE(Add("/none/a", "vm 01"));
     EXPECT_STREQ("Invalid char \" \" inside export name", m_cStatus);
     EXPECT_EQ(0, Count());
 }
 
-TEST_F(Exports, ANameHasNoSlashAndTheFirstInvalidCharacterIsNamed) {
+TEST_F(ExportsTest, ANameHasNoSlashAndTheFirstInvalidCharacterIsNamed) {
     EXPECT_FALSE(Add("/none/a", "vm/01 x"));
     EXPECT_STREQ("Invalid char \"/\" inside export name", m_cStatus);
     EXPECT_FALSE(Add("/none/a", "vm 01/x"));
     EXPECT_STREQ("Invalid char \" \" inside export name", m_cStatus);
 }
 
-TEST_F(Exports, NoOtherNameIsRefused) {
+TEST_F(ExportsTest, NoOtherNameIsRefused) {
     for (const char* pcName : {"", "\t", "\\", "a\"b", "%s", "\xC3\xA4", ".."}) {
         EXPECT_TRUE(Add(std::string("/none/") + pcName + "x", pcName)) << pcName;
     }
     EXPECT_EQ(7, Count());
 }
 
-TEST_F(Exports, AddingLogsOnlyTheResolving) {
+TEST_F(ExportsTest, AddingLogsOnlyTheResolving) {
     m_Utilities.AddMountInfo(&m_General, &m_Argu, (m_Dir / ".").c_str(), "vm01", "", m_cStatus);
     const std::string sLine = "info: [Test.Case] Get canonical path successfully: " + m_Dir.Path();
     EXPECT_THAT(m_Utilities.TakeLines(), ElementsAre(sLine, sLine))
         << "once for the export and once for the duplicate check";
 }
 
-TEST_F(Exports, RefusalsAreNotLogged) {
+TEST_F(ExportsTest, RefusalsAreNotLogged) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     CRuntimeParam param("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_GENERAL_INFO);
     EXPECT_FALSE(m_Utilities.AddMountInfo(&param, &m_Argu, "/none/b", "vm01", "", m_cStatus));
@@ -204,7 +204,7 @@ TEST_F(Exports, RefusalsAreNotLogged) {
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Exports, AreListedInByteOrderOfTheirNames) {
+TEST_F(ExportsTest, AreListedInByteOrderOfTheirNames) {
     EXPECT_TRUE(Add("/none/1", "b"));
     EXPECT_TRUE(Add("/none/2", "a"));
     EXPECT_TRUE(Add("/none/3", "B"));
@@ -215,7 +215,7 @@ TEST_F(Exports, AreListedInByteOrderOfTheirNames) {
 
 // --- Asking whether an export exists ---
 
-TEST_F(Exports, ExistenceIsAskedByNameOrByFolder) {
+TEST_F(ExportsTest, ExistenceIsAskedByNameOrByFolder) {
     EXPECT_TRUE(Add(m_Dir.Path(), "vm01"));
     const std::string sSpelling = m_Dir / ".";
     EXPECT_TRUE(m_Utilities.IsMountInfoExists(&m_Silent, &m_Argu, nullptr, "vm01", m_cStatus));
@@ -229,13 +229,13 @@ TEST_F(Exports, ExistenceIsAskedByNameOrByFolder) {
     EXPECT_FALSE(m_Utilities.IsMountInfoExists(&m_Silent, &m_Argu, nullptr, nullptr, nullptr));
 }
 
-TEST_F(Exports, AbsenceLeavesTheStatusAlone) {
+TEST_F(ExportsTest, AbsenceLeavesTheStatusAlone) {
     std::snprintf(m_cStatus, sizeof(m_cStatus), "before");
     EXPECT_FALSE(m_Utilities.IsMountInfoExists(&m_Silent, &m_Argu, "/none", "none", m_cStatus));
     EXPECT_STREQ("before", m_cStatus);
 }
 
-TEST_F(Exports, AFolderBelowAnExportIsAnotherFolder) {
+TEST_F(ExportsTest, AFolderBelowAnExportIsAnotherFolder) {
     EXPECT_TRUE(Add("/none/d", "vm01"));
     EXPECT_FALSE(m_Utilities.IsMountInfoExists(&m_Silent, &m_Argu, "/none/d/e", nullptr, nullptr));
     EXPECT_TRUE(Add("/none/d/e", "vm02"));
@@ -243,7 +243,7 @@ TEST_F(Exports, AFolderBelowAnExportIsAnotherFolder) {
 
 // --- One client at a time ---
 
-TEST_F(Exports, AnUnknownNameCannotBeMountedOrUnmounted) {
+TEST_F(ExportsTest, AnUnknownNameCannotBeMountedOrUnmounted) {
     EXPECT_FALSE(Mount("vm01", "10.0.0.1"));
     EXPECT_STREQ("Undefined export name \"vm01\"", m_cStatus);
     EXPECT_FALSE(Unmount("vm01"));
@@ -252,7 +252,7 @@ TEST_F(Exports, AnUnknownNameCannotBeMountedOrUnmounted) {
         m_Utilities.UpdateMountClientIpAddrByExportName("vm01", "10.0.0.1", nullptr, nullptr));
 }
 
-TEST_F(Exports, AMountedExportIsRefusedAlsoToItsOwnClient) {
+TEST_F(ExportsTest, AMountedExportIsRefusedAlsoToItsOwnClient) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Mount("vm01", "10.0.0.1"));
     EXPECT_FALSE(Mount("vm01", "10.0.0.2"));
@@ -263,7 +263,7 @@ TEST_F(Exports, AMountedExportIsRefusedAlsoToItsOwnClient) {
         m_Utilities.UpdateMountClientIpAddrByExportName("vm01", "10.0.0.1", nullptr, nullptr));
 }
 
-TEST_F(Exports, AfterAnUnmountTheNextClientMayMount) {
+TEST_F(ExportsTest, AfterAnUnmountTheNextClientMayMount) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Mount("vm01", "10.0.0.1"));
     EXPECT_TRUE(Unmount("vm01"));
@@ -271,13 +271,13 @@ TEST_F(Exports, AfterAnUnmountTheNextClientMayMount) {
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - /none/a : vm01 (10.0.0.2) []"));
 }
 
-TEST_F(Exports, AnUnmountSucceedsAlsoWhenNobodyHasMounted) {
+TEST_F(ExportsTest, AnUnmountSucceedsAlsoWhenNobodyHasMounted) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Unmount("vm01"));
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - /none/a : vm01 () []"));
 }
 
-TEST_F(Exports, MountingHandsOutTheUpdatedRecord) {
+TEST_F(ExportsTest, MountingHandsOutTheUpdatedRecord) {
     Export("/none/a", "vm01", "ctl7");
     MountInfo info;
     ASSERT_TRUE(
@@ -290,7 +290,7 @@ TEST_F(Exports, MountingHandsOutTheUpdatedRecord) {
     EXPECT_EQ("", info.sRemoteIpAddr);
 }
 
-TEST_F(Exports, ARefusedMountLeavesTheCallersRecordAlone) {
+TEST_F(ExportsTest, ARefusedMountLeavesTheCallersRecordAlone) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Mount("vm01", "10.0.0.1"));
     MountInfo info{"before", "", "", ""};
@@ -299,7 +299,7 @@ TEST_F(Exports, ARefusedMountLeavesTheCallersRecordAlone) {
     EXPECT_EQ("before", info.sLocalMountPath);
 }
 
-TEST_F(Exports, AClientIsKnownWhileItHasSomethingMounted) {
+TEST_F(ExportsTest, AClientIsKnownWhileItHasSomethingMounted) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     EXPECT_FALSE(m_Utilities.IsRemoteAddrExists("10.0.0.1"));
@@ -311,7 +311,7 @@ TEST_F(Exports, AClientIsKnownWhileItHasSomethingMounted) {
     EXPECT_FALSE(m_Utilities.IsRemoteAddrExists("10.0.0.1"));
 }
 
-TEST_F(Exports, OnlyMountedExportsAreCountedAndNumberedOnRequest) {
+TEST_F(ExportsTest, OnlyMountedExportsAreCountedAndNumberedOnRequest) {
     for (const char* pcName : {"a", "b", "c"}) {
         EXPECT_TRUE(Add(std::string("/none/") + pcName, pcName));
     }
@@ -326,20 +326,20 @@ TEST_F(Exports, OnlyMountedExportsAreCountedAndNumberedOnRequest) {
                                                      "raw:  mount2 - /none/c : c (10.0.0.2) []"));
 }
 
-TEST_F(Exports, CountingWithoutDetailsPrintsNothing) {
+TEST_F(ExportsTest, CountingWithoutDetailsPrintsNothing) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_EQ(1, m_Utilities.GetMountInfo(&m_All, false, false));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Exports, TheListingIsPrintedAtLogControl0) {
+TEST_F(ExportsTest, TheListingIsPrintedAtLogControl0) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - /none/a : vm01 () []"));
 }
 
 // --- Which export a path belongs to ---
 
-TEST_F(Exports, TheFolderItselfAndPathsBelowBelongToTheExport) {
+TEST_F(ExportsTest, TheFolderItselfAndPathsBelowBelongToTheExport) {
     EXPECT_TRUE(Add("/d/e", "vm01"));
     EXPECT_EQ("vm01", ExportOf("/d/e"));
     EXPECT_EQ("vm01", ExportOf("/d/e/"));
@@ -347,7 +347,7 @@ TEST_F(Exports, TheFolderItselfAndPathsBelowBelongToTheExport) {
     EXPECT_EQ("vm01", ExportOf("/d/e/f/g.vmdk"));
 }
 
-TEST_F(Exports, ASiblingWithTheSamePrefixDoesNotBelong) {
+TEST_F(ExportsTest, ASiblingWithTheSamePrefixDoesNotBelong) {
     EXPECT_TRUE(Add("/d/e", "vm01"));
     EXPECT_EQ("-", ExportOf("/d/ef"));
     EXPECT_EQ("-", ExportOf("/d/ef/g"));
@@ -356,33 +356,33 @@ TEST_F(Exports, ASiblingWithTheSamePrefixDoesNotBelong) {
     EXPECT_EQ("-", ExportOf(""));
 }
 
-TEST_F(Exports, AnExportThatEndsInASlashHoldsWhatLiesBelow) {
+TEST_F(ExportsTest, AnExportThatEndsInASlashHoldsWhatLiesBelow) {
     EXPECT_TRUE(Add("/none/d/", "vm01"));
     EXPECT_EQ("vm01", ExportOf("/none/d"));
     EXPECT_EQ("vm01", ExportOf("/none/d/e"));
     EXPECT_EQ("-", ExportOf("/none/de"));
 }
 
-TEST_F(Exports, TheRootHoldsEverything) {
+TEST_F(ExportsTest, TheRootHoldsEverything) {
     EXPECT_TRUE(Add("/", "all"));
     EXPECT_EQ("all", ExportOf("/"));
     EXPECT_EQ("all", ExportOf("/none"));
 }
 
-TEST_F(Exports, OfNestedExportsTheFirstNameWinsWhenItIsTheInnerOne) {
+TEST_F(ExportsTest, OfNestedExportsTheFirstNameWinsWhenItIsTheInnerOne) {
     EXPECT_TRUE(Add("/d", "b"));
     EXPECT_TRUE(Add("/d/e", "a"));
     EXPECT_EQ("a", ExportOf("/d/e/f"));
     EXPECT_EQ("b", ExportOf("/d/f"));
 }
 
-TEST_F(Exports, OfNestedExportsTheFirstNameWinsWhenItIsTheOuterOne) {
+TEST_F(ExportsTest, OfNestedExportsTheFirstNameWinsWhenItIsTheOuterOne) {
     EXPECT_TRUE(Add("/d", "a"));
     EXPECT_TRUE(Add("/d/e", "b"));
     EXPECT_EQ("a", ExportOf("/d/e/f"));
 }
 
-TEST_F(Exports, TheComparedPathIsTakenAsGiven) {
+TEST_F(ExportsTest, TheComparedPathIsTakenAsGiven) {
     EXPECT_TRUE(Add(m_Dir.Path(), "vm01"));
     ASSERT_TRUE(std::filesystem::create_directory(m_Dir / "sub"));
     EXPECT_EQ("vm01", ExportOf(m_Dir / "sub/../../elsewhere")) << "not resolved";
@@ -390,7 +390,7 @@ TEST_F(Exports, TheComparedPathIsTakenAsGiven) {
     EXPECT_EQ("-", ExportOf("/tmp/exports-link/sub"));
 }
 
-TEST_F(Exports, AMatchHandsOutTheWholeRecord) {
+TEST_F(ExportsTest, AMatchHandsOutTheWholeRecord) {
     Export("/d", "vm01", "ctl7");
     EXPECT_TRUE(Mount("vm01", "10.0.0.1"));
     MountInfo info;
@@ -402,7 +402,7 @@ TEST_F(Exports, AMatchHandsOutTheWholeRecord) {
     EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&m_Silent, &m_Argu, "/d/f", nullptr));
 }
 
-TEST_F(Exports, TheScanIsLoggedStepByStep) {
+TEST_F(ExportsTest, TheScanIsLoggedStepByStep) {
     EXPECT_TRUE(Add("/a", "1"));
     EXPECT_TRUE(Add("/d/e", "2"));
     EXPECT_TRUE(Add("/d", "3"));
@@ -418,21 +418,21 @@ TEST_F(Exports, TheScanIsLoggedStepByStep) {
         << "and the scan stops at the match";
 }
 
-TEST_F(Exports, AScanWithoutAMatchIsLoggedToItsEnd) {
+TEST_F(ExportsTest, AScanWithoutAMatchIsLoggedToItsEnd) {
     EXPECT_TRUE(Add("/a", "1"));
     EXPECT_FALSE(m_Utilities.GetMountInfoByPath(&m_General, &m_Argu, "/d/", nullptr));
     EXPECT_THAT(m_Utilities.TakeLines(),
                 ElementsAre("info: [Test.Case] Path scan: \"/d/\" vs \"/a\""));
 }
 
-TEST_F(Exports, TheScanIsSilentWithoutGeneralInformation) {
+TEST_F(ExportsTest, TheScanIsSilentWithoutGeneralInformation) {
     EXPECT_TRUE(Add("/d", "1"));
     CRuntimeParam others("vm01", LOG_CONTROL_ALL & ~LOG_CONTROL_GENERAL_INFO);
     EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&others, &m_Argu, "/d/e", nullptr));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Exports, APathAtTheBuffersEndIsComparedWithinIt) {
+TEST_F(ExportsTest, APathAtTheBuffersEndIsComparedWithinIt) {
     EXPECT_TRUE(Add("/d", "vm01"));
     EXPECT_EQ("vm01", ExportOf("/d/" + std::string(PATH_SIZE - 4, 'x')));
     EXPECT_EQ("vm01", ExportOf("/d/" + std::string(PATH_SIZE * 2, 'x')));
@@ -442,7 +442,7 @@ TEST_F(Exports, APathAtTheBuffersEndIsComparedWithinIt) {
 
 // --- Removing exports ---
 
-TEST_F(Exports, RemovingByNameRemovesThatOne) {
+TEST_F(ExportsTest, RemovingByNameRemovesThatOne) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     m_Utilities.RemoveMountInfoByExportName("vm01");
@@ -451,7 +451,7 @@ TEST_F(Exports, RemovingByNameRemovesThatOne) {
     EXPECT_EQ(1, Count());
 }
 
-TEST_F(Exports, RemovingByFolderResolvesIt) {
+TEST_F(ExportsTest, RemovingByFolderResolvesIt) {
     EXPECT_TRUE(Add(m_Dir.Path(), "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     m_Utilities.RemoveMountInfoByLocalMountPath(&m_Silent, &m_Argu, (m_Dir / "./").c_str());
@@ -460,21 +460,21 @@ TEST_F(Exports, RemovingByFolderResolvesIt) {
     EXPECT_EQ(1, Count()) << "the folder has to be equal";
 }
 
-TEST_F(Exports, RemovingAMissingFolderComparesTheTextAsGiven) {
+TEST_F(ExportsTest, RemovingAMissingFolderComparesTheTextAsGiven) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/a/", "vm02"));
     m_Utilities.RemoveMountInfoByLocalMountPath(&m_Silent, &m_Argu, "/none/a/");
     EXPECT_THAT(Listing(), ElementsAre("raw:  mount1 - /none/a : vm01 () []"));
 }
 
-TEST_F(Exports, RemovingByFolderLogsTheResolving) {
+TEST_F(ExportsTest, RemovingByFolderLogsTheResolving) {
     m_Utilities.RemoveMountInfoByLocalMountPath(&m_General, &m_Argu, "/none/a");
     EXPECT_THAT(
         m_Utilities.TakeLines(),
         ElementsAre("info: [Test.Case] Fail to get canonical path from non-exist path: /none/a"));
 }
 
-TEST_F(Exports, RemovingAMountedExportForgetsItsClient) {
+TEST_F(ExportsTest, RemovingAMountedExportForgetsItsClient) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Mount("vm01", "10.0.0.1"));
     m_Utilities.RemoveMountInfoByExportName("vm01");
@@ -483,7 +483,7 @@ TEST_F(Exports, RemovingAMountedExportForgetsItsClient) {
     EXPECT_TRUE(Mount("vm01", "10.0.0.2"));
 }
 
-TEST_F(Exports, RemovingTheLastByNameResetsTheFileTable) {
+TEST_F(ExportsTest, RemovingTheLastByNameResetsTheFileTable) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     EXPECT_EQ(0u, FileID("/none/1"));
@@ -493,7 +493,7 @@ TEST_F(Exports, RemovingTheLastByNameResetsTheFileTable) {
     EXPECT_EQ(0u, FileID("/none/3"));
 }
 
-TEST_F(Exports, RemovingTheLastByFolderResetsTheFileTable) {
+TEST_F(ExportsTest, RemovingTheLastByFolderResetsTheFileTable) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     EXPECT_EQ(0u, FileID("/none/1"));
@@ -503,7 +503,7 @@ TEST_F(Exports, RemovingTheLastByFolderResetsTheFileTable) {
     EXPECT_EQ(0u, FileID("/none/3"));
 }
 
-TEST_F(Exports, RemovingFromAnEmptyTableResetsTheFileTableToo) {
+TEST_F(ExportsTest, RemovingFromAnEmptyTableResetsTheFileTableToo) {
     EXPECT_EQ(0u, FileID("/none/1"));
     m_Utilities.RemoveMountInfoByExportName("unknown");
     EXPECT_EQ(0u, FileID("/none/2"));
@@ -511,7 +511,7 @@ TEST_F(Exports, RemovingFromAnEmptyTableResetsTheFileTableToo) {
     EXPECT_EQ(0u, FileID("/none/3"));
 }
 
-TEST_F(Exports, RemovingAllResetsTheFileTable) {
+TEST_F(ExportsTest, RemovingAllResetsTheFileTable) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     EXPECT_TRUE(Add("/none/b", "vm02"));
     EXPECT_EQ(0u, FileID("/none/1"));
@@ -520,7 +520,7 @@ TEST_F(Exports, RemovingAllResetsTheFileTable) {
     EXPECT_EQ(0u, FileID("/none/2"));
 }
 
-TEST_F(Exports, MayBeChangedAndAskedFromManyThreads) {
+TEST_F(ExportsTest, MayBeChangedAndAskedFromManyThreads) {
     std::vector<std::thread> vThreads;
     for (int t = 0; t < 4; ++t) {
         vThreads.emplace_back([&, t] {
@@ -547,7 +547,7 @@ TEST_F(Exports, MayBeChangedAndAskedFromManyThreads) {
     EXPECT_EQ(0, Count());
 }
 
-TEST_F(Exports, OfManyClientsExactlyOneMounts) {
+TEST_F(ExportsTest, OfManyClientsExactlyOneMounts) {
     EXPECT_TRUE(Add("/none/a", "vm01"));
     std::atomic<int> iMounted{0};
     std::vector<std::thread> vThreads;
@@ -567,7 +567,7 @@ TEST_F(Exports, OfManyClientsExactlyOneMounts) {
 
 namespace {
 
-class Sessions : public UtilitiesFixture {
+class SessionsTest : public UtilitiesFixture {
 protected:
     std::vector<std::string> Listing() {
         m_Utilities.GetSessionInfo(&m_Silent, true);
@@ -577,7 +577,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Sessions, AreListedInKeyOrderAndNumbered) {
+TEST_F(SessionsTest, AreListedInKeyOrderAndNumbered) {
     m_Utilities.AddSessionInfo("s2", "/b/./");
     m_Utilities.AddSessionInfo("s1", "/a");
     EXPECT_EQ(2, m_Utilities.GetSessionInfo(&m_Silent, true));
@@ -586,20 +586,20 @@ TEST_F(Sessions, AreListedInKeyOrderAndNumbered) {
         << "paths are kept as given";
 }
 
-TEST_F(Sessions, AreCountedWithoutDetails) {
+TEST_F(SessionsTest, AreCountedWithoutDetails) {
     EXPECT_EQ(0, m_Utilities.GetSessionInfo(&m_All, true));
     m_Utilities.AddSessionInfo("s1", "/a");
     EXPECT_EQ(1, m_Utilities.GetSessionInfo(&m_All, false));
     EXPECT_THAT(m_Utilities.TakeLines(), IsEmpty());
 }
 
-TEST_F(Sessions, OfOneIdTheLaterReplacesTheEarlier) {
+TEST_F(SessionsTest, OfOneIdTheLaterReplacesTheEarlier) {
     m_Utilities.AddSessionInfo("s1", "/a");
     m_Utilities.AddSessionInfo("s1", "/b");
     EXPECT_THAT(Listing(), ElementsAre("raw:  session1 - s1 : /b"));
 }
 
-TEST_F(Sessions, AreKnownByTheirExactId) {
+TEST_F(SessionsTest, AreKnownByTheirExactId) {
     m_Utilities.AddSessionInfo("s1", "/a");
     EXPECT_TRUE(m_Utilities.IsSessionExists("s1"));
     EXPECT_FALSE(m_Utilities.IsSessionExists("S1"));
@@ -607,7 +607,7 @@ TEST_F(Sessions, AreKnownByTheirExactId) {
     EXPECT_FALSE(m_Utilities.IsSessionExists(""));
 }
 
-TEST_F(Sessions, AreRemovedById) {
+TEST_F(SessionsTest, AreRemovedById) {
     m_Utilities.AddSessionInfo("s1", "/a");
     m_Utilities.AddSessionInfo("s2", "/a");
     m_Utilities.RemoveSessionInfo("s1");
@@ -615,7 +615,7 @@ TEST_F(Sessions, AreRemovedById) {
     EXPECT_THAT(Listing(), ElementsAre("raw:  session1 - s2 : /a"));
 }
 
-TEST_F(Sessions, AllOfOnePathAreRemovedTogether) {
+TEST_F(SessionsTest, AllOfOnePathAreRemovedTogether) {
     m_Utilities.AddSessionInfo("s1", "/a");
     m_Utilities.AddSessionInfo("s2", "/b");
     m_Utilities.AddSessionInfo("s3", "/a");
@@ -625,7 +625,7 @@ TEST_F(Sessions, AllOfOnePathAreRemovedTogether) {
         << "the text has to be equal";
 }
 
-TEST_F(Sessions, AreAllRemovedAtOnce) {
+TEST_F(SessionsTest, AreAllRemovedAtOnce) {
     m_Utilities.AddSessionInfo("s1", "/a");
     m_Utilities.AddSessionInfo("s2", "/b");
     m_Utilities.RemoveAllSessionInfo();
@@ -637,11 +637,11 @@ TEST_F(Sessions, AreAllRemovedAtOnce) {
 
 namespace {
 
-class Datastores : public UtilitiesFixture {};
+class DatastoresTest : public UtilitiesFixture {};
 
 }  // namespace
 
-TEST_F(Datastores, AreListedInKeyOrderWithoutTheirCredentials) {
+TEST_F(DatastoresTest, AreListedInKeyOrderWithoutTheirCredentials) {
     m_Utilities.AddVSphereInfo("datastore-20", "esx2", "443", "root", "secret2");
     m_Utilities.AddVSphereInfo("datastore-10", "esx1", "8443", "admin", "secret1");
     EXPECT_EQ(2, m_Utilities.GetVSphereInfo(&m_Silent, true));
@@ -650,7 +650,7 @@ TEST_F(Datastores, AreListedInKeyOrderWithoutTheirCredentials) {
                             "raw:  NFS datastore2 - datastore-20 (esx2:443)"));
 }
 
-TEST_F(Datastores, OfOneIdTheLaterReplacesTheEarlier) {
+TEST_F(DatastoresTest, OfOneIdTheLaterReplacesTheEarlier) {
     m_Utilities.AddVSphereInfo("datastore-10", "esx1", "443", "root", "x");
     m_Utilities.AddVSphereInfo("datastore-10", "esx2", "444", "root", "x");
     EXPECT_EQ(1, m_Utilities.GetVSphereInfo(&m_Silent, true));
@@ -658,7 +658,7 @@ TEST_F(Datastores, OfOneIdTheLaterReplacesTheEarlier) {
                 ElementsAre("raw:  NFS datastore1 - datastore-10 (esx2:444)"));
 }
 
-TEST_F(Datastores, AreRemovedByTheirId) {
+TEST_F(DatastoresTest, AreRemovedByTheirId) {
     m_Utilities.AddVSphereInfo("datastore-10", "esx1", "443", "root", "x");
     m_Utilities.AddVSphereInfo("datastore-20", "esx2", "443", "root", "x");
     m_Utilities.RemoveVSphereInfo("datastore-1");
@@ -670,7 +670,7 @@ TEST_F(Datastores, AreRemovedByTheirId) {
 
 // --- Reset ---
 
-TEST_F(Exports, ResetForgetsExportsSessionsHandlesAndDescriptors) {
+TEST_F(ExportsTest, ResetForgetsExportsSessionsHandlesAndDescriptors) {
     support::WriteFile(m_Dir / "f", "x");
     EXPECT_TRUE(Add(m_Dir.Path(), "vm01"));
     m_Utilities.AddSessionInfo("s1", "/a");
@@ -688,13 +688,13 @@ TEST_F(Exports, ResetForgetsExportsSessionsHandlesAndDescriptors) {
     EXPECT_EQ(0u, FileID("/none/2"));
 }
 
-TEST_F(Exports, ResetLeavesTheDatastores) {
+TEST_F(ExportsTest, ResetLeavesTheDatastores) {
     m_Utilities.AddVSphereInfo("datastore-10", "esx1", "443", "root", "x");
     m_Utilities.Reset(&m_Silent, &m_Argu);
     EXPECT_EQ(1, m_Utilities.GetVSphereInfo(&m_Silent, false));
 }
 
-TEST_F(Exports, TheTablesStartEmpty) {
+TEST_F(ExportsTest, TheTablesStartEmpty) {
     EXPECT_EQ(0, Count());
     EXPECT_EQ(0, m_Utilities.GetSessionInfo(&m_Silent, false));
     EXPECT_EQ(0, m_Utilities.GetVSphereInfo(&m_Silent, false));
@@ -702,9 +702,9 @@ TEST_F(Exports, TheTablesStartEmpty) {
 }
 
 // A service object that ends with a descriptor in its cache.
-class ServiceObject : public ::testing::Test {
+class ServiceObjectTest : public ::testing::Test {
 protected:
-    ServiceObject() { support::WriteFile(m_sFile, "x"); }
+    ServiceObjectTest() { support::WriteFile(m_sFile, "x"); }
     int Cache(CUtilities* pUtilities) {
         return pUtilities->GetCachedFileHandle(&m_Param, &m_Argu, m_sFile.c_str(), false);
     }
@@ -715,7 +715,7 @@ protected:
     LogArgu m_Argu{"Test.Case"};
 };
 
-TEST_F(ServiceObject, DestructionClosesNoCachedDescriptor) {
+TEST_F(ServiceObjectTest, DestructionClosesNoCachedDescriptor) {
     int iFile = -1;
     {
         CUtilities utilities;
@@ -726,7 +726,7 @@ TEST_F(ServiceObject, DestructionClosesNoCachedDescriptor) {
     close(iFile);
 }
 
-TEST_F(ServiceObject, DestructionClosesNoSourceOfARedirectedFile) {
+TEST_F(ServiceObjectTest, DestructionClosesNoSourceOfARedirectedFile) {
     int iFile = -1;
     std::weak_ptr<CRedirectedFile> pFile;
     {
@@ -797,16 +797,16 @@ private:
     bool m_bStuck = false;
 };
 
-class Lines : public ::testing::Test {
+class LinesTest : public ::testing::Test {
 protected:
-    Lines() {
+    LinesTest() {
         support::WriteFile(m_sFile, "content");
         support::WriteFile(m_sSource, "0123456789");
         char cStatus[STATUS_SIZE] = "";
         m_Utilities.AddMountInfo(&m_Silent, &m_Argu, m_Dir.Path().c_str(), "vm01", "", cStatus);
         Redirect();
     }
-    ~Lines() override { m_Utilities.Reset(&m_Silent, &m_Argu); }
+    ~LinesTest() override { m_Utilities.Reset(&m_Silent, &m_Argu); }
 
     void Redirect() {
         m_Utilities.OpenRedirectedFile(&m_Silent, m_sRedirected.c_str(), 10, false, 0, 0);
@@ -831,7 +831,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Lines, OfAPathAreDeliveredInOrderAndUnderNoLock) {
+TEST_F(LinesTest, OfAPathAreDeliveredInOrderAndUnderNoLock) {
     EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&m_All, &m_Argu, m_sFile.c_str(), nullptr));
     EXPECT_THAT(
         m_Utilities.TakeLines(),
@@ -844,7 +844,7 @@ TEST_F(Lines, OfAPathAreDeliveredInOrderAndUnderNoLock) {
     EXPECT_EQ(2u, m_Utilities.TakeLines().size()) << "the folder is resolved twice";
 }
 
-TEST_F(Lines, OfFileAccessAreDeliveredUnderNoLock) {
+TEST_F(LinesTest, OfFileAccessAreDeliveredUnderNoLock) {
     EXPECT_EQ(7, Read(m_sFile));
     const std::vector<std::string> vLines = m_Utilities.TakeLines();
     ASSERT_EQ(5u, vLines.size());
@@ -867,7 +867,7 @@ TEST_F(Lines, OfFileAccessAreDeliveredUnderNoLock) {
     EXPECT_FALSE(m_Utilities.TakeLines().empty());
 }
 
-TEST_F(Lines, OfRedirectedFilesAreDeliveredUnderNoLock) {
+TEST_F(LinesTest, OfRedirectedFilesAreDeliveredUnderNoLock) {
     EXPECT_EQ(10, Read(m_sRedirected));
     EXPECT_GE(m_Utilities.TakeLines().size(), 2u);
     EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_All, m_sRedirected.c_str(),

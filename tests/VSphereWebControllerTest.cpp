@@ -39,9 +39,9 @@ using ::testing::Not;
 
 constexpr int kLogAll = 1023;
 
-class DatastoreCase : public ::testing::Test {
+class DatastoreCaseTest : public ::testing::Test {
 protected:
-    DatastoreCase() {
+    DatastoreCaseTest() {
         faults::SetExecutable(m_folder / "program");
         faults::OnSpawn([this](const char* path, char* const* arguments) {
             EXPECT_STREQ("/bin/sh", path);
@@ -83,19 +83,19 @@ private:
 // The helper's command line
 // ------------------------------------------------------------------------------------------------
 
-class VSphereWebController : public DatastoreCase {
+class VSphereWebControllerTest : public DatastoreCaseTest {
 protected:
     CVSphereWebController m_controller{&m_utilities, &m_param};
 };
 
-TEST_F(VSphereWebController, CommandIsThisTextToTheLetter) {
+TEST_F(VSphereWebControllerTest, CommandIsThisTextToTheLetter) {
     m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
     EXPECT_THAT(Commands(), ElementsAre(Command("-host host1 -port 443 -user root -pwd secret"
                                                 " -method removeDatastore -argu ds-1")));
     EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
 }
 
-TEST_F(VSphereWebController, OnlyTheHelpersPathIsQuoted) {
+TEST_F(VSphereWebControllerTest, OnlyTheHelpersPathIsQuoted) {
     const std::string folder = m_folder / "a folder  with blanks";
     ASSERT_TRUE(std::filesystem::create_directory(folder));
     const RecordingHelper helper(folder);
@@ -106,7 +106,7 @@ TEST_F(VSphereWebController, OnlyTheHelpersPathIsQuoted) {
                                                   "removeDatastore", "-argu", "ds-1", "more"}));
 }
 
-TEST_F(VSphereWebController, ShellSeesTheValuesAsTheyAre) {
+TEST_F(VSphereWebControllerTest, ShellSeesTheValuesAsTheyAre) {
     const std::string mark = m_folder / "mark";
     m_controller.RemoveSession("ds-$((6*7))", "'ho  st'", "$(echo 443)", "\"\"", "x`echo y`");
     m_controller.RemoveSession("ds-2", "h", "1", "u", ("w;touch " + mark + ";:").c_str());
@@ -116,13 +116,13 @@ TEST_F(VSphereWebController, ShellSeesTheValuesAsTheyAre) {
     EXPECT_TRUE(support::FileExists(mark));
 }
 
-TEST_F(VSphereWebController, EmptyValuesLeaveTheirPlacesEmpty) {
+TEST_F(VSphereWebControllerTest, EmptyValuesLeaveTheirPlacesEmpty) {
     m_controller.RemoveSession("", "", "", "", "");
     EXPECT_THAT(Commands(),
                 ElementsAre(Command("-host  -port  -user  -pwd  -method removeDatastore -argu ")));
 }
 
-TEST_F(VSphereWebController, NothingHappensWhenAnyArgumentIsNull) {
+TEST_F(VSphereWebControllerTest, NothingHappensWhenAnyArgumentIsNull) {
     for (std::size_t i = 0; i < 5; ++i) {
         std::array<const char*, 5> arguments{"ds-1", "host1", "443", "root", "secret"};
         arguments[i] = nullptr;
@@ -133,7 +133,7 @@ TEST_F(VSphereWebController, NothingHappensWhenAnyArgumentIsNull) {
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
 }
 
-TEST_F(VSphereWebController, HelperLiesBesideTheExecutable) {
+TEST_F(VSphereWebControllerTest, HelperLiesBesideTheExecutable) {
     // The kernel's mark of an executable that was replaced is behind the last slash as well.
     for (const auto& [executable, helper] :
          {std::pair{"/program", "\"/dsPurgeToolFbdX86\" "},
@@ -145,7 +145,7 @@ TEST_F(VSphereWebController, HelperLiesBesideTheExecutable) {
     }
 }
 
-TEST_F(VSphereWebController, WithoutTheExecutablesPathTheSearchPathCounts) {
+TEST_F(VSphereWebControllerTest, WithoutTheExecutablesPathTheSearchPathCounts) {
     faults::SetExecutable("");
     const std::string path = std::getenv("PATH");
     setenv("PATH", (m_folder.Path() + ":" + path).c_str(), 1);
@@ -157,7 +157,7 @@ TEST_F(VSphereWebController, WithoutTheExecutablesPathTheSearchPathCounts) {
     EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
 }
 
-TEST_F(VSphereWebController, HelperStartsWithDefaultSignalsAndASessionOfItsOwn) {
+TEST_F(VSphereWebControllerTest, HelperStartsWithDefaultSignalsAndASessionOfItsOwn) {
     const std::string status = m_folder / "status";
     const RecordingHelper helper(m_folder.Path(),
                                  "cat /proc/self/status /proc/self/stat >'" + status + "'");
@@ -182,7 +182,7 @@ TEST_F(VSphereWebController, HelperStartsWithDefaultSignalsAndASessionOfItsOwn) 
                 ::testing::ContainsRegex("\n([0-9]+) \\([^)]*\\) [A-Z] [0-9]+ [0-9]+ [0-9]+ 0 "));
 }
 
-TEST_F(VSphereWebController, MissingHelperIsNoError) {
+TEST_F(VSphereWebControllerTest, MissingHelperIsNoError) {
     ASSERT_TRUE(std::filesystem::remove(m_folder / "dsPurgeToolFbdX86"));
     m_controller.RemoveSession("ds-1", "host1", "443", "root", "secret");
     EXPECT_EQ(1u, Commands().size());
@@ -190,7 +190,7 @@ TEST_F(VSphereWebController, MissingHelperIsNoError) {
 }
 
 // Each value in turn is made as long as it takes.
-TEST_F(VSphereWebController, CommandOf1023BytesRunsAndOneOf1024DoesNot) {
+TEST_F(VSphereWebControllerTest, CommandOf1023BytesRunsAndOneOf1024DoesNot) {
     const std::size_t fixed =
         Command("-host  -port  -user  -pwd  -method removeDatastore -argu ").size();
     for (std::size_t i = 0; i < 5; ++i) {
@@ -219,7 +219,7 @@ TEST_F(VSphereWebController, CommandOf1023BytesRunsAndOneOf1024DoesNot) {
     EXPECT_EQ(5u, m_helper.Calls().size());
 }
 
-TEST_F(VSphereWebController, CommandThatIsTooLongIsNamedByItsDatastore) {
+TEST_F(VSphereWebControllerTest, CommandThatIsTooLongIsNamedByItsDatastore) {
     m_controller.RemoveSession("ds-1", "host1", "443", "root", std::string(1024, 'w').c_str());
     ASSERT_EQ(1u, m_utilities.Lines().size());
     const LogLine line = m_utilities.Lines()[0];
@@ -267,7 +267,7 @@ private:
     std::thread m_thread;  // last: it uses the others
 };
 
-TEST_F(VSphereWebController, OneHelperRunsAtATime) {
+TEST_F(VSphereWebControllerTest, OneHelperRunsAtATime) {
     std::unique_ptr<Doing> second;
     bool first = true;
     m_beforeCommand = [&] {
@@ -288,7 +288,7 @@ TEST_F(VSphereWebController, OneHelperRunsAtATime) {
 // The table
 // ------------------------------------------------------------------------------------------------
 
-class VSphereInfos : public DatastoreCase {
+class VSphereInfosTest : public DatastoreCaseTest {
 protected:
     void Add(const std::string& moid, const std::string& password = "secret") {
         m_utilities.AddVSphereInfo(moid.c_str(), ("host-" + moid).c_str(), "443", "root",
@@ -306,12 +306,12 @@ protected:
 
 const char* const kStart = "Start cleanup mounted NFS datastores";
 
-TEST_F(VSphereInfos, TableIsEmptyAtFirst) {
+TEST_F(VSphereInfosTest, TableIsEmptyAtFirst) {
     EXPECT_EQ(0, m_utilities.GetVSphereInfo(&m_param, true));
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
 }
 
-TEST_F(VSphereInfos, ListingIsNumberedInByteOrder) {
+TEST_F(VSphereInfosTest, ListingIsNumberedInByteOrder) {
     for (const char* moid : {"ds-2", "\xC3\xA9", "a", "ds-10", "B"}) {
         Add(moid);
     }
@@ -329,13 +329,13 @@ TEST_F(VSphereInfos, ListingIsNumberedInByteOrder) {
     }
 }
 
-TEST_F(VSphereInfos, CountAloneListsNothing) {
+TEST_F(VSphereInfosTest, CountAloneListsNothing) {
     Add("ds-1");
     EXPECT_EQ(1, Count());
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
 }
 
-TEST_F(VSphereInfos, SameDatastoreIsReplacedWithoutAWord) {
+TEST_F(VSphereInfosTest, SameDatastoreIsReplacedWithoutAWord) {
     m_utilities.AddVSphereInfo("ds-1", "old", "80", "olduser", "a long old password of many bytes");
     m_utilities.AddVSphereInfo("ds-1", "new", "443", "newuser", "short");
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
@@ -345,7 +345,7 @@ TEST_F(VSphereInfos, SameDatastoreIsReplacedWithoutAWord) {
     EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "new", "443", "newuser", "short")));
 }
 
-TEST_F(VSphereInfos, RemovalForgetsOneAndRunsNothing) {
+TEST_F(VSphereInfosTest, RemovalForgetsOneAndRunsNothing) {
     Add("ds-1");
     Add("ds-2");
     m_utilities.RemoveVSphereInfo("ds-1");
@@ -360,7 +360,7 @@ TEST_F(VSphereInfos, RemovalForgetsOneAndRunsNothing) {
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
 }
 
-TEST_F(VSphereInfos, NullTextsAreEmptyOnes) {
+TEST_F(VSphereInfosTest, NullTextsAreEmptyOnes) {
     m_utilities.AddVSphereInfo(nullptr, nullptr, nullptr, nullptr, nullptr);
     EXPECT_EQ(1, m_utilities.GetVSphereInfo(&m_param, true));
     EXPECT_THAT(m_utilities.Raws(), ElementsAre(" NFS datastore1 -  (:)"));
@@ -368,14 +368,14 @@ TEST_F(VSphereInfos, NullTextsAreEmptyOnes) {
     EXPECT_EQ(0, Count());
 }
 
-TEST_F(VSphereInfos, CleanUpOfAnEmptyTableRunsAndLogsNothing) {
+TEST_F(VSphereInfosTest, CleanUpOfAnEmptyTableRunsAndLogsNothing) {
     m_param.SetLogControl(kLogAll);
     CleanUp();
     EXPECT_THAT(Commands(), IsEmpty());
     EXPECT_THAT(m_utilities.Lines(), IsEmpty());
 }
 
-TEST_F(VSphereInfos, CleanUpUnmountsInByteOrderAndForgetsEvenWhenTheHelperFails) {
+TEST_F(VSphereInfosTest, CleanUpUnmountsInByteOrderAndForgetsEvenWhenTheHelperFails) {
     Add("ds-2");
     Add("a");
     Add("ds-10");
@@ -392,7 +392,7 @@ TEST_F(VSphereInfos, CleanUpUnmountsInByteOrderAndForgetsEvenWhenTheHelperFails)
     EXPECT_EQ(3u, m_helper.Calls().size());
 }
 
-TEST_F(VSphereInfos, LinesComeBeforeTheirRuns) {
+TEST_F(VSphereInfosTest, LinesComeBeforeTheirRuns) {
     Add("ds-1");
     Add("ds-2");
     std::vector<std::size_t> lines;
@@ -412,7 +412,7 @@ public:
     std::function<void()> onLine;
 };
 
-TEST_F(DatastoreCase, WhoeverTakesALineOfACleanUpMayAskForTheTable) {
+TEST_F(DatastoreCaseTest, WhoeverTakesALineOfACleanUpMayAskForTheTable) {
     HostedUtilities utilities;
     for (const char* moid : {"ds-1", "ds-2"}) {
         utilities.AddVSphereInfo(moid, "h", "1", "u", "w");
@@ -432,7 +432,7 @@ TEST_F(DatastoreCase, WhoeverTakesALineOfACleanUpMayAskForTheTable) {
     EXPECT_EQ(2u, Commands().size());
 }
 
-TEST_F(VSphereInfos, AListingWaitsForTheWholeCleanUp) {
+TEST_F(VSphereInfosTest, AListingWaitsForTheWholeCleanUp) {
     Add("ds-1");
     Add("ds-2");
     Add("ds-3");
@@ -450,7 +450,7 @@ TEST_F(VSphereInfos, AListingWaitsForTheWholeCleanUp) {
     EXPECT_EQ(0, count);
 }
 
-TEST_F(VSphereInfos, DatastoreWhoseCommandIsTooLongIsForgottenAsWell) {
+TEST_F(VSphereInfosTest, DatastoreWhoseCommandIsTooLongIsForgottenAsWell) {
     Add("ds-1");
     Add("ds-2", std::string(1000, 'w'));
     Add("ds-3");
@@ -464,7 +464,7 @@ TEST_F(VSphereInfos, DatastoreWhoseCommandIsTooLongIsForgottenAsWell) {
     EXPECT_EQ(0, Count());
 }
 
-TEST_F(VSphereInfos, PasswordIsNeverLogged) {
+TEST_F(VSphereInfosTest, PasswordIsNeverLogged) {
     m_param.SetLogControl(kLogAll);
     Add("ds-1", "very-secret");
     Add("ds-2", "very-secret" + std::string(1000, 'w'));
@@ -476,7 +476,7 @@ TEST_F(VSphereInfos, PasswordIsNeverLogged) {
     }
 }
 
-TEST_F(VSphereInfos, EverybodyWaitsForTheCleanUp) {
+TEST_F(VSphereInfosTest, EverybodyWaitsForTheCleanUp) {
     Add("ds-1");
     Add("ds-2");
     std::vector<std::unique_ptr<Doing>> others;

@@ -64,7 +64,7 @@ private:
 
 }  // namespace
 
-TEST(Background, TheServerRunsAndEndsThere) {
+TEST(BackgroundTest, TheServerRunsAndEndsThere) {
     Shell shell(
         "set -m; \"$VELOCAST_NFS\" -md int > /tmp/out & "
         "until grep -q Command: /tmp/out; do sleep 0.05; done; sleep 0.5; "
@@ -73,7 +73,7 @@ TEST(Background, TheServerRunsAndEndsThere) {
     EXPECT_NE(std::string::npos, support::ReadFile("/tmp/out").find("\nExit by request\n"));
 }
 
-TEST(Background, AHalfTypedLineDoesNotStopTheServerThere) {
+TEST(BackgroundTest, AHalfTypedLineDoesNotStopTheServerThere) {
     Shell shell(
         "set -m; \"$VELOCAST_NFS\" -md int -pidfile /tmp/pid > /tmp/out; bg; echo in-background; "
         "until [ -e /tmp/go ]; do sleep 0.05; done; read -r line; echo \"the shell has $line\"; "

@@ -67,7 +67,7 @@ std::string Printed(const std::string& line, const std::string& kind = "info") {
     return "[" + kind + "] (cRun) " + line + "\n";
 }
 
-class Datastores : public ::testing::Test {
+class DatastoresTest : public ::testing::Test {
 protected:
     // Three datastores, not in order.
     static void AddThree(Server& server) {
@@ -100,7 +100,7 @@ protected:
 // When the helper runs
 // ------------------------------------------------------------------------------------------------
 
-TEST_F(Datastores, AreUnmountedAtQuit) {
+TEST_F(DatastoresTest, AreUnmountedAtQuit) {
     for (const bool running : {true, false}) {
         const std::size_t before = m_helper.Calls().size();
         Server server({.start = running});
@@ -117,7 +117,7 @@ TEST_F(Datastores, AreUnmountedAtQuit) {
     }
 }
 
-TEST_F(Datastores, AreUnmountedWhenAControllerShutsTheServerDown) {
+TEST_F(DatastoresTest, AreUnmountedWhenAControllerShutsTheServerDown) {
     Server server({.mode = "svr"});
     AddThree(server);
     const std::size_t from = server.Program().OutputSize();
@@ -127,14 +127,14 @@ TEST_F(Datastores, AreUnmountedWhenAControllerShutsTheServerDown) {
     EXPECT_EQ(UnmountThree(), m_helper.Calls());
 }
 
-TEST_F(Datastores, AreUnmountedWhenASignalEndsTheServer) {
+TEST_F(DatastoresTest, AreUnmountedWhenASignalEndsTheServer) {
     Server server;
     AddThree(server);
     server.Stop(Server::StopBy::Terminate);
     EXPECT_EQ(UnmountThree(), m_helper.Calls());
 }
 
-TEST_F(Datastores, AreUnmountedWhenAStartFails) {
+TEST_F(DatastoresTest, AreUnmountedWhenAStartFails) {
     const PortHolder busy(Transport::Tcp, 2049);
     Server server({.start = false});
     AddThree(server);
@@ -150,7 +150,7 @@ TEST_F(Datastores, AreUnmountedWhenAStartFails) {
     EXPECT_EQ(3u, m_helper.Calls().size());
 }
 
-TEST_F(Datastores, AreUnmountedBeforeTheServiceStops) {
+TEST_F(DatastoresTest, AreUnmountedBeforeTheServiceStops) {
     const ScopedTempDir folder;
     // The listening sockets of the machine while the helper runs.
     const RecordingHelper helper(m_program.Path(), "cat /proc/net/tcp >'" + (folder / "tcp") + "'");
@@ -167,7 +167,7 @@ TEST_F(Datastores, AreUnmountedBeforeTheServiceStops) {
     EXPECT_EQ("[info] " + UnmountLine("ds-1", "host1", "443"), stop[2]);
 }
 
-TEST_F(Datastores, NothingRunsOrIsLoggedWithoutAny) {
+TEST_F(DatastoresTest, NothingRunsOrIsLoggedWithoutAny) {
     Server server({.start = false});
     server.Console("debug");
     server.Console("addvsphereinfo ds-1 host1 443 root secret");
@@ -178,7 +178,7 @@ TEST_F(Datastores, NothingRunsOrIsLoggedWithoutAny) {
     EXPECT_THAT(m_helper.Calls(), IsEmpty());
 }
 
-TEST_F(Datastores, EndOfAControllerUnmountsNothing) {
+TEST_F(DatastoresTest, EndOfAControllerUnmountsNothing) {
     Server server({.mode = "svr"});
     AddThree(server);
     EXPECT_EQ(ExitStatus::Code(0), RunConsole({"-md", "cli"}, "quit\n").status);
@@ -192,7 +192,7 @@ TEST_F(Datastores, EndOfAControllerUnmountsNothing) {
 // How it runs
 // ------------------------------------------------------------------------------------------------
 
-TEST(DatastoreHelper, ShellReplacesVariablesInTheFoldersName) {
+TEST(DatastoreHelperTest, ShellReplacesVariablesInTheFoldersName) {
     const ProgramCopy program("of $HOME");
     const RecordingHelper helper(program.Path());
     Server server({.start = false});
@@ -204,7 +204,7 @@ TEST(DatastoreHelper, ShellReplacesVariablesInTheFoldersName) {
     EXPECT_THAT(server.Output(), HasSubstr("not found"));
 }
 
-TEST(DatastoreHelper, FolderWithBlanksIsOneWord) {
+TEST(DatastoreHelperTest, FolderWithBlanksIsOneWord) {
     const ProgramCopy program("two  words");
     const RecordingHelper helper(program.Path());
     Server server({.start = false});
@@ -214,7 +214,7 @@ TEST(DatastoreHelper, FolderWithBlanksIsOneWord) {
     EXPECT_THAT(helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "secret")));
 }
 
-TEST_F(Datastores, ShellSeesThePasswordAsItIs) {
+TEST_F(DatastoresTest, ShellSeesThePasswordAsItIs) {
     Server server({.start = false});
     server.Console("debug");
     server.Console("addvsphereinfo ds-1 host1 443 root $((6*7))'a;b'");
@@ -222,7 +222,7 @@ TEST_F(Datastores, ShellSeesThePasswordAsItIs) {
     EXPECT_THAT(m_helper.Calls(), ElementsAre(Unmount("ds-1", "host1", "443", "root", "42a;b")));
 }
 
-TEST_F(Datastores, MissingHelperStopsNothing) {
+TEST_F(DatastoresTest, MissingHelperStopsNothing) {
     std::filesystem::remove(m_program.Path() + "/dsPurgeToolFbdX86");
     Server server;
     AddThree(server);
@@ -236,7 +236,7 @@ TEST_F(Datastores, MissingHelperStopsNothing) {
 }
 
 // The program ignores some signals; the helper does not.
-TEST_F(Datastores, HelperStartsWithDefaultSignals) {
+TEST_F(DatastoresTest, HelperStartsWithDefaultSignals) {
     const ScopedTempDir folder;
     const RecordingHelper helper(m_program.Path(),
                                  "cat /proc/self/status >'" + (folder / "status") + "'");
@@ -250,7 +250,7 @@ TEST_F(Datastores, HelperStartsWithDefaultSignals) {
 }
 
 // A helper that stays behind must not keep the ports or the files of exports.
-TEST_F(Datastores, HelperInheritsNoSocketsOrFiles) {
+TEST_F(DatastoresTest, HelperInheritsNoSocketsOrFiles) {
     const ScopedTempDir folder;
     const RecordingHelper helper(m_program.Path(), "ls -l /proc/$$/fd >'" + (folder / "fds") + "'");
     WriteFile(folder / "file", "content");
@@ -275,7 +275,7 @@ TEST_F(Datastores, HelperInheritsNoSocketsOrFiles) {
 // From another process
 // ------------------------------------------------------------------------------------------------
 
-TEST_F(Datastores, ControllerAddsListsAndRemovesThem) {
+TEST_F(DatastoresTest, ControllerAddsListsAndRemovesThem) {
     Server server({.mode = "svr"});
     Server controller({.arguments = {"-id", "controller"}, .mode = "cli", .start = false});
     AddThree(controller);
@@ -294,7 +294,7 @@ TEST_F(Datastores, ControllerAddsListsAndRemovesThem) {
                                               Unmount("ds-2", "host2", "443", "root", "secret2")));
 }
 
-TEST_F(Datastores, ControllersFailedStartUnmountsThem) {
+TEST_F(DatastoresTest, ControllersFailedStartUnmountsThem) {
     const PortHolder busy(Transport::Udp, 1058);
     Server server({.mode = "svr", .start = false});
     Server controller({.arguments = {"-id", "controller"}, .mode = "cli", .start = false});
@@ -306,7 +306,7 @@ TEST_F(Datastores, ControllersFailedStartUnmountsThem) {
 }
 
 // A console splits at blanks; a controller need not.
-TEST_F(Datastores, PasswordWithBlanksAndShellCharactersReachesTheShellUnquoted) {
+TEST_F(DatastoresTest, PasswordWithBlanksAndShellCharactersReachesTheShellUnquoted) {
     const ScopedTempDir folder;
     Server server({.mode = "svr", .start = false});
     CNfsIpcClientMain controller("controller", 0);
@@ -322,7 +322,7 @@ TEST_F(Datastores, PasswordWithBlanksAndShellCharactersReachesTheShellUnquoted) 
     EXPECT_TRUE(FileExists(folder / "mark"));
 }
 
-TEST_F(Datastores, CommandOf1024BytesIsNotRun) {
+TEST_F(DatastoresTest, CommandOf1024BytesIsNotRun) {
     const std::size_t fixed = ("\"" + m_program.Path() +
                                "/dsPurgeToolFbdX86\" -host  -port  -user  -pwd  -method "
                                "removeDatastore -argu ds-1")
@@ -350,7 +350,7 @@ TEST_F(Datastores, CommandOf1024BytesIsNotRun) {
 }
 
 // One message each, written out byte by byte, and their replies.
-TEST_F(Datastores, MessagesAreLaidOutLikeThis) {
+TEST_F(DatastoresTest, MessagesAreLaidOutLikeThis) {
     Server server({.mode = "svr", .start = false});
     const auto exchange = [](char type, std::size_t size,
                              const std::vector<std::pair<std::size_t, std::string>>& fields) {
@@ -410,7 +410,7 @@ TEST_F(Datastores, MessagesAreLaidOutLikeThis) {
 // The password
 // ------------------------------------------------------------------------------------------------
 
-TEST_F(Datastores, PasswordIsNeitherLoggedNorListed) {
+TEST_F(DatastoresTest, PasswordIsNeitherLoggedNorListed) {
     const ScopedTempDir folder;
     for (const bool file : {false, true}) {
         std::vector<std::string> arguments;
@@ -467,7 +467,7 @@ std::size_t CountInMemory(pid_t pid, const std::string& text) {
     return count;
 }
 
-TEST_F(Datastores, PasswordIsInTheServersMemoryOnceAndGoneWithItsDatastore) {
+TEST_F(DatastoresTest, PasswordIsInTheServersMemoryOnceAndGoneWithItsDatastore) {
     Server server({.logControl = kLogAll, .mode = "svr", .start = false});
     CNfsIpcClientMain controller("controller", 0);
     // A short text lies inside a string object, a longer one in memory of its own.

@@ -187,9 +187,9 @@ std::size_t ListAndRemove(LibnfsClient& client, const std::atomic<bool>& stop) {
     return removed;
 }
 
-class SegmentedWire : public testing::Test {
+class SegmentedWireTest : public testing::Test {
 protected:
-    SegmentedWire() {
+    SegmentedWireTest() {
         std::filesystem::create_directory(m_folder / "old");
         for (std::size_t i = 0; i < kOldFiles; ++i) {
             WriteFile(m_folder / ("old/" + NameOfOld(i)), "old");
@@ -255,13 +255,13 @@ protected:
 
 }  // namespace
 
-TEST_F(SegmentedWire, InPiecesOf1460BytesNothingIsLost) {
+TEST_F(SegmentedWireTest, InPiecesOf1460BytesNothingIsLost) {
     SegmentingProxy proxy(m_server.NfsPort(), [] { return std::size_t{1460}; });
     WriteReadAndCompare(proxy.Port());
     EXPECT_GT(proxy.Pieces(), kFiles * kFileSize / 1460);
 }
 
-TEST_F(SegmentedWire, InRandomPiecesNothingIsLost) {
+TEST_F(SegmentedWireTest, InRandomPiecesNothingIsLost) {
     const std::uint64_t seed = RandomSeed();
     std::printf("VELOCAST_SEED=%llu\n", static_cast<unsigned long long>(seed));
     std::mt19937_64 random(seed);
@@ -272,7 +272,7 @@ TEST_F(SegmentedWire, InRandomPiecesNothingIsLost) {
 }
 
 // The interface of this test's own namespace, made to carry what an Ethernet does.
-TEST_F(SegmentedWire, OverAnInterfaceWithoutOffloadsNothingIsLost) {
+TEST_F(SegmentedWireTest, OverAnInterfaceWithoutOffloadsNothingIsLost) {
     const std::vector<std::vector<std::string>> commands = {
         {"ip", "link", "set", "lo", "mtu", "1500"},
         {"ethtool", "-K", "lo", "tso", "off", "gso", "off", "gro", "off"}};

@@ -57,7 +57,7 @@ private:
 // How the server is stopped, and what its mute controller has asked for.
 using Stop = std::tuple<std::string, std::string>;
 
-class AskedByAMuteController : public testing::TestWithParam<Stop> {
+class AskedByAMuteControllerTest : public testing::TestWithParam<Stop> {
 protected:
     Bytes Request() const {
         const std::string& asked = std::get<1>(GetParam());
@@ -76,7 +76,7 @@ protected:
 
 }  // namespace
 
-TEST_P(AskedByAMuteController, AServerStopsInTime) {
+TEST_P(AskedByAMuteControllerTest, AServerStopsInTime) {
     server.AddExport(folder.Path(), "vm01");
     ipctest::Exchange(ipcvectors::kAddSession);
     server.Console("addvsphereinfo ds1 127.0.0.1 443 me pw");
@@ -102,7 +102,7 @@ TEST_P(AskedByAMuteController, AServerStopsInTime) {
     EXPECT_FALSE(FileExists(folder / "_test"));
 }
 INSTANTIATE_TEST_SUITE_P(
-    Ways, AskedByAMuteController,
+    Ways, AskedByAMuteControllerTest,
     testing::Combine(testing::Values("quit", "terminate", "interrupt", "shutdown"),
                      testing::Values("mounts", "sessions", "datastores", "test")),
     [](const auto& stop) { return std::get<0>(stop.param) + "_" + std::get<1>(stop.param); });
